@@ -1,0 +1,89 @@
+// tovra-cli decode IN OUT [--format raw|wav|aif|au|voc]: the file job from the command line.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "cli/commands.h"
+#include "cli/console.h"
+#include "session/messages.h"
+#include "session/session.h"
+#include "session/writers.h"
+
+namespace cli {
+
+namespace {
+
+constexpr const char* format_names[] = {"raw", "wav", "aif", "au", "voc"};
+
+// The format by OUT's extension, as users name their files; anything unknown is raw.
+int32_t format_from_extension(std::string_view path) {
+  size_t dot = path.rfind('.');
+  size_t slash = path.rfind('/');
+  if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash)) return session::EXT_RAW;
+  std::string ext(path.substr(dot + 1));
+  for (char& c : ext) c = char(c >= 'A' && c <= 'Z' ? c + 32 : c);
+  if (ext == "wav") return session::EXT_WAV;
+  if (ext == "aif" || ext == "aiff") return session::EXT_AIF;
+  if (ext == "au" || ext == "snd") return session::EXT_AU;
+  if (ext == "voc") return session::EXT_VOC;
+  return session::EXT_RAW;
+}
+
+}  // namespace
+
+int cmd_decode(int argc, char** argv) {
+  const char* in = nullptr;
+  const char* out = nullptr;
+  int32_t format = -1;
+  for (int i = 0; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--format") == 0 && i + 1 < argc) {
+      ++i;
+      for (int32_t f = 0; f < 5; ++f)
+        if (std::strcmp(argv[i], format_names[f]) == 0) format = f;
+      if (format < 0) {
+        std::fprintf(stderr, "tovra-cli decode: unknown format '%s' (raw, wav, aif, au, voc)\n", argv[i]);
+        return 2;
+      }
+    } else if (!in) {
+      in = argv[i];
+    } else if (!out) {
+      out = argv[i];
+    } else {
+      std::fprintf(stderr, "tovra-cli decode: unexpected argument '%s'\n", argv[i]);
+      return 2;
+    }
+  }
+  if (!in || !out) {
+    std::fputs("usage: tovra-cli decode IN OUT [--format raw|wav|aif|au|voc]\n", stderr);
+    return 2;
+  }
+  session::options.ext_filter = format >= 0 ? format : format_from_extension(out);
+
+  install_console(0);
+  int32_t code = session::start_decode_file(in, out);
+  switch (code) {
+    case session::START_OK:
+      break;
+    case session::START_NO_INPUT:
+      std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, in);
+      return 1;
+    case session::START_NO_OUTPUT:
+      std::fprintf(stderr, "%s: 出力ファイルを作成できません\n", session::CAPTION);
+      return 1;
+    default:
+      // open_stream spoke for itself where it had anything to say; silence otherwise.
+      if (console.boxes.load() == 0) std::fprintf(stderr, "tovra-cli decode: no MPEG audio found in '%s'\n", in);
+      return 1;
+  }
+  console.total.store(session::stream.frame_count);
+  session::wait_file_job();
+  finish_progress();
+  if (session::state.write_failed.load()) {
+    std::fprintf(stderr, "%s: 書込みエラー\n", session::CAPTION_ERROR);
+    return 1;
+  }
+  return console.ended.load() && console.boxes.load() == 0 ? 0 : 1;
+}
+
+}  // namespace cli

@@ -1,0 +1,13 @@
+// Placeholder until this command's subsystem lands.
+#include <cstdio>
+
+#include "cli/commands.h"
+
+namespace cli {
+
+int cmd_split(int, char**) {
+  std::fputs("tovra-cli: 'split' is not available in this build\n", stderr);
+  return 2;
+}
+
+}  // namespace cli

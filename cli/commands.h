@@ -1,0 +1,16 @@
+// tovra-cli subcommands. Each returns the process exit status: 0 only when the job ended as done.
+#pragma once
+
+namespace cli {
+
+int cmd_info(int argc, char** argv);
+int cmd_decode(int argc, char** argv);
+int cmd_settings(int argc, char** argv);
+int cmd_resample(int argc, char** argv);
+int cmd_split(int argc, char** argv);
+int cmd_play(int argc, char** argv);
+
+// The demo stream that the build makes, for runs without arguments.
+const char* demo_stream_path();
+
+}  // namespace cli

@@ -1,0 +1,69 @@
+#include "cli/console.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <mutex>
+
+#include "session/messages.h"
+
+namespace cli {
+
+Console console;
+
+namespace {
+
+std::mutex print_lock;  // messages arrive on job threads; keep lines whole
+bool bar_shown = false;
+
+void on_message(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, bool) {
+  (void)window;
+  if (console.on_message && console.on_message(msg, wparam, lparam)) return;
+  if (msg == session::MSG_PROGRESS_FRAMES) {
+    console.done.store(wparam);
+    draw_progress(wparam, console.total.load());
+  } else if (msg == session::MSG_PROGRESS_END) {
+    console.ended.store(1);
+  }
+}
+
+int32_t on_box(const char* caption, const char* text, int32_t kind) {
+  std::lock_guard<std::mutex> lock(print_lock);
+  if (bar_shown) std::fputs("\r\033[K", stderr);
+  bar_shown = false;
+  std::fprintf(stderr, "%s: %s\n", caption, text);
+  console.boxes.fetch_add(1);
+  // Nobody answers at a console: questions get the cautious answer.
+  return kind == session::BOX_YES_NO ? session::ANSWER_NO : session::ANSWER_OK;
+}
+
+}  // namespace
+
+void install_console(int64_t total) {
+  console.total.store(total);
+  console.done.store(0);
+  console.ended.store(0);
+  session::set_sink({on_message, on_box});
+  session::set_window_open(session::WINDOW_PROGRESS, true);
+}
+
+void draw_progress(int64_t done, int64_t total) {
+  if (!isatty(STDERR_FILENO)) return;
+  std::lock_guard<std::mutex> lock(print_lock);
+  constexpr int width = 40;
+  int64_t filled = total > 0 ? (done >= total ? width : done * width / total) : 0;
+  int percent = total > 0 ? int(done >= total ? 100 : done * 100 / total) : 0;
+  std::fputs("\r[", stderr);
+  for (int i = 0; i < width; ++i) std::fputc(i < filled ? '#' : '.', stderr);
+  std::fprintf(stderr, "] %3d%%", percent);
+  std::fflush(stderr);
+  bar_shown = true;
+}
+
+void finish_progress() {
+  std::lock_guard<std::mutex> lock(print_lock);
+  if (bar_shown) std::fputs("\r\033[K", stderr);
+  bar_shown = false;
+}
+
+}  // namespace cli

@@ -1,0 +1,54 @@
+// tovra-cli: the command-line front end to the engine, for scripts, tests and benchmarks.
+#include <cstdio>
+#include <cstring>
+
+#include "cli/commands.h"
+#include "decoder/decoder.h"
+
+namespace {
+
+struct Command {
+  const char* name;
+  int (*run)(int argc, char** argv);
+  const char* usage;
+};
+
+constexpr Command commands[] = {
+    {"info", cli::cmd_info, "info [--frames] FILE...      stream facts (and each frame's header)"},
+    {"decode", cli::cmd_decode, "decode IN OUT [--format raw|wav|aif|au|voc]   MPEG audio to PCM file"},
+    {"play", cli::cmd_play, "play [options] [FILE|LIST...]   play through the sound device"},
+    {"settings", cli::cmd_settings, "settings [--file PATH] [--save]   effective settings"},
+    {"resample", cli::cmd_resample,
+     "resample IN OUT --rate HZ [--bits 8|16] [--channels 1|2] [--quality Q]   WAVE to WAVE"},
+    {"split", cli::cmd_split, "split IN OUT                 audio of an MPEG-1 system stream"},
+};
+
+void usage(std::FILE* to) {
+  std::fputs("usage: tovra-cli COMMAND [ARGS]\n\ncommands:\n", to);
+  for (const Command& c : commands) std::fprintf(to, "  %s\n", c.usage);
+}
+
+}  // namespace
+
+namespace cli {
+
+const char* demo_stream_path() { return TOVRA_DEMO_DIR "/demo.mp2"; }
+
+}  // namespace cli
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    usage(stderr);
+    return 2;
+  }
+  if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
+    usage(stdout);
+    return 0;
+  }
+  decoder::init_decoder_tables();
+  for (const Command& c : commands)
+    if (std::strcmp(argv[1], c.name) == 0) return c.run(argc - 2, argv + 2);
+  std::fprintf(stderr, "tovra-cli: unknown command '%s'\n", argv[1]);
+  usage(stderr);
+  return 2;
+}

@@ -1,0 +1,25 @@
+// Synthesis filter banks: subband_samples of one channel to 16-bit PCM in pcm_block.
+#pragma once
+
+#include <cstdint>
+
+namespace decoder {
+
+// 32 subbands by 18 time slots; 1.0 is full scale. Filled by the Layer II and III decoders.
+extern float subband_samples[32][18];
+// 576 stereo frames of signed 16-bit samples, each at its full-rate place.
+extern int16_t pcm_block[1152];
+// The same for Layer I.
+extern int16_t pcm_block_l1[1152];
+
+void synth_full(int32_t channel);
+void synth_mono(int32_t channel);
+void synth_half(int32_t channel);
+void synth_quarter(int32_t channel);
+void synth_fast(int32_t channel);
+void synth_overdrive(int32_t channel);
+
+// De-emphasis and Hi-Fi treatment of subband_samples in place, by emphasis_mode.
+void treat_subbands();
+
+}  // namespace decoder

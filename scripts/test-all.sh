@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Builds and tests the whole matrix: release (all tests), ASan+UBSan (all tests), a short bounded
+# run of every fuzz target, and ThreadSanitizer over the threaded tests.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=$(nproc)
+fuzz_seconds=${TOVRA_FUZZ_SECONDS:-20}
+
+cmake --preset release >/dev/null
+cmake --build --preset release -j "$jobs"
+ctest --preset release -j "$jobs"
+
+cmake --preset asan >/dev/null
+cmake --build --preset asan -j "$jobs"
+ctest --preset asan -j "$jobs"
+
+# Every fuzz target for a bounded time; a crash, a sanitizer report or a hang fails the run.
+shopt -s nullglob
+for fuzzer in build/asan/tests/fuzz_*; do
+  name=$(basename "$fuzzer")
+  corpus=build/asan/corpus/$name
+  mkdir -p "$corpus"
+  echo "fuzzing $name for ${fuzz_seconds}s"
+  "$fuzzer" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=0 \
+    "$corpus" >"build/asan/$name.log" 2>&1 || { tail -50 "build/asan/$name.log"; exit 1; }
+done
+
+# ThreadSanitizer over the tests that run threads (label "threads").
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan -j "$jobs"
+ctest --preset tsan -j "$jobs" -L threads --no-tests=ignore

@@ -1,0 +1,108 @@
+// Frame reader: the sync search over the session's input file, the four-byte MPEG audio header,
+// the CRC bytes, the 48-byte frame head and the 4096-byte bit reservoir with its bit reads.
+//
+// Only the session's thread reads frames. open_stream and the start operations use the same state
+// on the main thread, before the session's thread exists. Nothing here is shared with the wave thread.
+//
+// Header layout (32 bits, most significant first):
+//
+//   AAAAAAAA AAAABCCD EEEEFFGH IIJJKLMM
+//   A sync (FFF; FFE is MPEG 2.5)   B id        C layer_code   D protection_bit
+//   E bitrate_index  F sampling_index  G padding_bit  H private_bit
+//   I mode           J mode_ext        K copyright    L original     M emphasis
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+namespace session {
+
+// Twelve signed words in header order; callers copy it field by field.
+struct FrameHeader {
+  int32_t id;              // 1 MPEG-1, 0 MPEG-2
+  int32_t layer_code;      // 3 Layer I, 2 Layer II, 1 Layer III
+  int32_t protection_bit;  // 0 means a CRC follows
+  int32_t bitrate_index;   // 1-14 valid
+  int32_t sampling_index;  // 0-2 valid
+  int32_t padding_bit;
+  int32_t private_bit;
+  int32_t mode;      // 0 stereo, 1 joint, 2 dual, 3 single channel
+  int32_t mode_ext;  // zeroed when mode is 0
+  int32_t copyright;
+  int32_t original;
+  int32_t emphasis;
+};
+static_assert(sizeof(FrameHeader) == 12 * 4);
+
+// read_frame codes. 260 and 261 are only used as message selectors by open_stream.
+enum ReadCode : int32_t {
+  FRAME_OK = 0,                // Layer II or III header, file behind its 4 bytes
+  FRAME_LAYER1 = 256,          // Layer I header
+  FRAME_EOF_AFTER_SYNC = 257,  // end of file while stepping after a rejected FFF sync
+  FRAME_MPEG25 = 258,          // FFE sync with acceptable fields
+  FRAME_FREE_FORMAT = 259,     // Layer II/III with bit-rate index 0
+  FRAME_SYNC_ERROR = 260,
+  FRAME_VIDEO = 261,
+  FRAME_SHORT = 262,  // fewer than 4 bytes left at the call
+  FRAME_EOF = 263,    // end of file while stepping after any other pattern
+};
+
+constexpr int32_t RESERVOIR_SIZE = 4096;
+// Storage behind the ring: takes a whole frame that runs over the ring's end (the largest is a
+// 384 kbit/s Layer II frame at 32 kHz, 1729 bytes), and keeps the four guard bytes that repeat
+// the ring's start so that a 32-bit read at the end needs no wrap test.
+constexpr int32_t RESERVOIR_GUARD = 2048;
+constexpr uint32_t RESERVOIR_BIT_MASK = 0x7FFF;  // 4096 * 8 bits
+
+struct FrameReader {
+  std::FILE* file = nullptr;  // the session's input file; owned by the session, not by the reader
+  uint8_t frame_head[48] = {};
+  int32_t frame_head_bits = 0;
+};
+
+struct BitReader {
+  uint8_t reservoir[RESERVOIR_SIZE + RESERVOIR_GUARD] = {};
+  int32_t reservoir_write = 0;  // next byte to land, 0-4095
+  uint32_t reservoir_bits = 0;  // read position in bits, modulo 32768
+};
+
+extern FrameReader reader;
+extern BitReader bits;
+
+// Sync search and header parse; fills header on codes 0 and 256.
+int32_t read_frame(FrameHeader& header);
+// Reads the two CRC bytes into frame_head and sets its bit position to 16. The CRC is not checked.
+void skip_crc();
+// Position 0, frame_head cleared.
+void reset_frame_reader();
+// Clears the reservoir, its write offset and read position.
+void reset_bit_reader();
+// Reads n bytes of the input file into the reservoir at reservoir_write, keeping the guard.
+void load_reservoir(int32_t n);
+// Copies the ring's first four bytes into the guard (done once at the start of a track).
+void sync_reservoir_guard();
+// Reads n bytes of the input file into frame_head from byte 0 (side information); short reads
+// leave zeros. Returns the bytes read.
+int32_t read_frame_head(int32_t n);
+
+// Bit reads from the reservoir, n from 1 to 25.
+inline uint32_t peek_bits(int32_t n) {
+  const uint8_t* p = bits.reservoir + (bits.reservoir_bits >> 3);
+  uint32_t w = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+  return (w << (bits.reservoir_bits & 7)) >> (32 - n);
+}
+inline uint32_t get_bits_nonzero(int32_t n) {
+  uint32_t v = peek_bits(n);
+  bits.reservoir_bits = (bits.reservoir_bits + uint32_t(n)) & RESERVOIR_BIT_MASK;
+  return v;
+}
+inline uint32_t get_bits(int32_t n) { return n == 0 ? 0 : get_bits_nonzero(n); }
+inline uint32_t peek_bit() { return peek_bits(1); }
+// The next bit in bit 31 of the result: 0 or 0x80000000.
+inline uint32_t get_bit_msb() { return get_bits_nonzero(1) << 31; }
+
+// Reads from frame_head at frame_head_bits (side information), n from 1 to 25. Reads past the
+// 48 bytes give zeros.
+uint32_t head_bits(int32_t n);
+
+}  // namespace session

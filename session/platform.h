@@ -1,0 +1,25 @@
+// The few facts of the system that change behaviour: the system family the program was written
+// for (TOVRA_PLATFORM=win9x|nt|old, default win9x) and thread priorities as nice values.
+#pragma once
+
+#include <cstdint>
+
+namespace session {
+
+enum PlatformFamily : int32_t { PLATFORM_WIN9X = 0, PLATFORM_NT = 1, PLATFORM_OLD = 2 };
+
+// Read once from TOVRA_PLATFORM; an unknown value counts as win9x.
+int32_t platform_family();
+inline bool is_not_win9x() { return platform_family() != PLATFORM_WIN9X; }
+
+enum ThreadPriority : int32_t {
+  PRIORITY_BELOW_NORMAL = -1,
+  PRIORITY_NORMAL = 0,
+  PRIORITY_ABOVE_NORMAL = 1,
+  PRIORITY_HIGHEST = 2,
+};
+
+// Sets the calling thread's nice value for the level; a refusal (no privilege) is ignored.
+void set_current_thread_priority(int32_t level);
+
+}  // namespace session

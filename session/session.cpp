@@ -1,0 +1,243 @@
+// The file job: one thread that decodes one file, or the jobs of a batch list one after another,
+// into PCM files through the writers.
+//
+// Threads: start_decode_file runs on the main thread while no job exists; decode_file_thread owns
+// the input file, the output file and the decoder state until it ends. The main thread stops it only
+// through file_job_cancel, which the job reads once a frame.
+#include "session/session.h"
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "decoder/decoder.h"
+#include "session/messages.h"
+#include "session/platform.h"
+#include "session/stream.h"
+#include "session/writers.h"
+#include "decoder/synth.h"
+
+namespace session {
+
+OutputOptions options;
+StreamInfo stream;
+State state;
+
+namespace {
+
+constexpr int32_t PROGRESS_INTERVAL = 10;  // frames between progress messages
+// The progress rate is the MPEG-1 row by sampling index, for MPEG-2 streams too.
+constexpr int32_t progress_rate[3] = {44100, 48000, 32000};
+
+std::thread job_thread;
+
+constexpr auto relaxed = std::memory_order_relaxed;
+
+enum Outcome { OUTCOME_DONE, OUTCOME_CANCELLED, OUTCOME_FATAL };
+
+void sleep_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+void close_files() {
+  if (state.out_file) std::fclose(state.out_file);
+  state.out_file = nullptr;
+  if (reader.file) std::fclose(reader.file);
+  reader.file = nullptr;
+}
+
+// Messages of the running job go to the batch list if one exists, else to the progress window.
+void report_progress(int32_t frames, int32_t sampling_index) {
+  post_message(WINDOW_PROGRESS, MSG_PROGRESS_FRAMES, frames, progress_rate[sampling_index % 3]);
+}
+
+// Walks one job's frames. Returns the outcome; frames and the last header are left for the reports.
+Outcome decode_frames(int32_t& frames) {
+  FrameHeader& header = state.last_header;
+  for (;;) {
+    int32_t code = read_frame(header);
+    if (code == FRAME_OK || code == FRAME_LAYER1) {
+      if (header.protection_bit == 0) skip_crc();
+    } else if (code == FRAME_SHORT || code == FRAME_EOF) {
+      if (state.file_job_active.load(relaxed) && options.ext_filter >= EXT_WAV && options.ext_filter <= EXT_VOC)
+        finish_header(options.ext_filter, header);
+      return OUTCOME_DONE;
+    } else {
+      // A reader failure looks like an end: no frame skipping in a file job, and no header.
+      return OUTCOME_DONE;
+    }
+    if (state.file_job_cancel.load(relaxed)) return OUTCOME_CANCELLED;
+    // A stray Layer I header goes to the Layer II decoder, as any non-Layer III frame does.
+    if (header.layer_code == 1) {
+      decoder::decode_layer3_frame(header);
+    } else if (decoder::decode_layer2_frame(header) != 0) {
+      return OUTCOME_FATAL;
+    }
+    // On NT the job yields to the system every 64 frames.
+    if (platform_family() == PLATFORM_NT && frames % 64 == 0) sleep_ms(10);
+    ++frames;
+    if (frames % PROGRESS_INTERVAL == 0) report_progress(frames, header.sampling_index);
+  }
+}
+
+void end_thread() {
+  state.file_job_idle.store(1, relaxed);
+  state.file_job_active.store(0, relaxed);
+  if (state.file_job_cancel.load(relaxed) && !options.leave && !state.out_path.empty())
+    std::remove(state.out_path.c_str());
+  state.decoder_command.store(CMD_STOP, relaxed);
+  state.file_job_cancel.store(1, relaxed);
+}
+
+void fatal_decode_error(bool in_batch, int32_t job_index) {
+  message_box("Error", "エラー発生 - 中断します");
+  post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
+  if (in_batch) {
+    post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_FAILED, job_index);
+    post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_LIST_FINISHED, job_index);
+  }
+  close_files();
+}
+
+void decode_file_thread() {
+  state.file_job_idle.store(0, relaxed);
+  state.file_job_active.store(1, relaxed);
+  if (options.prior_cnv && platform_family() != PLATFORM_NT) set_current_thread_priority(PRIORITY_ABOVE_NORMAL);
+
+  const bool in_batch = batch_active();
+  int32_t job_index = 0;
+  int32_t frames = 0;
+  int32_t sampling_index = 0;
+  for (;;) {
+    decoder::reset_synth_indices();
+    state.synth_slot = stream.mode == 3 ? decoder::synth_mono : decoder::synth_full;
+    reserve_header(options.ext_filter);
+    if (in_batch) post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_STARTED, job_index);
+
+    Outcome outcome;
+    frames = 0;
+    if (stream.layer == 1) {
+      decoder::decode_layer1_stream();
+      bool ok = state.decoder_command.load(relaxed) != CMD_STOP;
+      if (ok) post_message(WINDOW_PROGRESS, MSG_PROGRESS_FRAMES, stream.frame_count, stream.frame_count);
+      // Later reports of a Layer I job use these constants: the job counts no frames of its own.
+      frames = 44100;
+      sampling_index = 0;
+      outcome = state.file_job_cancel.load(relaxed) ? OUTCOME_CANCELLED : OUTCOME_DONE;
+    } else {
+      outcome = decode_frames(frames);
+      sampling_index = state.last_header.sampling_index;
+    }
+    if (outcome == OUTCOME_FATAL) {
+      fatal_decode_error(in_batch, job_index);
+      end_thread();
+      return;
+    }
+
+    if (in_batch) {
+      post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, outcome == OUTCOME_DONE ? JOB_DONE : JOB_CANCELLED, job_index);
+    } else {
+      if (outcome == OUTCOME_DONE && stream.layer != 1) report_progress(frames, sampling_index);
+      post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
+    }
+    close_files();
+    if (!in_batch) break;
+
+    // Next job of the batch list: -1 means nothing to do at that index, a value outside 0-4 that
+    // the list is exhausted.
+    bool more = false;
+    std::string in_path, out_path;
+    for (;;) {
+      ++job_index;
+      int32_t format = batch_fetch_job(job_index, in_path, out_path);
+      if (format == -1) continue;
+      if (format < 0 || format > 4) break;
+      options.ext_filter = format;
+      reader.file = std::fopen(in_path.c_str(), "rb");
+      if (reader.file) {
+        reset_decoding();
+        if (open_stream() == STREAM_OK) {
+          more = true;
+          break;
+        }
+        std::fclose(reader.file);
+        reader.file = nullptr;
+      }
+      post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_NOT_READABLE, job_index);
+    }
+    if (more) {
+      state.out_file = std::fopen(out_path.c_str(), "w+b");
+      if (!state.out_file) {
+        close_files();
+        message_box(CAPTION, "出力ファイルを作成できません");
+        more = false;
+      }
+    }
+    if (!more) {
+      report_progress(frames, sampling_index);
+      post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_LIST_FINISHED, job_index);
+      post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
+      break;
+    }
+    state.damaged_flag.store(0, relaxed);
+    if (state.file_job_cancel.load(relaxed)) {
+      // Cancel was pressed on the job just ended: drop its output, wait for the progress window to
+      // close, and let the rest of the list go on.
+      if (!options.leave && !state.out_path.empty()) std::remove(state.out_path.c_str());
+      while (window_open(WINDOW_PROGRESS)) sleep_ms(20);
+      send_message(WINDOW_BATCH, MSG_BATCH_PROGRESS_GONE);
+      state.file_job_cancel.store(0, relaxed);
+    } else {
+      post_message(WINDOW_PROGRESS, MSG_PROGRESS_NEXT);
+    }
+    state.out_path = out_path;
+  }
+  end_thread();
+}
+
+}  // namespace
+
+void reset_decoding() {
+  reset_frame_reader();
+  reset_bit_reader();
+  decoder::reset_decoder_state();
+}
+
+int32_t start_decode_file(const char* in_path, const char* out_path) {
+  if (state.file_job_cancel.load(relaxed) == 0) return START_BUSY;
+  if (job_thread.joinable()) job_thread.join();  // a finished job's thread
+  reader.file = std::fopen(in_path, "rb");
+  if (!reader.file) return START_NO_INPUT;
+  state.out_file = std::fopen(out_path, "w+b");
+  if (!state.out_file) {
+    std::fclose(reader.file);
+    reader.file = nullptr;
+    return START_NO_OUTPUT;
+  }
+  reset_decoding();
+  if (open_stream() != STREAM_OK) {
+    close_files();
+    std::remove(out_path);
+    return START_OPEN_FAILED;
+  }
+  state.decoded_channels = 0;
+  state.damaged_flag.store(0, relaxed);
+  state.file_job_cancel.store(0, relaxed);
+  state.decoder_command.store(CMD_RUN, relaxed);
+  state.paused.store(0, relaxed);
+  state.shaper_slot = write_decoded_block;
+  state.write_failed.store(0, relaxed);
+  state.out_path = out_path;
+  // Marked busy before the thread runs, so that a second start is refused at once.
+  state.file_job_idle.store(0, relaxed);
+  job_thread = std::thread(decode_file_thread);
+  return START_OK;
+}
+
+void wait_file_job() {
+  if (job_thread.joinable()) job_thread.join();
+}
+
+// The batch list is not built yet: there is never a batch.
+int32_t batch_fetch_job(int32_t, std::string&, std::string&) { return 5; }
+bool batch_active() { return false; }
+
+}  // namespace session

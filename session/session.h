@@ -1,0 +1,135 @@
+// Decode sessions: the state that the play session and the file job share, and the file job.
+//
+// There is one session at a time: the play thread or the file-job thread, never both. Its state is
+// process-wide. Words that the main thread, the session thread and the wave thread share without a
+// lock are std::atomic with relaxed loads and stores; each has one writer per purpose, and the
+// polling sleeps around them carry the ordering that the program relies on.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "session/frame_reader.h"
+
+namespace session {
+
+// The user's output choices. Loaded and saved by the settings store; a session copies what it needs
+// at the start of each track, so edits take effect with the next track.
+struct OutputOptions {
+  uint32_t rate_setting = 4;  // bits 0-1 "Rate" (0 full, 1 half, 2 quarter, 3 the 1/8 position), bit 2 "Overdrive"
+  int32_t mpeg2_relief = 0;   // "Mpeg2R"
+  int32_t pentium_synth = 0;  // "Pentium"
+  int32_t stereo = 1;         // "Stereo"
+  int32_t sixteen_bit = 1;    // "16bit"
+  int32_t alias = 1;          // "Alias": kept and saved, read by nothing
+  int32_t emphasis = 1;       // "Emphasis"
+  int32_t hi_fi = 0;          // "Hi-Fi"
+  int32_t force_de_emphasis = 0;  // "ForceDeEmphasis": 1 and 3 override the stream's field
+  int32_t powersave = 0;          // "Powersave"
+  int32_t prior_dec = 0;          // "Prior_dec"
+  int32_t prior_cnv = 0;          // "Prior_cnv"
+  int32_t leave = 0;              // "Leave": keep a cancelled output file
+  int32_t ext_filter = 1;         // "ExtFilter": 0 raw, 1 wav, 2 aif, 3 au, 4 voc
+  int32_t repeat = 0;             // "Repeat": 0 stop at the end, 1 wrap, 2 random
+};
+
+// The RIFF LIST INFO items that open_stream records, by slot.
+constexpr int32_t LIST_INFO_SLOTS = 9;
+
+// Facts of the one open stream, valid from a successful open_stream until the next.
+struct StreamInfo {
+  int32_t data_start = 0;
+  int32_t data_end = 0;
+  int32_t file_size = 0;
+  int32_t data_size = 0;
+  int32_t frame_bytes = 0;
+  int32_t frame_count = 0;
+  int32_t bitrate_kbps = 0;
+  int32_t play_seconds = 0;
+  int32_t sample_rate = 0;
+  int32_t sample_rate_khz = 0;
+  int32_t mpeg_id = -1;  // -1 while a stream is being opened
+  int32_t layer = 0;     // 1, 2 or 3
+  int32_t mode = 0;
+  int32_t mode_ext = 0;
+  int32_t protection = 0;
+  int32_t private_bit = 0;
+  int32_t copyright = 0;
+  int32_t original = 0;
+  int32_t emphasis_mode = 0;  // stream's (or forced) emphasis, plus 4 with "Hi-Fi"
+  uint8_t tag_buffer[128] = {};
+  int32_t list_info[LIST_INFO_SLOTS][2] = {};  // absolute offset, size
+};
+
+enum DecoderCommand : int32_t { CMD_RUN = 0, CMD_STOP = 1, CMD_JUMP = 2, CMD_FORWARD = 3, CMD_BACK = 4 };
+
+// start_decode_file results.
+enum StartCode : int32_t {
+  START_OK = 0,
+  START_BUSY = 1,
+  START_NO_INPUT = 2,
+  START_NO_OUTPUT = 3,
+  START_NOT_MPEG = 4,
+  START_URL = 5,
+  START_OPEN_FAILED = 6,
+};
+
+// One synthesis variant per track: channel 0 or 1.
+using SynthFn = void (*)(int32_t channel);
+// One shaper per track: moves the finished pcm_block (or pcm_block_l1) onwards.
+using ShaperFn = void (*)();
+
+using Word = std::atomic<int32_t>;
+
+struct State {
+  // Shared between threads (main thread writes commands, session thread acts on them).
+  Word decoder_command{CMD_STOP};
+  Word seek_target{0};
+  Word decoder_running{0};
+  Word paused{0};
+  Word file_job_active{0};
+  Word file_job_idle{1};
+  Word file_job_cancel{1};  // 1 at rest and after Cancel, 0 while a converter thread works
+  Word damaged_flag{0};
+  Word play_requested{0};
+  Word write_failed{0};
+
+  // Owned by the session thread while one runs, by the main thread otherwise.
+  SynthFn synth_slot = nullptr;
+  ShaperFn shaper_slot = nullptr;
+  int32_t decoded_channels = 0;
+  int32_t rate_shift = 0;
+  int32_t session_stereo = 1;
+  int32_t session_16bit = 1;
+  int32_t session_emphasis = 1;
+  int32_t session_alias = 1;  // copied per track, read by nothing
+  int32_t session_hi_fi = 0;  // copied per track, read by nothing
+
+  std::FILE* out_file = nullptr;
+  std::string out_path;  // deleted on cancel unless "Leave"
+  FrameHeader last_header{};
+};
+
+extern OutputOptions options;
+extern StreamInfo stream;
+extern State state;
+
+// Clears the frame reader, the reservoir, the synthesis history, the Layer III buffers and
+// pcm_block, as both start operations do.
+void reset_decoding();
+
+// Starts a file job converting in_path to out_path in options.ext_filter's format.
+// Returns START_OK, START_BUSY, START_NO_INPUT, START_NO_OUTPUT or START_OPEN_FAILED.
+int32_t start_decode_file(const char* in_path, const char* out_path);
+// Blocks until the file-job thread (if any) has ended. For front ends without a message loop.
+void wait_file_job();
+
+// Hooks for the batch converter (batch list and job paths); stubs until the batch window exists.
+// Fetches job index's paths and format; returns -1 for nothing to do, a value outside 0-4 when the
+// list is exhausted, else the job's ext_filter.
+int32_t batch_fetch_job(int32_t index, std::string& in_path, std::string& out_path);
+bool batch_active();
+
+}  // namespace session

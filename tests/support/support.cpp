@@ -1,0 +1,87 @@
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace test {
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "tovra-test-XXXXXX").string();
+  char* made = mkdtemp(pattern.data());
+  path = made ? made : "";
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  if (!path.empty()) std::filesystem::remove_all(path, ec);
+}
+
+int run(const std::string& command) {
+  int status = std::system(command.c_str());
+  if (status == -1) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string run_output(const std::string& command, int* status) {
+  std::string out;
+  FILE* p = popen(command.c_str(), "r");
+  if (!p) {
+    if (status) *status = -1;
+    return out;
+  }
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+  int st = pclose(p);
+  if (status) *status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  return out;
+}
+
+bool have_tool(const std::string& name) { return run("command -v " + name + " >/dev/null 2>&1") == 0; }
+
+std::vector<uint8_t> read_file(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), {});
+}
+
+void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream f(path, std::ios::binary);
+  f.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+}
+
+std::vector<int16_t> read_pcm16(const std::string& path, size_t skip_bytes) {
+  std::vector<uint8_t> bytes = read_file(path);
+  std::vector<int16_t> out;
+  for (size_t i = skip_bytes; i + 1 < bytes.size(); i += 2) out.push_back(int16_t(bytes[i] | (bytes[i + 1] << 8)));
+  return out;
+}
+
+std::string vectors_dir() {
+  struct stat st;
+  if (stat(TOVRA_VECTORS_DIR, &st) == 0 && S_ISDIR(st.st_mode)) return TOVRA_VECTORS_DIR;
+  return "";
+}
+
+std::string cli_path() { return TOVRA_CLI; }
+
+int32_t max_abs_diff(const std::vector<int16_t>& a, const std::vector<int16_t>& b, size_t* at) {
+  int32_t worst = 0;
+  size_t n = std::min(a.size(), b.size());
+  for (size_t i = 0; i < n; ++i) {
+    int32_t d = std::abs(int32_t(a[i]) - int32_t(b[i]));
+    if (d > worst) {
+      worst = d;
+      if (at) *at = i;
+    }
+  }
+  return worst;
+}
+
+}  // namespace test
