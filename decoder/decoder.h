@@ -13,6 +13,9 @@ void init_decoder_tables();
 
 // Clears the synthesis ring and its indices, the Layer III overlap and stereo buffers, pcm_block.
 void reset_decoder_state();
+// Clears the Layer III overlap, dequantisation and stereo buffers and its reservoir positions;
+// called by reset_decoder_state.
+void reset_layer3_state();
 // Resets the synthesis column and phase without clearing the ring (a track's first frame).
 void reset_synth_indices();
 

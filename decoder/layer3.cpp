@@ -6,6 +6,8 @@
 
 namespace decoder {
 
+void reset_layer3_state() {}
+
 int32_t decode_layer3_frame(const session::FrameHeader& h) {
   int32_t kbps = session::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
   int32_t hz = session::sample_rate_table[h.id * 3 + h.sampling_index];

@@ -22,6 +22,7 @@ void treat_subbands() {}
 void reset_decoder_state() {
   std::memset(pcm_block, 0, sizeof pcm_block);
   std::memset(pcm_block_l1, 0, sizeof pcm_block_l1);
+  reset_layer3_state();
 }
 void reset_synth_indices() {}
 
