@@ -89,26 +89,39 @@ inline int32_t class_of(int32_t table, int32_t sblimit, int32_t sb, uint32_t cod
   return cls >= 0 && cls < QUANT_CLASSES ? cls : 0;
 }
 
+// A grouped word split into its three digits, least significant first (classes 1, 2 and 4 have
+// 3, 5 and 9 steps; the class table test holds them to it). The step count is a
+// constant here, so the divisions become multiplications.
+template <uint32_t Steps>
+[[gnu::always_inline]] inline void split_group(int32_t cls, float scale, float* out) {
+  const QuantClass& q = quant_class_table[cls];
+  uint32_t word = get_bits(q.bits);
+  const float digit_step = class_digit_constants[cls][0];
+  const float digit_offset = class_digit_constants[cls][1];
+  for (int32_t i = 0; i < 3; ++i) {
+    uint32_t d = word % Steps;
+    word /= Steps;
+    out[i] = (float(int32_t(d)) * digit_step - 1.0f + digit_offset) * q.c * scale;
+  }
+}
+
 // Three samples of one subband and channel in one round.
 inline void read_triple(int32_t cls, float scale, float* out) {
-  const QuantClass& q = quant_class_table[cls];
-  if (q.grouped) {
-    uint32_t word = get_bits(q.bits);
-    const uint32_t steps = uint32_t(q.steps);
-    const float digit_step = class_digit_constants[cls][0];
-    const float digit_offset = class_digit_constants[cls][1];
-    // Least significant digit first.
-    for (int32_t i = 0; i < 3; ++i) {
-      uint32_t d = word % steps;
-      word /= steps;
-      out[i] = (float(int32_t(d)) * digit_step - 1.0f + digit_offset) * q.c * scale;
-    }
-  } else {
-    const float step = class_value_constants[cls][0];
-    const float offset = class_value_constants[cls][1];
-    const float factor = q.c * scale;
-    for (int32_t i = 0; i < 3; ++i) out[i] = (float(int32_t(get_bits(q.bits))) * step + offset) * factor;
+  switch (cls) {
+    case 1:
+      return split_group<3>(cls, scale, out);
+    case 2:
+      return split_group<5>(cls, scale, out);
+    case 4:
+      return split_group<9>(cls, scale, out);
+    default:
+      break;
   }
+  const QuantClass& q = quant_class_table[cls];
+  const float step = class_value_constants[cls][0];
+  const float offset = class_value_constants[cls][1];
+  const float factor = q.c * scale;
+  for (int32_t i = 0; i < 3; ++i) out[i] = (float(int32_t(get_bits(q.bits))) * step + offset) * factor;
 }
 
 }  // namespace

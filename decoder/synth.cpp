@@ -44,8 +44,18 @@ int32_t synth_phase;
 
 namespace {
 
+// The ring again in double precision, written alongside synth_banks (each float converts exactly),
+// so that the window sums read their operands without a conversion per use.
+alignas(64) double ring_wide[2][2][17][16];
+
 // Output sample j's window: 32 doubled entries indexed by 16 - s + column.
 alignas(64) double synth_kernel[32][32];
+
+// Vectors in the compiler's generic form: the baseline build splits them into SSE2 pairs.
+// The helpers are always inlined, so no vector crosses a call and the ABI note does not apply.
+#pragma GCC diagnostic ignored "-Wpsabi"
+typedef double v4d __attribute__((vector_size(32)));
+typedef float v8f __attribute__((vector_size(32)));
 
 // ---- The transform ----
 
@@ -79,20 +89,20 @@ struct SplitConstants<2> {
 
 // X[m] = sum over k of x[k] cos((2k+1) m pi / (2N)): sums feed the even outputs, weighted
 // differences the odd ones through the chain X[2p+1] = B[p] - X[2p-1].
-template <int N>
-[[gnu::always_inline]] inline void dct(const float* x, float* out) {
+template <int N, typename T>
+[[gnu::always_inline]] inline void dct(const T* x, T* out) {
   if constexpr (N == 1) {
     out[0] = x[0];
   } else {
     constexpr int H = N / 2;
-    float a[H], b[H], A[H], B[H];
+    T a[H], b[H], A[H], B[H];
 #pragma GCC unroll 16
     for (int k = 0; k < H; ++k) {
       a[k] = x[k] + x[N - 1 - k];
       b[k] = (x[k] - x[N - 1 - k]) * SplitConstants<N>::c[k];
     }
-    dct<H>(a, A);
-    dct<H>(b, B);
+    dct<H, T>(a, A);
+    dct<H, T>(b, B);
 #pragma GCC unroll 16
     for (int p = 0; p < H; ++p) out[2 * p] = A[p];
     out[1] = B[0] * 0.5f;
@@ -103,30 +113,30 @@ template <int N>
 
 // ---- The window sums ----
 
-// Four-lane vectors in the compiler's generic form: the baseline build splits them into SSE2 pairs.
-// The helpers are always inlined, so no vector crosses a call and the ABI note does not apply.
-#pragma GCC diagnostic ignored "-Wpsabi"
-typedef double v4d __attribute__((vector_size(32)));
-typedef float v4f __attribute__((vector_size(16)));
-
-[[gnu::always_inline]] inline v4d load_widened(const float* p) {
-  v4f f;
-  std::memcpy(&f, p, sizeof f);
-  return __builtin_convertvector(f, v4d);
-}
 [[gnu::always_inline]] inline v4d load4(const double* p) {
   v4d d;
   std::memcpy(&d, p, sizeof d);
   return d;
 }
 
-// One bank row (16 columns) against 16 window entries, in the fixed order described above.
-[[gnu::always_inline]] inline double window_sum(const float* row, const double* w) {
-  v4d acc = load_widened(row) * load4(w);
-  acc += load_widened(row + 4) * load4(w + 4);
-  acc += load_widened(row + 8) * load4(w + 8);
-  acc += load_widened(row + 12) * load4(w + 12);
+// One bank row (16 columns) against 16 window entries, in the fixed order described above: lane k
+// sums the columns k, k+4, k+8, k+12 in that order.
+[[gnu::always_inline]] inline v4d window_lanes(const double* row, const double* w) {
+  v4d acc = load4(row) * load4(w);
+  acc += load4(row + 4) * load4(w + 4);
+  acc += load4(row + 8) * load4(w + 8);
+  acc += load4(row + 12) * load4(w + 12);
+  return acc;
+}
+[[gnu::always_inline]] inline double window_sum(const double* row, const double* w) {
+  v4d acc = window_lanes(row, w);
   return (acc[0] + acc[1]) + (acc[2] + acc[3]);
+}
+// Four sums at once, each finished as (lane0 + lane1) + (lane2 + lane3), exactly as window_sum.
+[[gnu::always_inline]] inline v4d finish4(v4d a, v4d b, v4d c, v4d d) {
+  v4d ab = __builtin_shufflevector(a, b, 0, 4, 2, 6) + __builtin_shufflevector(a, b, 1, 5, 3, 7);
+  v4d cd = __builtin_shufflevector(c, d, 0, 4, 2, 6) + __builtin_shufflevector(c, d, 1, 5, 3, 7);
+  return __builtin_shufflevector(ab, cd, 0, 1, 4, 5) + __builtin_shufflevector(ab, cd, 2, 3, 6, 7);
 }
 
 // Truncation towards zero, then the clip: 32768 and above give 32767, everything else outside the
@@ -135,6 +145,15 @@ typedef float v4f __attribute__((vector_size(16)));
   if (v >= 32767.0) return 32767;
   if (v > -32769.0) return int32_t(v);
   return -32768;
+}
+typedef int32_t v4i __attribute__((vector_size(16)));
+[[gnu::always_inline]] inline v4i to_pcm4(v4d v) {
+  const v4d top = {32767.0, 32767.0, 32767.0, 32767.0};
+  const v4d floor = {-32769.0, -32769.0, -32769.0, -32769.0};
+  const v4d bottom = {-32768.0, -32768.0, -32768.0, -32768.0};
+  v4d r = v >= top ? top : v;
+  r = r > floor ? r : bottom;  // NaN fails both tests and lands here
+  return __builtin_convertvector(r, v4i);
 }
 
 // ---- The variants ----
@@ -161,23 +180,60 @@ constexpr Variant QUARTER = {EVERY_FOURTH, FILL_NONE, ADDR_BY_CHANNELS};
 constexpr Variant FAST = {ALL_SAMPLES & ~FAST_GAPS, FILL_FAST, ADDR_BY_CHANNELS};
 constexpr Variant OVERDRIVE = {EVEN_SAMPLES, FILL_OVERDRIVE, ADDR_BY_CHANNELS};
 
-// Stores one slot's transform into the ring: 2V[0..15] into bank p, 2V[32..48] into bank 1-p.
-[[gnu::always_inline]] inline void store_vector(int32_t t, float (*banks)[17][16], uint32_t s, int32_t p) {
-  float x[32], X[32];
+// The transforms of a call's 18 slots, computed before any of them enters the ring (slot 16
+// reuses slot 0's column). Eight slots run side by side, one per vector lane: every lane performs
+// the scalar transform's operations in the scalar order, so the values are the same. The three
+// batches start at slots 0, 8 and 10 (the last recomputes slots 10-15 with identical results).
+// now[r][t] = 2V[r] = 2X[16 + r] goes to bank p, other[r][t] = 2V[32 + r] = -2X[16 - r] to bank
+// 1-p; the transform's gain of 2 is an exact scaling, applied here.
+struct SlotVectors {
+  alignas(32) float now[16][24];
+  alignas(32) float other[17][24];
+};
+
+[[gnu::always_inline]] inline void transform_slots(SlotVectors& out) {
+  for (int32_t t0 : {0, 8, 10}) {
+    v8f x[32], X[32];
 #pragma GCC unroll 32
-  for (int k = 0; k < 32; ++k) x[k] = subband_samples[k][t];
-  dct<32>(x, X);
-  // The transform's gain of 2 is an exact scaling, applied here.
-  float(*now)[16] = banks[p];
-  float(*other)[16] = banks[1 - p];
+    for (int k = 0; k < 32; ++k) std::memcpy(&x[k], &subband_samples[k][t0], sizeof(v8f));
+    dct<32, v8f>(x, X);
 #pragma GCC unroll 16
-  for (int r = 0; r < 16; ++r) now[r][s] = 2.0f * X[16 + r];  // V[r] = X[16 + r]
+    for (int r = 0; r < 16; ++r) {
+      v8f v = 2.0f * X[16 + r];
+      std::memcpy(&out.now[r][t0], &v, sizeof v);
+    }
 #pragma GCC unroll 17
-  for (int r = 0; r < 17; ++r) other[r][s] = -2.0f * X[16 - r];  // V[32 + r] = -X[16 - r]
+    for (int r = 0; r < 17; ++r) {
+      v8f v = -2.0f * X[16 - r];
+      std::memcpy(&out.other[r][t0], &v, sizeof v);
+    }
+  }
 }
 
+// Slot t into the ring's column s: bank p and bank 1-p, in float and in the double mirror.
+[[gnu::always_inline]] inline void store_slot(const SlotVectors& v, int32_t t, float (*banks)[17][16],
+                                              double (*wide)[17][16], uint32_t s, int32_t p) {
+#pragma GCC unroll 16
+  for (int r = 0; r < 16; ++r) wide[p][r][s] = banks[p][r][s] = v.now[r][t];
+#pragma GCC unroll 17
+  for (int r = 0; r < 17; ++r) wide[1 - p][r][s] = banks[1 - p][r][s] = v.other[r][t];
+}
+
+// The samples a variant computes, in order, as a compile-time list.
+struct SampleList {
+  int32_t count = 0;
+  int32_t j[32] = {};
+};
+constexpr SampleList sample_list(uint32_t mask) {
+  SampleList l;
+  for (int32_t j = 0; j < 32; ++j)
+    if (mask & (1u << j)) l.j[l.count++] = j;
+  return l;
+}
+constexpr int32_t bank_row(int32_t j) { return j <= 16 ? j : 32 - j; }
+
 template <Variant V>
-void synth_run(int32_t channel) {
+[[gnu::always_inline]] inline void synth_run(int32_t channel) {
   if (session::stream.emphasis_mode != 0) treat_subbands();
   const int32_t c = channel & 1;
   float(*banks)[17][16] = synth_banks[c];
@@ -193,14 +249,29 @@ void synth_run(int32_t channel) {
     stride = 1;
   }
 
+  constexpr SampleList list = sample_list(V.computed);
+  constexpr int32_t blocks = list.count / 4;
+  SlotVectors slots;
+  transform_slots(slots);
   for (int32_t t = 0; t < 18; ++t) {
-    store_vector(t, banks, s, p);
-    const float(*bank)[16] = banks[p];
+    store_slot(slots, t, banks, ring_wide[c], s, p);
+    const double(*bank)[16] = ring_wide[c][p];
     const int32_t offset = 16 - int32_t(s);
     int32_t out[32];
-#pragma GCC unroll 32
-    for (int j = 0; j < 32; ++j) {
-      if (V.computed & (1u << j)) out[j] = to_pcm(window_sum(bank[j <= 16 ? j : 32 - j], synth_kernel[j] + offset));
+    // Vector block: four samples per step. Scalar tail: the same sums one by one.
+#pragma GCC unroll 8
+    for (int32_t b = 0; b < blocks; ++b) {
+      const int32_t* j = &list.j[4 * b];
+      v4i v = to_pcm4(finish4(window_lanes(bank[bank_row(j[0])], synth_kernel[j[0]] + offset),
+                              window_lanes(bank[bank_row(j[1])], synth_kernel[j[1]] + offset),
+                              window_lanes(bank[bank_row(j[2])], synth_kernel[j[2]] + offset),
+                              window_lanes(bank[bank_row(j[3])], synth_kernel[j[3]] + offset)));
+      for (int32_t k = 0; k < 4; ++k) out[j[k]] = v[k];
+    }
+#pragma GCC unroll 4
+    for (int32_t i = 4 * blocks; i < list.count; ++i) {
+      const int32_t j = list.j[i];
+      out[j] = to_pcm(window_sum(bank[bank_row(j)], synth_kernel[j] + offset));
     }
     if constexpr (V.fill == FILL_FAST) {
       for (int j : {1, 5, 9, 13, 25, 29}) out[j] = (out[j - 1] + out[j + 1]) >> 1;
@@ -223,9 +294,40 @@ void synth_run(int32_t channel) {
   // 18 toggles: the phase ends the call as it began.
 }
 
+// The portable kernel, and the same kernel built for AVX2 and FMA where the processor has them.
+bool use_wide = false;
+
+template <Variant V>
+void synth_portable(int32_t channel) {
+  synth_run<V>(channel);
+}
+#if defined(__x86_64__)
+template <Variant V>
+[[gnu::target("avx2,fma")]] void synth_wide(int32_t channel) {
+  synth_run<V>(channel);
+}
+#endif
+
+template <Variant V>
+void synth_dispatch(int32_t channel) {
+#if defined(__x86_64__)
+  if (use_wide) return synth_wide<V>(channel);
+#endif
+  synth_portable<V>(channel);
+}
+
 }  // namespace
 
+void use_portable_synth(bool portable) {
+#if defined(__x86_64__)
+  use_wide = !portable && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+#else
+  (void)portable;
+#endif
+}
+
 void init_synth_tables() {
+  use_portable_synth(false);
   for (int32_t j = 0; j < 32; ++j) {
     for (int32_t x = 0; x < 32; ++x) {
       int32_t age = x & 15;
@@ -245,12 +347,12 @@ void init_synth_tables() {
   }
 }
 
-void synth_full(int32_t channel) { synth_run<FULL>(channel); }
-void synth_mono(int32_t channel) { synth_run<MONO>(channel); }
-void synth_half(int32_t channel) { synth_run<HALF>(channel); }
-void synth_quarter(int32_t channel) { synth_run<QUARTER>(channel); }
-void synth_fast(int32_t channel) { synth_run<FAST>(channel); }
-void synth_overdrive(int32_t channel) { synth_run<OVERDRIVE>(channel); }
+void synth_full(int32_t channel) { synth_dispatch<FULL>(channel); }
+void synth_mono(int32_t channel) { synth_dispatch<MONO>(channel); }
+void synth_half(int32_t channel) { synth_dispatch<HALF>(channel); }
+void synth_quarter(int32_t channel) { synth_dispatch<QUARTER>(channel); }
+void synth_fast(int32_t channel) { synth_dispatch<FAST>(channel); }
+void synth_overdrive(int32_t channel) { synth_dispatch<OVERDRIVE>(channel); }
 
 void treat_subbands() {
   if (session::state.session_emphasis == 0) return;
@@ -302,6 +404,7 @@ void treat_subbands() {
 
 void reset_decoder_state() {
   std::memset(synth_banks, 0, sizeof synth_banks);
+  std::memset(ring_wide, 0, sizeof ring_wide);
   reset_synth_indices();
   std::memset(pcm_block, 0, sizeof pcm_block);
   std::memset(pcm_block_l1, 0, sizeof pcm_block_l1);

@@ -65,7 +65,11 @@ extern const uint8_t allocation_bits[ALLOCATION_TABLES][32];
 // 2 to the power (1 - i/3) for i = 0..61, then 1E-20 at 62 and 0.0 at 63.
 extern const float scale_factor_table[64];
 
-// Builds the synthesis kernel's derived window (synth.cpp); called by init_decoder_tables.
+// Builds the synthesis kernel's derived window (synth.cpp) and picks its widest kernel; called by
+// init_decoder_tables.
 void init_synth_tables();
+// Runs the portable synthesis kernel even where the AVX2 one would run (or lets the widest run
+// again); every kernel gives bit-identical output, which the tests check.
+void use_portable_synth(bool portable);
 
 }  // namespace decoder
