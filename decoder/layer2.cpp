@@ -89,39 +89,83 @@ inline int32_t class_of(int32_t table, int32_t sblimit, int32_t sb, uint32_t cod
   return cls >= 0 && cls < QUANT_CLASSES ? cls : 0;
 }
 
-// A grouped word split into its three digits, least significant first (classes 1, 2 and 4 have
-// 3, 5 and 9 steps; the class table test holds them to it). The step count is a
+// The decoded value of each digit of the grouped classes (1, 2 and 4: 3, 5 and 9 steps), times
+// C: (d * digit step - 1.0 + digit offset) * C, formed once in the order the samples would form
+// it, so that a sample is this times its scale factor. Digits run to 15: the top digit of a damaged
+// word may exceed the step count.
+struct DigitValues {
+  float value[3][16];
+};
+DigitValues make_digit_values() {
+  DigitValues t{};
+  const int32_t classes[3] = {1, 2, 4};
+  for (int32_t k = 0; k < 3; ++k) {
+    const int32_t cls = classes[k];
+    for (int32_t d = 0; d < 16; ++d)
+      t.value[k][d] =
+          (float(d) * class_digit_constants[cls][0] - 1.0f + class_digit_constants[cls][1]) * quant_class_table[cls].c;
+  }
+  return t;
+}
+// The class tables are constant-initialised, so they are in place before this runs.
+const DigitValues digit_values = make_digit_values();
+
+// One coded subband of one channel, ready for its 12 rounds.
+struct Band {
+  int32_t kind;  // 0 nothing, 3, 5 or 9 grouped by that many steps, 1 ungrouped
+  int32_t bits;
+  const float* digits;  // grouped: digit_values row
+  float step, offset;   // ungrouped
+  float factor[3];      // grouped: the scale factors; ungrouped: C times each scale factor
+};
+
+Band make_band(int32_t cls, const float* scale) {
+  Band b{};
+  if (cls == 0) return b;
+  const QuantClass& q = quant_class_table[cls];
+  b.bits = q.bits;
+  if (q.grouped) {
+    b.kind = q.steps;
+    b.digits = digit_values.value[cls == 1 ? 0 : cls == 2 ? 1 : 2];
+    for (int32_t i = 0; i < 3; ++i) b.factor[i] = scale[i];
+  } else {
+    b.kind = 1;
+    b.step = class_value_constants[cls][0];
+    b.offset = class_value_constants[cls][1];
+    for (int32_t i = 0; i < 3; ++i) b.factor[i] = q.c * scale[i];
+  }
+  return b;
+}
+
+// A grouped word split into its three digits, least significant first; the step count is a
 // constant here, so the divisions become multiplications.
 template <uint32_t Steps>
-[[gnu::always_inline]] inline void split_group(int32_t cls, float scale, float* out) {
-  const QuantClass& q = quant_class_table[cls];
-  uint32_t word = get_bits(q.bits);
-  const float digit_step = class_digit_constants[cls][0];
-  const float digit_offset = class_digit_constants[cls][1];
+[[gnu::always_inline]] inline void split_group(const Band& b, float scale, float* out) {
+  uint32_t word = get_bits(b.bits);
   for (int32_t i = 0; i < 3; ++i) {
     uint32_t d = word % Steps;
     word /= Steps;
-    out[i] = (float(int32_t(d)) * digit_step - 1.0f + digit_offset) * q.c * scale;
+    out[i] = b.digits[d & 15] * scale;
   }
 }
 
 // Three samples of one subband and channel in one round.
-inline void read_triple(int32_t cls, float scale, float* out) {
-  switch (cls) {
-    case 1:
-      return split_group<3>(cls, scale, out);
-    case 2:
-      return split_group<5>(cls, scale, out);
-    case 4:
-      return split_group<9>(cls, scale, out);
-    default:
-      break;
+[[gnu::always_inline]] inline void read_triple(const Band& b, int32_t part, float* out) {
+  switch (b.kind) {
+    case 0:
+      out[0] = out[1] = out[2] = 0.0f;
+      return;
+    case 3:
+      return split_group<3>(b, b.factor[part], out);
+    case 5:
+      return split_group<5>(b, b.factor[part], out);
+    case 9:
+      return split_group<9>(b, b.factor[part], out);
+    default: {
+      const float factor = b.factor[part];
+      for (int32_t i = 0; i < 3; ++i) out[i] = (float(int32_t(get_bits(b.bits))) * b.step + b.offset) * factor;
+    }
   }
-  const QuantClass& q = quant_class_table[cls];
-  const float step = class_value_constants[cls][0];
-  const float offset = class_value_constants[cls][1];
-  const float factor = q.c * scale;
-  for (int32_t i = 0; i < 3; ++i) out[i] = (float(int32_t(get_bits(q.bits))) * step + offset) * factor;
 }
 
 }  // namespace
@@ -208,25 +252,18 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   }
 
   // 8-10. Samples: 12 rounds of 3 slots; joint bands decoded once and copied; the rest zero.
+  Band band[2][32];
+  for (int32_t ch = 0; ch < channels; ++ch)
+    for (int32_t sb = 0; sb < coded; ++sb) band[ch][sb] = make_band(cls[ch][sb], scale[ch][sb]);
   float samples[2][32][36];
   for (int32_t g = 0; g < 12; ++g) {
     const int32_t part = g >> 2;
     const int32_t slot = g * 3;
-    for (int32_t sb = 0; sb < bound; ++sb) {
-      for (int32_t ch = 0; ch < channels; ++ch) {
-        float* out = &samples[ch][sb][slot];
-        if (cls[ch][sb])
-          read_triple(cls[ch][sb], scale[ch][sb][part], out);
-        else
-          out[0] = out[1] = out[2] = 0.0f;
-      }
-    }
+    for (int32_t sb = 0; sb < bound; ++sb)
+      for (int32_t ch = 0; ch < channels; ++ch) read_triple(band[ch][sb], part, &samples[ch][sb][slot]);
     for (int32_t sb = bound; sb < sblimit; ++sb) {
       float* out = &samples[0][sb][slot];
-      if (cls[0][sb])
-        read_triple(cls[0][sb], scale[0][sb][part], out);
-      else
-        out[0] = out[1] = out[2] = 0.0f;
+      read_triple(band[0][sb], part, out);
       if (channels == 2) std::memcpy(&samples[1][sb][slot], out, 3 * sizeof(float));
     }
   }

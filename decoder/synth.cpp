@@ -27,6 +27,7 @@
 #include "decoder/synth.h"
 
 #include <cstring>
+#include <utility>
 
 #include "decoder/decoder.h"
 #include "decoder/tables.h"
@@ -231,6 +232,28 @@ constexpr SampleList sample_list(uint32_t mask) {
   return l;
 }
 constexpr int32_t bank_row(int32_t j) { return j <= 16 ? j : 32 - j; }
+template <Variant V>
+constexpr SampleList samples_of = sample_list(V.computed);
+
+// Block b of four computed samples: their sums side by side, converted together.
+template <Variant V, int32_t B>
+[[gnu::always_inline]] inline void window_block(const double (*bank)[16], int32_t offset, int32_t* out) {
+  constexpr int32_t j0 = samples_of<V>.j[4 * B], j1 = samples_of<V>.j[4 * B + 1];
+  constexpr int32_t j2 = samples_of<V>.j[4 * B + 2], j3 = samples_of<V>.j[4 * B + 3];
+  v4i v = to_pcm4(finish4(window_lanes(bank[bank_row(j0)], synth_kernel[j0] + offset),
+                          window_lanes(bank[bank_row(j1)], synth_kernel[j1] + offset),
+                          window_lanes(bank[bank_row(j2)], synth_kernel[j2] + offset),
+                          window_lanes(bank[bank_row(j3)], synth_kernel[j3] + offset)));
+  out[j0] = v[0];
+  out[j1] = v[1];
+  out[j2] = v[2];
+  out[j3] = v[3];
+}
+template <Variant V, int32_t... B>
+[[gnu::always_inline]] inline void window_blocks(const double (*bank)[16], int32_t offset, int32_t* out,
+                                                 std::integer_sequence<int32_t, B...>) {
+  (window_block<V, B>(bank, offset, out), ...);
+}
 
 template <Variant V>
 [[gnu::always_inline]] inline void synth_run(int32_t channel) {
@@ -259,15 +282,7 @@ template <Variant V>
     const int32_t offset = 16 - int32_t(s);
     int32_t out[32];
     // Vector block: four samples per step. Scalar tail: the same sums one by one.
-#pragma GCC unroll 8
-    for (int32_t b = 0; b < blocks; ++b) {
-      const int32_t* j = &list.j[4 * b];
-      v4i v = to_pcm4(finish4(window_lanes(bank[bank_row(j[0])], synth_kernel[j[0]] + offset),
-                              window_lanes(bank[bank_row(j[1])], synth_kernel[j[1]] + offset),
-                              window_lanes(bank[bank_row(j[2])], synth_kernel[j[2]] + offset),
-                              window_lanes(bank[bank_row(j[3])], synth_kernel[j[3]] + offset)));
-      for (int32_t k = 0; k < 4; ++k) out[j[k]] = v[k];
-    }
+    window_blocks<V>(bank, offset, out, std::make_integer_sequence<int32_t, blocks>{});
 #pragma GCC unroll 4
     for (int32_t i = 4 * blocks; i < list.count; ++i) {
       const int32_t j = list.j[i];
