@@ -225,10 +225,14 @@ struct SampleList {
   int32_t count = 0;
   int32_t j[32] = {};
 };
+// Samples j and 32-j read the same bank row, so they are listed side by side: a block of four
+// then loads two rows instead of four. The order of the list changes no value.
 constexpr SampleList sample_list(uint32_t mask) {
   SampleList l;
-  for (int32_t j = 0; j < 32; ++j)
+  for (int32_t j = 0; j <= 16; ++j) {
     if (mask & (1u << j)) l.j[l.count++] = j;
+    if (j > 0 && j < 16 && (mask & (1u << (32 - j)))) l.j[l.count++] = 32 - j;
+  }
   return l;
 }
 constexpr int32_t bank_row(int32_t j) { return j <= 16 ? j : 32 - j; }
