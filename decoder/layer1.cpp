@@ -86,6 +86,7 @@ struct Layer1Track {
   float history[2][HISTORY];
   int32_t history_pos[2];
   float cos_table[32];
+  float window_by_offset[16][32];  // layer1_window transposed: coefficient i of every output sample
   int32_t pcm_fill;
 };
 
@@ -104,23 +105,36 @@ bool refill(Layer1Reader& r) {
   return true;
 }
 
+// Steps to the next byte, refilling when the buffer is spent. False at the end of the file.
+bool next_byte(Layer1Reader& r) {
+  if (r.end) return false;
+  if (--r.byte_index < r.low && !refill(r)) {
+    r.end = true;
+    return false;
+  }
+  r.bits_left = 8;
+  return true;
+}
+
 uint32_t get_one_bit(Layer1Reader& r) {
   ++r.bits_read;
-  if (r.bits_left == 0) {
-    if (r.end) return 0;
-    if (--r.byte_index < r.low && !refill(r)) {
-      r.end = true;
-      return 0;
-    }
-    r.bits_left = 8;
-  }
+  if (r.bits_left == 0 && !next_byte(r)) return 0;
   --r.bits_left;
   return (r.buffer[r.byte_index] >> r.bits_left) & 1;
 }
 
+// n from 0 to 16. Hands out the same bits as n single reads, taking what the current byte holds at
+// once; past the end the missing bits are zeros.
 uint32_t get_bits(Layer1Reader& r, int32_t n) {
   uint32_t v = 0;
-  for (int32_t i = 0; i < n; ++i) v = (v << 1) | get_one_bit(r);
+  r.bits_read += n;
+  while (n > 0) {
+    if (r.bits_left == 0 && !next_byte(r)) return v << n;
+    const int32_t take = n < r.bits_left ? n : r.bits_left;
+    r.bits_left -= take;
+    v = (v << take) | ((uint32_t(r.buffer[r.byte_index]) >> r.bits_left) & ((1u << take) - 1));
+    n -= take;
+  }
   return v;
 }
 
@@ -325,16 +339,22 @@ int16_t clip(float sum) {
   return int16_t(int32_t(sum));
 }
 
+// The 16 products of each output sample are summed in ring-offset order. Because the ring position
+// is a multiple of 64 and every offset a multiple of 32, the 32 outputs' ring values for one offset
+// lie side by side; the loop runs over the outputs inside, so they are summed together, each in
+// its own unchanged order.
 void synthesise(Layer1Track& t, int32_t ch) {
   float* ring = t.history[ch];
   const int32_t pos = (t.history_pos[ch] - 64) & (HISTORY - 1);
   t.history_pos[ch] = pos;
   matrix(t.dequantised[ch], t.cos_table, ring + pos);
-  for (int32_t j = 0; j < 32; ++j) {
-    float sum = 0.0f;
-    for (int32_t i = 0; i < 16; ++i) sum += ring[(pos + j + window_offsets[i]) & (HISTORY - 1)] * layer1_window[j][i];
-    t.pcm_line[ch][j] = clip(sum);
+  float sums[32] = {};
+  for (int32_t i = 0; i < 16; ++i) {
+    const float* v = ring + ((pos + window_offsets[i]) & (HISTORY - 1));
+    const float* w = t.window_by_offset[i];
+    for (int32_t j = 0; j < 32; ++j) sums[j] += v[j] * w[j];
   }
+  for (int32_t j = 0; j < 32; ++j) t.pcm_line[ch][j] = clip(sums[j]);
 }
 
 // --- Output ---------------------------------------------------------------------------------------
@@ -441,7 +461,8 @@ bool decode_frame(Layer1Track& t, const Output& out, int32_t& channels, session:
   const int32_t kbps = session::bitrate_table[(h.version * 3 - 3) * 15 + h.bitrate_index];
   const int32_t hz = session::sample_rate_table[h.version * 3 + h.sampling_frequency];
   const int64_t slots = int64_t(kbps * 1000.0 / hz * 12) + h.padding;
-  for (int64_t rest = slots * 32 - (r.bits_read - frame_start) - SYNC_BITS; rest > 0; --rest) get_one_bit(r);
+  for (int64_t rest = slots * 32 - (r.bits_read - frame_start) - SYNC_BITS; rest > 0; rest -= 16)
+    get_bits(r, int32_t(rest < 16 ? rest : 16));
   return true;
 }
 
@@ -471,6 +492,8 @@ void decode_layer1_stream() {
   t.history_pos[0] = t.history_pos[1] = 64;  // the first move takes it to 0
   t.pcm_fill = 0;
   fill_cos_table(t.cos_table);
+  for (int32_t i = 0; i < 16; ++i)
+    for (int32_t j = 0; j < 32; ++j) t.window_by_offset[i][j] = layer1_window[j][i];
 
   const Output out = choose_output();
   FrameHeader last = stream_header();
