@@ -75,6 +75,7 @@ int32_t validate_start_entry(EntryTest test, void* context) {
   if (!slot_used(i)) {
     while (i > 0) {
       --i;
+      if (!slot_used(i)) continue;  // an index that stood beyond the list
       if (test(playlist.entries[i].path, context)) break;
       remove_entry(i);
     }
