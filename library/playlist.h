@@ -72,8 +72,9 @@ enum WriteMode : int32_t {
   WRITE_RELATIVE = 2,     // entries in the list's folder as bare names, others as they stand
   WRITE_ONLY_FOLDER = 3,  // as 2, entries outside the list's folder left out
 };
-// Writes the list up to its first empty slot, one entry a line. Returns 1, or 0 when the file
-// couldn't be created.
+// Writes the list up to its first empty slot, one entry a line ended by "\n". The new list replaces
+// the old file whole (a full disk leaves the old list as it was). Returns 1, or 0 when the file
+// couldn't be written.
 int32_t write_playlist(const char* path, int32_t mode);
 
 // The command line of a start or of a second start handed over: paths, list files, "/A" (append),
