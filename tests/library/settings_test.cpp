@@ -169,7 +169,10 @@ TEST_F(LibraryTest, AnUnwritablePlaceLosesOnlyTheSave) {
     EXPECT_EQ(settings.volume, 100);
     EXPECT_EQ(save_settings(), 0);
     EXPECT_EQ(read_text(file), "[Settings]\nVolume=100\n");
-    chmod(ro.c_str(), 0700);
+    ASSERT_EQ(chmod(ro.c_str(), 0700), 0);
+    ASSERT_EQ(chmod(file.c_str(), 0400), 0);  // the file itself read-only
+    EXPECT_EQ(save_settings(), 0);
+    EXPECT_EQ(read_text(file), "[Settings]\nVolume=100\n");
   }
 }
 
