@@ -22,7 +22,9 @@ namespace library {
 namespace {
 
 constexpr size_t WIRE_BYTES = 24;
-constexpr int REPLY_TIMEOUT_MS = 5000;
+// Longer than the first instance may be busy in a stop (8 s of polling and a last 200 ms), so that
+// a second start during one still gets through; a hung instance costs the second start this long.
+constexpr int REPLY_TIMEOUT_MS = 15000;
 constexpr int32_t COMMAND_PLAY = 40021;
 constexpr int32_t COMMAND_STOP = 40022;
 // A peer that sends more than this while its hand-over waits is no longer read until it may go on.

@@ -57,7 +57,7 @@ int32_t claim_instance(const char* command_line, bool ctrl_held, InstanceLock& l
 // The sending side: foreground request, then the command line. Returns 1 when delivered, 0 when no
 // instance listens.
 int32_t hand_over_command_line(const std::string& folder, const char* command_line);
-// Sends or posts one message on a fresh connection; a sent one waits up to 5 s for its result.
+// Sends or posts one message on a fresh connection; a sent one waits up to 15 s for its result.
 // Returns 1 when delivered (and *result set for a sent message), 0 otherwise.
 int32_t send_remote_message(const std::string& folder, const RemoteMessage& message, int64_t* result);
 
