@@ -99,7 +99,8 @@ struct HandOver {
 // and hands it to take_command_line, anything else is one byte, kept while there is room (bytes
 // beyond the 511th are dropped). At the end, returns the number of main-window commands to post with
 // second argument 3, written to commands: Stop (40022) first when paused, then Play (40021) when
-// the command line asks to play, else Stop. Returns 0 otherwise.
+// the command line asks to play, else Stop. The caller posts them in that order and then asks the
+// playlist editor, when open, to refresh (message 1042, first argument 1). Returns 0 otherwise.
 int32_t hand_over_message(HandOver& hand_over, int64_t wparam, bool paused, bool shift_held, int32_t commands[2]);
 
 }  // namespace library
