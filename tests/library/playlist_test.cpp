@@ -1,8 +1,10 @@
 #include <sys/stat.h>
 
+#include <array>
 #include <set>
 
 #include "fixture.h"
+#include "session/messages.h"
 
 namespace {
 
@@ -182,6 +184,27 @@ TEST_F(LibraryTest, ScanFolderTakesMpegFilesInNameOrder) {
                                    d + "/sub/h.Mp3", d + "/sub/link.mp3", d + "/sub.mp3x", d + "/z.mp3.d/i.mp1"};
   EXPECT_EQ(got, want);
   EXPECT_EQ(scan_folder((d + "/missing").c_str()), 0);
+}
+
+std::vector<std::array<int64_t, 4>> sent_messages;
+void record_message(int32_t window, int32_t msg, int64_t wparam, int64_t, bool sent) {
+  sent_messages.push_back({window, msg, wparam, sent});
+}
+
+TEST_F(LibraryTest, EditorIsToldOnceWhenItsScanEnds) {
+  const std::string d = dir.path;
+  ASSERT_EQ(mkdir((d + "/a").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((d + "/a/b").c_str(), 0755), 0);
+  write_text("a/b/x.mp3", "");
+  sent_messages.clear();
+  session::set_sink(session::Sink{record_message, nullptr});
+  session::set_window_open(session::WINDOW_PLAYLIST, true);
+  EXPECT_EQ(scan_folder_dialog(d.c_str()), 1);
+  session::set_window_open(session::WINDOW_PLAYLIST, false);
+  session::set_sink(session::Sink{});
+  EXPECT_EQ(playlist_length(), 1);
+  ASSERT_EQ(sent_messages.size(), 1u);
+  EXPECT_EQ(sent_messages[0], (std::array<int64_t, 4>{session::WINDOW_PLAYLIST, MSG_PLAYLIST_REFRESH, 1, 1}));
 }
 
 TEST_F(LibraryTest, RandomWithOneEntryPlaysItAgainAndAgain) {
