@@ -1,7 +1,8 @@
 // The window-free half of the program's start: the settings with their placement and clamps, the
 // command line, and the check of the entry to play. The shell calls these in the start-up order:
 // claim_instance (instance.h), then start_up_settings, then its window, then validate_start_entry
-// at the window's creation.
+// at the window's creation; with the window it opens the instance socket (open_instance_server),
+// and at exit it calls save_settings and release_instance_lock.
 //
 // Main thread only, before any session or job thread exists.
 #pragma once
