@@ -36,7 +36,7 @@ int32_t cpu_family_from_environment() {
   return 6;
 }
 
-WaveState wave;
+WaveState& wave = *new WaveState;
 WaveHooks wave_hooks;
 
 namespace {

@@ -89,7 +89,8 @@ struct WaveState {
   WaveEvent wave_event;
 };
 
-extern WaveState wave;
+// Never destroyed: a wave thread may still be in its last sleep when the process ends.
+extern WaveState& wave;
 
 // Calls into the window; each may be null. They run on the wave thread (draw_time, draw_display,
 // refresh_title, clear_display) or on the session thread (reset_visualiser).

@@ -31,7 +31,8 @@ struct TestDevice {
   std::thread player;
 };
 
-TestDevice dev;
+// Never destroyed: a device thread may outlive the test that opened it by a moment.
+TestDevice& dev = *new TestDevice;
 
 // Removes up to n blocks from the queue (all when reset) and returns them; caller holds the lock.
 int32_t take_blocks(int32_t n, bool reset, WaveBlock** out) {

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "output/feed.h"
 #include "output/ring.h"
 #include "output/wave_device_test.h"
 #include "session/session.h"
@@ -30,19 +31,8 @@ bool wait_until(const std::function<bool()>& done, int32_t ms = 10000) {
   return done();
 }
 
-// Byte k of the test stream; it changes from block to block, so a block out of place shows.
-uint8_t pattern(uint32_t k) { return uint8_t(k * 131u + (k / BLOCK_BYTES) * 7u + 5u); }
-
-std::vector<uint8_t> stream_bytes(uint32_t from, uint32_t n) {
-  std::vector<uint8_t> v(n);
-  for (uint32_t k = 0; k < n; ++k) v[k] = pattern(from + k);
-  return v;
-}
-
-std::vector<uint8_t> with_pad(std::vector<uint8_t> v) {
-  for (size_t k = 0; v.size() % BLOCK_BYTES; ++k) v.push_back(k & 1 ? 0 : 128);
-  return v;
-}
+using feed::stream_bytes;
+using feed::with_pad;
 
 std::atomic<int32_t> visualiser_resets{0};
 std::atomic<int32_t> displays_cleared{0};
@@ -75,20 +65,7 @@ struct WaveThread : ::testing::Test {
     test_device_set_player(0);
   }
 
-  // What a shaper does, in 2304-byte steps: wait for room, copy, count, move on.
-  void push(uint32_t bytes) {
-    while (bytes) {
-      while (ring.ring_fill.load(std::memory_order_acquire) >= RING_UNITS)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      const uint32_t n = bytes < 2304 ? bytes : 2304;
-      const uint32_t at = ring.ring_write.load();
-      for (uint32_t k = 0; k < n; ++k) ring.ring_base[at + k] = pattern(pushed + k);
-      ring.ring_fill.fetch_add(int32_t(n / UNIT_BYTES), std::memory_order_release);
-      ring.ring_write = at + n >= RING_BYTES ? 0 : at + n;
-      pushed += n;
-      bytes -= n;
-    }
-  }
+  void push(uint32_t bytes) { feed::push(bytes, pushed); }
 
   // The session's end of stream: drain, then wait for the thread to end.
   void drain() {
