@@ -59,7 +59,7 @@ struct WaveState {
   // writes, the wave thread reads.
   Word style{0};
   Word render{1};
-  Word wait_ms{20};
+  Word wait_ms{33};
   Word wave_out_device{WAVE_MAPPER};
   Word volume_level{65535};
   Word pan_level{0};
