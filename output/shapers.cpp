@@ -5,12 +5,12 @@
 #include "output/shapers.h"
 
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <thread>
 
 #include "decoder/synth.h"
 #include "output/ring.h"
+#include "session/writers.h"
 
 namespace output {
 
@@ -164,8 +164,7 @@ void flush_layer1_tail(int32_t count) {
   if (count <= 0) count = 0;
   if (count > 1152) count = 1152;
   if (state.file_job_active.load(relaxed)) {
-    if (count && std::fwrite(decoder::pcm_block_l1, 2, size_t(count), state.out_file) != size_t(count))
-      state.write_failed.store(1, relaxed);
+    session::write_decoded_tail_l1(count);
     return;
   }
   if (!ring.ring_base) return;
