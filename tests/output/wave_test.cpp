@@ -220,16 +220,18 @@ TEST_F(WaveThread, IdleTurnsStepTheVisualiserUnlessHidden) {
   ASSERT_TRUE(wait_until([] { return writes() == 36; }));
   EXPECT_GT(times_drawn.load(), drawn);
   EXPECT_EQ(wave.last_drawn_seconds.load(), 1);
+  // 36 blocks have gone round the 32-block ring in order.
+  EXPECT_EQ(test_device_record().written, stream_bytes(0, 36 * BLOCK_BYTES));
 
   // Paused, or hidden in the tray: no steps.
   toggle_pause();
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
   int32_t steps = display_steps.load();
   std::this_thread::sleep_for(std::chrono::milliseconds(60));
   EXPECT_EQ(display_steps.load(), steps);
   toggle_pause();
   wave.style = 4;
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
   steps = display_steps.load();
   std::this_thread::sleep_for(std::chrono::milliseconds(60));
   EXPECT_EQ(display_steps.load(), steps);
