@@ -8,9 +8,9 @@
 // factor, formed once per subband and part.
 //
 // Decisions of this decoder that differ from the standard, all kept on purpose:
-// - The frame size is K * kbit/s / Hz with K = 144000 for MPEG-1 and 72000 for MPEG-2, the figure of
-//   frame_size_table; for MPEG-2 streams that is half the real frame, and the reader's sync search
-//   picks up the next header.
+// - The frame size is frame_size_table's, K * kbit/s / Hz with K = 144000 for MPEG-1 and 72000 for
+//   MPEG-2; for MPEG-2 streams that is half the real frame, and the reader's sync search picks up
+//   the next header.
 // - The table is chosen by the exact per-channel rate. A rate that no table lists (16, 24, 28 or
 //   40 kbit/s per channel, free format, a stray Layer I header's rates) gives a damaged frame: it is
 //   decoded as if every allocation code were 0, so the output is the ring's fading history followed
@@ -185,9 +185,9 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   int32_t kbps = 0;
   if (header_ok) {
     kbps = session::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
-    const int32_t hz = session::sample_rate_table[h.id * 3 + h.sampling_index];
-    // The figure of frame_size_table: K * kbit/s / Hz, K by the ID bit for every layer.
-    const int32_t frame_bytes = (h.id ? 144000 : 72000) * kbps / hz;
+    // K * kbit/s / Hz with K by the ID bit for every layer: half the real frame for MPEG-2.
+    const int32_t frame_bytes =
+        session::frame_size_table[((h.id * 3 + h.sampling_index) * 3 - h.layer_code) * 15 + h.bitrate_index];
     session::load_reservoir(frame_bytes + h.padding_bit - (h.protection_bit ? 4 : 6));
   }
 
