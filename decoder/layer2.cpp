@@ -42,11 +42,15 @@ using session::get_bits;
 struct BitCursor {
   const uint8_t* ring = session::bits.reservoir;
   uint32_t pos = session::bits.reservoir_bits;
-  [[gnu::always_inline]] uint32_t get(int32_t n) {
-    if (n == 0) return 0;
+  // The 32 bits from the byte that holds the position, shifted so that the position is bit 31.
+  [[gnu::always_inline]] uint32_t window() const {
     const uint8_t* p = ring + (pos >> 3);
     uint32_t w = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-    uint32_t v = (w << (pos & 7)) >> (32 - n);
+    return w << (pos & 7);
+  }
+  [[gnu::always_inline]] uint32_t get(int32_t n) {
+    if (n == 0) return 0;
+    uint32_t v = window() >> (32 - n);
     pos = (pos + uint32_t(n)) & session::RESERVOIR_BIT_MASK;
     return v;
   }
@@ -127,11 +131,37 @@ DigitValues make_digit_values() {
 // The class tables are constant-initialised, so they are in place before this runs.
 const DigitValues digit_values = make_digit_values();
 
+// Every code word of the grouped classes split into its three digit values, least significant
+// digit first: the split by 3, 5 or 9 done once here instead of per word.
+struct GroupedWords {
+  float by3[32][3];
+  float by5[128][3];
+  float by9[1024][3];
+};
+template <uint32_t Steps, size_t Words>
+void split_all(const float* digits, float (&out)[Words][3]) {
+  for (uint32_t w = 0; w < Words; ++w) {
+    uint32_t word = w;
+    for (int32_t i = 0; i < 3; ++i) {
+      out[w][i] = digits[(word % Steps) & 15];
+      word /= Steps;
+    }
+  }
+}
+GroupedWords make_grouped_words() {
+  GroupedWords g;
+  split_all<3>(digit_values.value[0], g.by3);
+  split_all<5>(digit_values.value[1], g.by5);
+  split_all<9>(digit_values.value[2], g.by9);
+  return g;
+}
+const GroupedWords grouped_words = make_grouped_words();
+
 // One coded subband of one channel, ready for its 12 rounds.
 struct Band {
   int32_t kind;  // 0 nothing, 3, 5 or 9 grouped by that many steps, 1 ungrouped
   int32_t bits;
-  const float* digits;  // grouped: digit_values row
+  const float* digits;  // grouped: the class's table of split words
   float step, offset;   // ungrouped
   float factor[3];      // grouped: the scale factors; ungrouped: C times each scale factor
 };
@@ -145,7 +175,7 @@ void set_band(Band& b, int32_t cls, const float* scale) {
   b.bits = q.bits;
   if (q.grouped) {
     b.kind = q.steps;
-    b.digits = digit_values.value[cls == 1 ? 0 : cls == 2 ? 1 : 2];
+    b.digits = cls == 1 ? &grouped_words.by3[0][0] : cls == 2 ? &grouped_words.by5[0][0] : &grouped_words.by9[0][0];
     for (int32_t i = 0; i < 3; ++i) b.factor[i] = scale[i];
   } else {
     b.kind = 1;
@@ -155,16 +185,11 @@ void set_band(Band& b, int32_t cls, const float* scale) {
   }
 }
 
-// A grouped word split into its three digits, least significant first; the step count is a
-// constant here, so the divisions become multiplications.
-template <uint32_t Steps>
+// A grouped word's three samples: its digit values (the word fits its class's table by width)
+// times the scale factor.
 [[gnu::always_inline]] inline void split_group(BitCursor& in, const Band& b, float scale, float* out) {
-  uint32_t word = in.get(b.bits);
-  for (int32_t i = 0; i < 3; ++i) {
-    uint32_t d = word % Steps;
-    word /= Steps;
-    out[i] = b.digits[d & 15] * scale;
-  }
+  const float* digits = b.digits + 3 * in.get(b.bits);
+  for (int32_t i = 0; i < 3; ++i) out[i] = digits[i] * scale;
 }
 
 // Three samples of one subband and channel in one round.
@@ -174,14 +199,22 @@ template <uint32_t Steps>
       out[0] = out[1] = out[2] = 0.0f;
       return;
     case 3:
-      return split_group<3>(in, b, b.factor[part], out);
     case 5:
-      return split_group<5>(in, b, b.factor[part], out);
     case 9:
-      return split_group<9>(in, b, b.factor[part], out);
+      return split_group(in, b, b.factor[part], out);
     default: {
       const float factor = b.factor[part];
-      for (int32_t i = 0; i < 3; ++i) out[i] = (float(int32_t(in.get(b.bits))) * b.step + b.offset) * factor;
+      const int32_t n = b.bits;
+      // Up to 8 bits a value, the three fit in one 32-bit read (at least 25 bits past the position):
+      // the same bits as three reads, unless the position would wrap round the ring in between.
+      if (n <= 8 && in.pos + uint32_t(3 * n) <= session::RESERVOIR_BIT_MASK) {
+        const uint32_t w = in.window();
+        in.pos += uint32_t(3 * n);
+        for (int32_t i = 0; i < 3; ++i)
+          out[i] = (float(int32_t((w << (i * n)) >> (32 - n))) * b.step + b.offset) * factor;
+      } else {
+        for (int32_t i = 0; i < 3; ++i) out[i] = (float(int32_t(in.get(n))) * b.step + b.offset) * factor;
+      }
     }
   }
 }
