@@ -75,6 +75,8 @@ static_assert(sine_table.c[0] == -1.0 / 6.0 && sine_table.c[1] == 1.0 / 120.0);
 constexpr int32_t SINGLE_DROPPED_BITS = 52 - 23;
 constexpr int64_t SINGLE_DROPPED_MASK = (int64_t(1) << SINGLE_DROPPED_BITS) - 1;
 constexpr int64_t SINGLE_HALF = int64_t(1) << (SINGLE_DROPPED_BITS - 1);
+}  // namespace
+
 double round_to_single(double v) {
   int64_t b;
   std::memcpy(&b, &v, sizeof b);
@@ -82,6 +84,8 @@ double round_to_single(double v) {
   std::memcpy(&v, &b, sizeof v);
   return v;
 }
+
+namespace {
 
 // Kernel results are truncated towards zero; the clamp only keeps the conversion defined.
 int32_t to_int(double v) { return int32_t(std::clamp(v, -2147483648.0, 2147483647.0)); }
@@ -126,8 +130,9 @@ VECTOR_INLINE VecD round_to_float(VecD v) {
 // through read_wave_frame, so the reader sees what a frame-by-frame kernel would show it.
 struct SampleWindow {
   static constexpr int64_t CAPACITY = 4096;
-  int64_t base = 0;  // index of left[0]
-  int64_t end = 0;   // first index not held
+  int64_t base = 0;     // index of left[0]
+  int64_t end = 0;      // first index not held
+  uint32_t serial = 0;  // the input file the values came from
   double left[CAPACITY];
   double right[CAPACITY];
 };
@@ -137,7 +142,8 @@ SampleWindow window;
 bool fill_window(int64_t lo, int64_t hi) {
   SampleWindow& w = window;
   if (hi - lo > SampleWindow::CAPACITY) return false;
-  if (lo < w.base || lo > w.end) {
+  if (w.serial != wave_in.serial || lo < w.base || lo > w.end) {
+    w.serial = wave_in.serial;
     w.base = w.end = lo;
   } else if (hi - w.base > SampleWindow::CAPACITY) {
     int64_t keep = w.end - lo;
@@ -199,8 +205,8 @@ struct TransposedTaps {
 
 #if defined(__GNUC__) && !defined(__clang__)
 #define TOVRA_SHUFFLED_TAPS 1
-// Shuffled: when the lanes' first taps lie within LANES frames of lane 0's, lane j's tap k is
-// element lanes[j] of the 2 * LANES window values from lane 0's tap k on, so one permutation per
+// Shuffled: when the lanes' first taps lie within LANES frames of the least one's, lane j's tap k is
+// element lanes[j] of the 2 * LANES window values from that one's tap k on, so one permutation per
 // tap replaces the copying.
 struct ShuffledTaps {
   const double* left;
@@ -292,7 +298,6 @@ int32_t setup_job(const char* input_path, const char* output_path, int32_t rate,
   resample.quality = std::clamp(quality, 0, RESAMPLE_QUALITY_MAX);
   resample.kernel = resample.quality == 0 ? kernel_linear : resample.quality == 1 ? kernel_cubic : kernel_sinc;
   resample.out_path = output_path;
-  window.base = window.end = 0;
   return WAVE_OK;
 }
 
@@ -475,10 +480,11 @@ void kernel_sinc_block(const double* positions, int32_t count, int32_t* left, in
     }
 #if TOVRA_SHUFFLED_TAPS
     // Steps up to about one input frame (upsampling and mild downsampling) keep the lanes close.
-    if (start[LANES - 1] - start[0] < LANES && fill_window(start[0], start[0] + taps + 2 * LANES)) {
+    // (lo and hi - taps are the least and the greatest first tap over the lanes.)
+    if (hi - taps - lo < LANES && fill_window(lo, lo + taps + 2 * LANES)) {
       int64_t lanes[LANES];
-      for (int32_t j = 0; j < LANES; ++j) lanes[j] = start[j] - start[0];
-      const int64_t at = start[0] - window.base;
+      for (int32_t j = 0; j < LANES; ++j) lanes[j] = start[j] - lo;
+      const int64_t at = lo - window.base;
       sinc_lanes_shuffled(pos, first, taps, window.left + at, window.right + at, lanes, out_l, out_r);
       for (int32_t j = 0; j < n; ++j) {
         left[done + j] = to_int(out_l[j]);

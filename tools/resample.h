@@ -54,6 +54,9 @@ void kernel_sinc(double position, int32_t& left, int32_t& right);
 // kernel_sinc for count consecutive positions at once; the same values as count calls of it, in a
 // fraction of the time.
 void kernel_sinc_block(const double* positions, int32_t count, int32_t* left, int32_t* right);
+// Rounds to the nearest single-precision value (ties to even) and back: float(v) for every v whose
+// float is normal, which the sinc's sums and divisors always are.
+double round_to_single(double v);
 // The cubic convolution weight (parameter -1) at distance x.
 double cubic_weight(double x);
 // The sine used by kernel_sinc, for arguments within (-2 pi, 2 pi): a fixed polynomial, so that

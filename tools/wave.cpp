@@ -181,6 +181,8 @@ int32_t open_wave_input(const char* path, int32_t& rate, int32_t& bits, int32_t&
     return WAVE_READ_ERROR;
   }
 
+  static uint32_t opened = 0;
+  in.serial = ++opened;
   in.rate = rate;
   in.bits = bits;
   in.channels = channels;

@@ -47,8 +47,9 @@ struct WaveInput {
   int64_t data_left = 0;        // data bytes not yet read into the buffer; past them comes silence
   int32_t bytes_per_frame = 0;  // (bits * channels) / 8
   int32_t frames_per_half = 0;
-  int64_t half = 0;   // halves read so far; the low bit names the half most recently filled
-  int64_t limit = 0;  // first frame index not yet in memory
+  int64_t half = 0;     // halves read so far; the low bit names the half most recently filled
+  int64_t limit = 0;    // first frame index not yet in memory
+  uint32_t serial = 0;  // differs for every file opened, so that caches of its frames can tell
 };
 
 struct WaveOutput {
