@@ -108,7 +108,7 @@ typedef int64_t VecL __attribute__((vector_size(LANES * sizeof(int64_t))));
 
 // The helpers are always inlined into their callers, so no vector crosses a call and the
 // warning about the ABI of wide vector arguments does not apply.
-#if defined(__GNUC__) && !defined(__clang__)
+#if defined(__GNUC__)
 #pragma GCC diagnostic ignored "-Wpsabi"
 #endif
 #define VECTOR_INLINE inline __attribute__((always_inline))

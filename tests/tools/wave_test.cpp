@@ -68,7 +68,7 @@ TEST(WaveHeader, WalksChunksByTheirStatedSizes) {
   EXPECT_EQ(p.size, 100u);  // the data need not lie within the bytes given
 
   // "data" before "fmt ", and a "fmt " too short or reaching past the bytes: not usable.
-  EXPECT_EQ(parse(header_with("RIFF", "WAVE", {chunk("data", 4, 4), fmt_chunk(8000, 8, 1), chunk("x", 0, 20)})).code,
+  EXPECT_EQ(parse(header_with("RIFF", "WAVE", {chunk("data", 4, 4), fmt_chunk(8000, 8, 1), chunk("junk", 0, 20)})).code,
             tools::WAVE_BAD_FORMAT);
   EXPECT_EQ(parse(header_with("RIFF", "WAVE", {fmt_chunk(8000, 8, 1, 14), chunk("data", 4, 16)})).code,
             tools::WAVE_BAD_FORMAT);
