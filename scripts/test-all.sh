@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds and tests the whole matrix: release (all tests), ASan+UBSan (all tests), a short bounded
-# run of every fuzz target, and ThreadSanitizer over the threaded tests.
+# run of every fuzz target, and ThreadSanitizer over the threaded subsystems.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
@@ -25,7 +25,7 @@ for fuzzer in build/asan/tests/fuzz_*; do
     "$corpus" >"build/asan/$name.log" 2>&1 || { tail -50 "build/asan/$name.log"; exit 1; }
 done
 
-# ThreadSanitizer over the tests that run threads (label "threads").
+# ThreadSanitizer over the tests of the threaded subsystems (session jobs, sound output).
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan -j "$jobs"
-ctest --preset tsan -j "$jobs" -L threads --no-tests=ignore
+ctest --preset tsan -j "$jobs" -L 'session|output' --no-tests=ignore

@@ -22,7 +22,10 @@ int32_t platform_family() {
 
 void set_current_thread_priority(int32_t level) {
   // Raising a priority needs privilege on Linux; without it the thread keeps its nice value.
-  int nice_value = level >= PRIORITY_HIGHEST ? -10 : level == PRIORITY_ABOVE_NORMAL ? -5 : level == PRIORITY_NORMAL ? 0 : 5;
+  int nice_value = level >= PRIORITY_HIGHEST        ? -10
+                   : level == PRIORITY_ABOVE_NORMAL ? -5
+                   : level == PRIORITY_NORMAL       ? 0
+                                                    : 5;
   pid_t tid = pid_t(syscall(SYS_gettid));
   (void)setpriority(PRIO_PROCESS, id_t(tid), nice_value);
 }

@@ -11,11 +11,11 @@
 #include <thread>
 
 #include "decoder/decoder.h"
+#include "decoder/synth.h"
 #include "session/messages.h"
 #include "session/platform.h"
 #include "session/stream.h"
 #include "session/writers.h"
-#include "decoder/synth.h"
 
 namespace session {
 

@@ -18,14 +18,14 @@ namespace session {
 // The user's output choices. Loaded and saved by the settings store; a session copies what it needs
 // at the start of each track, so edits take effect with the next track.
 struct OutputOptions {
-  uint32_t rate_setting = 4;  // bits 0-1 "Rate" (0 full, 1 half, 2 quarter, 3 the 1/8 position), bit 2 "Overdrive"
-  int32_t mpeg2_relief = 0;   // "Mpeg2R"
-  int32_t pentium_synth = 0;  // "Pentium"
-  int32_t stereo = 1;         // "Stereo"
-  int32_t sixteen_bit = 1;    // "16bit"
-  int32_t alias = 1;          // "Alias": kept and saved, read by nothing
-  int32_t emphasis = 1;       // "Emphasis"
-  int32_t hi_fi = 0;          // "Hi-Fi"
+  uint32_t rate_setting = 4;      // bits 0-1 "Rate" (0 full, 1 half, 2 quarter, 3 the 1/8 position), bit 2 "Overdrive"
+  int32_t mpeg2_relief = 0;       // "Mpeg2R"
+  int32_t pentium_synth = 0;      // "Pentium"
+  int32_t stereo = 1;             // "Stereo"
+  int32_t sixteen_bit = 1;        // "16bit"
+  int32_t alias = 1;              // "Alias": kept and saved, read by nothing
+  int32_t emphasis = 1;           // "Emphasis"
+  int32_t hi_fi = 0;              // "Hi-Fi"
   int32_t force_de_emphasis = 0;  // "ForceDeEmphasis": 1 and 3 override the stream's field
   int32_t powersave = 0;          // "Powersave"
   int32_t prior_dec = 0;          // "Prior_dec"

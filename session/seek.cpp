@@ -1,0 +1,72 @@
+#include "session/seek.h"
+
+#include <cstdio>
+
+#include "session/session.h"
+#include "session/stream.h"
+
+namespace session {
+
+namespace {
+
+int32_t table_frame_size(const FrameHeader& h) {
+  return frame_size_table[((h.id * 3 + h.sampling_index) * 3 - h.layer_code) * 15 + h.bitrate_index];
+}
+
+bool end_of_stream(int32_t code) { return code == FRAME_SHORT || code == FRAME_EOF; }
+
+}  // namespace
+
+int32_t seek_to_frame(FrameHeader& header) {
+  int32_t target = state.seek_target.load(std::memory_order_relaxed);
+  FrameHeader local = header;
+  // A jump assumes constant frame sizes; on a variable-rate stream the sync search finds the next
+  // header after the computed place. Up to ten places are tried, a frame further each time.
+  for (int attempt = 0; attempt < 10; ++attempt) {
+    std::fseek(reader.file, long(stream.data_start) + long(stream.frame_bytes) * target, SEEK_SET);
+    int32_t code = read_frame(local);
+    if (code == FRAME_OK) break;
+    if (end_of_stream(code)) return stream.frame_count;
+    ++target;
+  }
+  int32_t head = head_and_side_bytes(local);
+  if (std::fseek(reader.file, head - 4, SEEK_CUR) != 0) return std::feof(reader.file) ? stream.frame_count : target;
+  load_reservoir(table_frame_size(local) + local.padding_bit - head);
+  int32_t code = read_frame(local);
+  if (code == FRAME_OK) {
+    header = local;
+    return target;
+  }
+  return end_of_stream(code) ? stream.frame_count : target;
+}
+
+int32_t skip_frames_forward(FrameHeader& header, int32_t n) {
+  FrameHeader local = header;
+  for (int32_t done = 0; done < n; ++done) {
+    int32_t head = head_and_side_bytes(local);
+    if (std::fseek(reader.file, head - 4, SEEK_CUR) != 0) return std::feof(reader.file) ? done : -1;
+    load_reservoir(table_frame_size(local) + local.padding_bit - head);
+    int32_t code = read_frame(local);
+    if (code == FRAME_SHORT) return done;
+    if (code != FRAME_OK) return -1;
+  }
+  header = local;
+  return n;
+}
+
+int32_t skip_frames_back(FrameHeader& header, int32_t n) {
+  FrameHeader local = header;
+  for (int32_t done = 0; done < n; ++done) {
+    long size = table_frame_size(local);
+    // Four header bytes, the frame, and one more to stand before the previous frame's sync.
+    if (std::fseek(reader.file, -(size + 5), SEEK_CUR) != 0 && std::fseek(reader.file, -(size + 4), SEEK_CUR) != 0) {
+      header = local;
+      return done;
+    }
+    if (read_frame(local) != FRAME_OK) return -1;
+  }
+  header = local;
+  return n;
+}
+
+}  // namespace session

@@ -1,0 +1,44 @@
+// tovra-cli decode as scripts use it: exit status and what is left on disk for bad input.
+#include <gtest/gtest.h>
+
+#include "support/support.h"
+
+namespace {
+
+std::string cli() { return test::cli_path(); }
+
+TEST(DecodeCli, BadInputFailsWithStatusOneAndLeavesNoOutput) {
+  test::TempDir dir;
+  std::string out = dir.file("out.wav");
+  test::write_file(dir.file("empty.mp3"), {});
+  test::write_file(dir.file("junk.mp3"), std::vector<uint8_t>(4096, 0x5A));
+  test::write_file(dir.file("short.mp3"), {0xFF, 0xFB, 0x90});
+  for (const char* name : {"empty.mp3", "junk.mp3", "short.mp3", "missing.mp3"}) {
+    int status = test::run(cli() + " decode " + dir.file(name) + " " + out + " 2>/dev/null");
+    EXPECT_EQ(status, 1) << name;
+    EXPECT_NE(test::run("test -e " + out), 0) << name << " left an output behind";
+  }
+  // A folder is not a readable stream either.
+  EXPECT_EQ(test::run(cli() + " decode " + dir.path + " " + out + " 2>/dev/null"), 1);
+}
+
+TEST(DecodeCli, UsageErrorsExitWithTwo) {
+  EXPECT_EQ(test::run(cli() + " decode 2>/dev/null"), 2);
+  EXPECT_EQ(test::run(cli() + " decode a b --format flac 2>/dev/null"), 2);
+  EXPECT_EQ(test::run(cli() + " nosuchcommand 2>/dev/null"), 2);
+  EXPECT_EQ(test::run(cli() + " --help >/dev/null"), 0);
+}
+
+TEST(DecodeCli, UnwritableOutputIsTheSystemsMessage) {
+  REQUIRE_TOOL("sox");
+  REQUIRE_TOOL("twolame");
+  test::TempDir dir;
+  std::string wav = dir.file("in.wav"), mp2 = dir.file("in.mp2");
+  ASSERT_EQ(test::run("sox -q -n -r 44100 -c 1 -b 16 " + wav + " synth 0.2 sine 440"), 0);
+  ASSERT_EQ(test::run("twolame --quiet -m m -b 64 " + wav + " " + mp2), 0);
+  std::string err = test::run_output(cli() + " decode " + mp2 + " " + dir.file("no/dir/out.wav") + " 2>&1");
+  EXPECT_NE(err.find("TOVRA: 出力ファイルを作成できません"), std::string::npos) << err;
+  EXPECT_EQ(test::run(cli() + " decode " + mp2 + " " + dir.file("ok.wav") + " 2>/dev/null"), 0);
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+// The file job from start to end: its start codes, its messages, cancel, and what it leaves on disk.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <vector>
+
+#include "decoder/decoder.h"
+#include "session/messages.h"
+#include "session/session.h"
+#include "support/support.h"
+
+namespace {
+
+struct Recorded {
+  int32_t window, msg;
+  int64_t wparam, lparam;
+};
+
+std::mutex record_lock;
+std::vector<Recorded> recorded;
+// Frames-done value at which the sink presses Cancel, 0 for never.
+int64_t cancel_at = 0;
+int32_t busy_code = -1;  // what a second start returned from inside the job
+
+void record(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, bool) {
+  std::lock_guard<std::mutex> lock(record_lock);
+  recorded.push_back({window, msg, wparam, lparam});
+  if (msg == session::MSG_PROGRESS_FRAMES && wparam == cancel_at) {
+    // A second start while the job runs is refused, not queued.
+    busy_code = session::start_decode_file("/dev/null", "/dev/null");
+    session::state.file_job_cancel.store(1);
+  }
+}
+
+int32_t answer_box(const char*, const char*, int32_t) { return session::ANSWER_OK; }
+
+// MPEG-1 Layer II, 44.1 kHz, 128 kbit/s, single channel, no CRC: 417-byte frames whose bodies are
+// zero, so every subband has allocation 0 and the frame decodes to silence.
+std::vector<uint8_t> silent_layer2(int frames) {
+  std::vector<uint8_t> bytes;
+  for (int i = 0; i < frames; ++i) {
+    std::vector<uint8_t> frame(417, 0);
+    frame[0] = 0xFF;
+    frame[1] = 0xFD;
+    frame[2] = 0x80;
+    frame[3] = 0xC0;
+    bytes.insert(bytes.end(), frame.begin(), frame.end());
+  }
+  return bytes;
+}
+
+class FileJob : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    decoder::init_decoder_tables();
+    session::set_sink({record, answer_box});
+    session::set_window_open(session::WINDOW_PROGRESS, true);
+    recorded.clear();
+    cancel_at = 0;
+    busy_code = -1;
+    session::options = session::OutputOptions{};
+    session::options.ext_filter = 0;
+  }
+  void TearDown() override {
+    session::wait_file_job();
+    session::set_sink({});
+  }
+  test::TempDir dir;
+};
+
+TEST_F(FileJob, ReportsEveryTenFramesThenTheTotalAndTheEnd) {
+  std::string in = dir.file("in.mp2"), out = dir.file("out.raw");
+  test::write_file(in, silent_layer2(25));
+  ASSERT_EQ(session::start_decode_file(in.c_str(), out.c_str()), session::START_OK);
+  session::wait_file_job();
+
+  std::vector<std::pair<int32_t, int64_t>> seen;
+  for (const Recorded& r : recorded) seen.push_back({r.msg, r.wparam});
+  std::vector<std::pair<int32_t, int64_t>> expected = {{session::MSG_PROGRESS_FRAMES, 10},
+                                                       {session::MSG_PROGRESS_FRAMES, 20},
+                                                       {session::MSG_PROGRESS_FRAMES, 25},
+                                                       {session::MSG_PROGRESS_END, 0}};
+  EXPECT_EQ(seen, expected);
+  for (const Recorded& r : recorded) {
+    EXPECT_EQ(r.window, session::WINDOW_PROGRESS);
+    if (r.msg == session::MSG_PROGRESS_FRAMES) {
+      EXPECT_EQ(r.lparam, 44100);
+    }
+  }
+  // Two blocks of 576 mono samples a frame, every frame walked.
+  EXPECT_EQ(test::read_file(out).size(), 25u * 2 * 1152);
+  // At rest again: a new job may start.
+  EXPECT_EQ(session::state.file_job_cancel.load(), 1);
+  EXPECT_EQ(session::state.file_job_idle.load(), 1);
+  EXPECT_EQ(session::state.decoder_command.load(), session::CMD_STOP);
+}
+
+TEST_F(FileJob, CancelEndsTheJobAndRemovesTheOutputUnlessLeave) {
+  for (int leave = 0; leave <= 1; ++leave) {
+    recorded.clear();
+    session::options.leave = leave;
+    cancel_at = 10;
+    std::string in = dir.file("in.mp2"), out = dir.file("out" + std::to_string(leave) + ".raw");
+    test::write_file(in, silent_layer2(40));
+    ASSERT_EQ(session::start_decode_file(in.c_str(), out.c_str()), session::START_OK);
+    session::wait_file_job();
+    EXPECT_EQ(busy_code, session::START_BUSY);
+    // Cancel is seen before the next frame is decoded: no total, just the end.
+    ASSERT_EQ(recorded.size(), 2u);
+    EXPECT_EQ(recorded[1].msg, session::MSG_PROGRESS_END);
+    EXPECT_EQ(test::run("test -e " + out), leave ? 0 : 1) << "leave=" << leave;
+    EXPECT_EQ(session::state.file_job_cancel.load(), 1);
+  }
+}
+
+TEST_F(FileJob, StartCodes) {
+  std::string good = dir.file("good.mp2"), junk = dir.file("junk.bin"), out = dir.file("out.raw");
+  test::write_file(good, silent_layer2(3));
+  test::write_file(junk, std::vector<uint8_t>(5000, 0x55));
+
+  EXPECT_EQ(session::start_decode_file(dir.file("missing.mp2").c_str(), out.c_str()), session::START_NO_INPUT);
+  EXPECT_EQ(session::start_decode_file(good.c_str(), dir.file("no/such/folder.raw").c_str()), session::START_NO_OUTPUT);
+  // No frame anywhere: refused, and the output made for it is removed again.
+  EXPECT_EQ(session::start_decode_file(junk.c_str(), out.c_str()), session::START_OPEN_FAILED);
+  EXPECT_NE(test::run("test -e " + out), 0);
+  EXPECT_EQ(session::state.file_job_cancel.load(), 1) << "a refused start leaves the job word at rest";
+  EXPECT_TRUE(recorded.empty());
+}
+
+TEST_F(FileJob, TruncatedLastFrameAndTrailingJunkStillEndAsDone) {
+  std::vector<uint8_t> bytes = silent_layer2(12);
+  bytes.resize(bytes.size() - 200);                     // the last frame is cut short
+  bytes.insert(bytes.end(), {0xFF, 0xFF, 0xFF, 0x12});  // and junk with sync-like bytes follows
+  std::string in = dir.file("in.mp2"), out = dir.file("out.raw");
+  test::write_file(in, bytes);
+  ASSERT_EQ(session::start_decode_file(in.c_str(), out.c_str()), session::START_OK);
+  session::wait_file_job();
+  ASSERT_FALSE(recorded.empty());
+  EXPECT_EQ(recorded.back().msg, session::MSG_PROGRESS_END);
+  EXPECT_EQ(recorded[recorded.size() - 2].wparam, 12);
+}
+
+}  // namespace
