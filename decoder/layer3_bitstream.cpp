@@ -41,24 +41,40 @@ struct Cursor {
 // table gives the slice for the first four bits; its first word is the answer for most codes.
 // Otherwise a binary search finds the last word whose code is not above the stream: since every
 // list is complete and prefix-free, that word's code is a prefix of the stream.
-inline uint32_t find_word(int32_t table, uint32_t s) {
-  const uint32_t* list = huffman_lists[table];
-  const uint8_t* prefix = huffman_prefix[table];
-  uint32_t p = s >> 28;
-  uint32_t lo = prefix[p];
-  uint32_t w = list[lo];
-  uint32_t len = (w >> 8) & 31;
-  if ((((w ^ s) >> 13) >> (19 - len)) == 0) return w;
-  uint32_t hi = p < 15 ? prefix[p + 1] : huffman_list_size[table];
-  uint32_t probe = s | 0x1FFF;
-  uint32_t n = hi - lo;
-  const uint32_t* base = list + lo;
+inline uint32_t search_slice(const uint32_t* base, uint32_t n, uint32_t s) {
+  const uint32_t probe = s | 0x1FFF;
   while (n > 1) {
-    uint32_t half = n >> 1;
+    const uint32_t half = n >> 1;
     base = base[half] <= probe ? base + half : base;
     n -= half;
   }
   return *base;
+}
+
+inline bool matches(uint32_t w, uint32_t s) {
+  const uint32_t len = (w >> 8) & 31;
+  return (((w ^ s) >> 13) >> (19 - len)) == 0;
+}
+
+inline uint32_t find_word(int32_t table, uint32_t s) {
+  const uint32_t* list = huffman_lists[table];
+  const uint8_t* prefix = huffman_prefix[table];
+  const uint32_t p = s >> 28;
+  const uint32_t lo = prefix[p];
+  if (matches(list[lo], s)) return list[lo];
+  const uint32_t hi = p < 15 ? prefix[p + 1] : huffman_list_size[table];
+  return search_slice(list + lo, hi - lo, s);
+}
+
+// The same search from the finer eight-bit index, for the decoding loops.
+inline uint32_t find_word8(int32_t table, uint32_t s) {
+  const uint32_t* list = huffman_lists[table];
+  const uint8_t* start = huffman_start8[table];
+  const uint32_t p = s >> 24;
+  const uint32_t lo = start[p];
+  if (matches(list[lo], s)) return list[lo];
+  const uint32_t hi = p < 255 ? start[p + 1] + 1u : huffman_list_size[table];
+  return search_slice(list + lo, hi - lo, s);
 }
 
 }  // namespace
@@ -301,25 +317,48 @@ int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si,
 }
 
 // Big-value pairs from pos up to end with one table. Linbits and signs follow each value as the
-// standard orders them. Returns the new position; x and y carry the last values for tables 4 and 14.
+// standard orders them. Returns the new position; x and y carry the last magnitudes for tables 4
+// and 14. One 32-bit window holds at least 25 valid bits: enough for the longest code (19 bits) and
+// both sign bits, so a pair without escapes costs one load.
 template <bool kLinbits>
 int32_t decode_pairs(Cursor& c, int32_t table, int32_t pos, int32_t end, int32_t* q, int32_t& x, int32_t& y) {
   const int32_t linbits = kLinbits ? linbits_table[table] : 0;
+  int32_t vx = x, vy = y;
   for (; pos < end; pos += 2) {
-    const uint32_t w = find_word(table, c.peek(19) << 13);
-    c.skip(int32_t((w >> 8) & 31));
-    x = int32_t((w >> 4) & 15);
-    y = int32_t(w & 15);
-    if (kLinbits && x == 15) x += int32_t(c.get(linbits));
-    if (x) x = c.get(1) ? -x : x;
-    if (kLinbits && y == 15) y += int32_t(c.get(linbits));
-    if (y) y = c.get(1) ? -y : y;
-    q[pos] = x;
-    q[pos + 1] = y;
-    // Keep the magnitudes for a following table without codes.
-    x = x < 0 ? -x : x;
-    y = y < 0 ? -y : y;
+    const uint32_t window = c.word();
+    const uint32_t w = find_word8(table, window & 0xFFFFE000u);
+    const int32_t len = int32_t((w >> 8) & 31);
+    vx = int32_t((w >> 4) & 15);
+    vy = int32_t(w & 15);
+    if (!kLinbits || (vx != 15 && vy != 15)) {
+      uint32_t rest = window << len;
+      int32_t used = len;
+      int32_t sx = vx, sy = vy;
+      if (vx) {
+        sx = int32_t(rest) < 0 ? -vx : vx;
+        rest <<= 1;
+        ++used;
+      }
+      if (vy) {
+        sy = int32_t(rest) < 0 ? -vy : vy;
+        ++used;
+      }
+      c.skip(used);
+      q[pos] = sx;
+      q[pos + 1] = sy;
+      continue;
+    }
+    c.skip(len);
+    int32_t sx = vx, sy = vy;
+    if (vx == 15) vx += int32_t(c.get(linbits));
+    if (vx) sx = c.get(1) ? -vx : vx;
+    if (vy == 15) vy += int32_t(c.get(linbits));
+    if (vy) sy = c.get(1) ? -vy : vy;
+    q[pos] = sx;
+    q[pos + 1] = sy;
   }
+  x = vx;
+  y = vy;
   return pos;
 }
 
@@ -385,7 +424,7 @@ void decode_huffman(const session::FrameHeader& h, const SideInfo& side, int32_t
   // Count-1 quads until the granule's bits are used up. A quad that overshoots stays.
   const int32_t quad_table = 32 + si.count1table_select[gc];
   while (pos < 576 && int32_t((c.pos - huffman_start) & session::RESERVOIR_BIT_MASK) < target) {
-    const uint32_t w = find_word(quad_table, c.peek(19) << 13);
+    const uint32_t w = find_word8(quad_table, c.peek(19) << 13);
     c.skip(int32_t((w >> 8) & 31));
     for (int32_t k = 0; k < 4; ++k) {
       int32_t v = 0;

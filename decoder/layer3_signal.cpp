@@ -285,15 +285,30 @@ inline void dct9(const float* a, float* e) {
   e[4] = a0 - a2 + a4 - a6 + a8;
 }
 
-// The 18 values Z of a 36-point transform; output i is Z[source(i)] times the folded window.
-inline void imdct36_core(float* x, float* z) {
-  for (int32_t k = 17; k > 0; --k) x[k] += x[k - 1];
-  for (int32_t k = 17; k > 2; k -= 2) x[k] += x[k - 2];
-  float e[9], s[9];
-  dct9(x, e);
-  dct9(x + 1, s);
+// The 18 values Z of a 36-point transform; output i is Z[source(i)] times the folded window. The
+// neighbour additions run on locals, unrolled.
+inline void imdct36_core(const float* in, float* z) {
+  float x[18];
+  x[0] = in[0];
+#pragma GCC unroll 18
+  for (int32_t k = 1; k < 18; ++k) x[k] = in[k] + in[k - 1];
+  float a[18];
+  a[0] = x[0];
+  a[1] = x[1];
+#define ODD(k)            \
+  a[k] = x[k] + x[k - 2]; \
+  a[k - 1] = x[k - 1];
+  ODD(3)
+  ODD(5)
+  ODD(7) ODD(9) ODD(11) ODD(13) ODD(15) ODD(17)
+#undef ODD
+      float e[9],
+      s[9];
+  dct9(a, e);
+  dct9(a + 1, s);
   static constexpr float odd_factor[9] = {0.50190991f, 0.51763809f, 0.55168896f, 0.61038729f, 0.70710678f,
                                           0.87172340f, 1.18310079f, 1.93185165f, 5.73685662f};
+#pragma GCC unroll 9
   for (int32_t m = 0; m < 9; ++m) {
     const float o = s[m] * odd_factor[m];
     z[m] = e[m] + o;
@@ -307,12 +322,20 @@ void imdct36(float* in, float* out, float* overlap, int32_t kind) {
   float z[18];
   imdct36_core(in, z);
   const float* w = imdct_window[kind];
-  // Output i takes Z[i + 9] for i < 9, Z[26 - i] up to 26, Z[i - 27] above.
+  // Output i takes Z[i + 9] for i < 9, Z[26 - i] up to 26, Z[i - 27] above; laid out in two runs of
+  // 18 so that the windowing loop is straight.
+  float first[18], second[18];
+#pragma GCC unroll 9
   for (int32_t i = 0; i < 9; ++i) {
-    out[i] = z[i + 9] * w[i] + overlap[i];
-    out[i + 9] = z[17 - i] * w[i + 9] + overlap[i + 9];
-    overlap[i] = z[8 - i] * w[i + 18];
-    overlap[i + 9] = z[i] * w[i + 27];
+    first[i] = z[i + 9];
+    first[i + 9] = z[17 - i];
+    second[i] = z[8 - i];
+    second[i + 9] = z[i];
+  }
+#pragma GCC unroll 18
+  for (int32_t i = 0; i < 18; ++i) {
+    out[i] = first[i] * w[i] + overlap[i];
+    overlap[i] = second[i] * w[i + 18];
   }
 }
 
@@ -382,6 +405,23 @@ inline void store_row(int32_t sb, const float* t) {
   }
 }
 
+// True when the subband's 18 lines are all zero (either sign).
+inline bool silent_row(const float* lines) {
+  uint32_t any = 0;
+  for (int32_t i = 0; i < 18; ++i) {
+    uint32_t b;
+    std::memcpy(&b, lines + i, 4);
+    any |= b << 1;
+  }
+  return any == 0;
+}
+
+// A silent row transforms to nothing: its output is the overlap alone, and no overlap remains.
+inline void pass_overlap(float* t, float* overlap) {
+  std::memcpy(t, overlap, 18 * sizeof(float));
+  std::memset(overlap, 0, 18 * sizeof(float));
+}
+
 void transform_channel(int32_t gr, int32_t ch) {
   const SideInfo& si = l3.side;
   const int32_t gc = gr * 2 + ch;
@@ -394,7 +434,9 @@ void transform_channel(int32_t gr, int32_t ch) {
     const int32_t long_rows = si.mixed_block[gc] ? 2 : 0;
     int32_t sb = 0;
     for (; sb < active; ++sb) {
-      if (sb < long_rows)
+      if (silent_row(lines + sb * 18))
+        pass_overlap(t, overlap[sb]);
+      else if (sb < long_rows)
         imdct36(lines + sb * 18, t, overlap[sb], 0);
       else
         imdct12x3(lines + sb * 18, t, overlap[sb]);
@@ -413,7 +455,10 @@ void transform_channel(int32_t gr, int32_t ch) {
   // Rows above the active ones keep their overlap and the samples of the previous call: they are
   // empty on the joint frames that lower the count, and this is the cheap path.
   for (int32_t sb = 0; sb < active; ++sb) {
-    imdct36(lines + sb * 18, t, overlap[sb], kind);
+    if (silent_row(lines + sb * 18))
+      pass_overlap(t, overlap[sb]);
+    else
+      imdct36(lines + sb * 18, t, overlap[sb], kind);
     store_row(sb, t);
   }
 }

@@ -133,6 +133,21 @@ const float lsf_intensity_table[2][32] = {
 
 void restore_lsf_sfb_counts() { std::memcpy(lsf_sfb_counts, lsf_sfb_counts_stored, sizeof lsf_sfb_counts); }
 
-void init_layer3_tables() {}
+uint8_t huffman_start8[HUFFMAN_TABLES][256];
+
+void init_layer3_tables() {
+  for (int32_t t = 0; t < HUFFMAN_TABLES; ++t) {
+    const uint32_t* list = huffman_lists[t];
+    if (!list) continue;
+    // The last word whose code, padded with zeros, is not above the eight bits followed by zeros:
+    // since the lists are complete, that word's code is a prefix of (or starts with) those bits.
+    int32_t i = 0;
+    for (uint32_t p = 0; p < 256; ++p) {
+      const uint32_t probe = p << 24;
+      while (i + 1 < huffman_list_size[t] && (list[i + 1] & 0xFFFFE000u) <= probe) ++i;
+      huffman_start8[t][p] = uint8_t(i);
+    }
+  }
+}
 
 }  // namespace decoder

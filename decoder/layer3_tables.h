@@ -50,6 +50,10 @@ extern const uint16_t huffman_list_size[HUFFMAN_TABLES];
 // list's size for the last) ends the slice.
 extern const uint8_t huffman_prefix[HUFFMAN_TABLES][16];
 
+// The same index for the next eight bits, computed at start-up from the lists: the decoding loops
+// use it so that every code of up to eight bits is found with one compare.
+extern uint8_t huffman_start8[HUFFMAN_TABLES][256];
+
 // Folded windows of the inverse transforms: sign, window and the DCT-IV output factor in one
 // multiplier per output. Rows of imdct_window: long, start, stop.
 extern const float imdct_window[3][36];
