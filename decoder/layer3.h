@@ -71,7 +71,8 @@ void read_side_info(const session::FrameHeader& header, SideInfo& side);
 // Parses side information already in frame_head from its current bit position.
 void parse_side_info(const session::FrameHeader& header, SideInfo& side);
 // Scale factors, then Huffman lines of one granule and channel, from the reservoir's read position.
-void decode_huffman(const session::FrameHeader& header, const SideInfo& side, int32_t granule, int32_t channel);
+// Low-sampling-frequency scale factors write preflag into side.
+void decode_huffman(const session::FrameHeader& header, SideInfo& side, int32_t granule, int32_t channel);
 // Decodes one code word of table 0-33 at the reservoir's read position: stores x and y (for the quad
 // tables x holds the four value bits) and returns the bits used; -1 for tables 4 and 14, which have
 // no codes (damaged_flag is raised and nothing is consumed).

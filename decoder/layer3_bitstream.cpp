@@ -375,8 +375,7 @@ int32_t repeat_pairs(Cursor& c, int32_t pos, int32_t end, int32_t* q, int32_t x,
 
 }  // namespace
 
-void decode_huffman(const session::FrameHeader& h, const SideInfo& side, int32_t gr, int32_t ch) {
-  SideInfo& si = const_cast<SideInfo&>(side);  // LSF scale factors set preflag
+void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int32_t ch) {
   const int32_t gc = gr * 2 + ch;
   Cursor c{bits.reservoir_bits};
   const uint32_t granule_start = c.pos;

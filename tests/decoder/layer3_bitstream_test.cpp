@@ -3,6 +3,7 @@
 // block's stored count, a count-1 quad across the granule's end).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <random>
@@ -116,6 +117,84 @@ TEST(Layer3Huffman, DecodesEveryStandardCode) {
   EXPECT_EQ(x, 0);
   EXPECT_EQ(y, 0);
   EXPECT_EQ(bits.reservoir_bits, 100u);
+}
+
+// The granule loops take their own path to the codes (a finer start index, signs and linbits from
+// one window): every code of every table, with linbits and signs, through decode_huffman, 64 pairs a
+// granule; then every quad of both count-1 tables.
+TEST(Layer3Huffman, GranuleLoopsDecodeEveryCode) {
+  std::vector<Code> codes = standard_codes();
+  if (codes.empty()) GTEST_SKIP() << "standard figures not at hand";
+  fresh_state();
+  session::FrameHeader h = mpeg1_mono();
+  choose_tables(h);
+  decoder::SideInfo& si = l3.side;
+  std::mt19937 rng(5);
+  for (int32_t table = 1; table < 32; ++table) {
+    if (table == 4 || table == 14) continue;
+    int32_t owner = table >= 24 ? 24 : table >= 16 ? 16 : table;
+    int32_t linbits = decoder::linbits_table[table];
+    std::vector<Code> mine;
+    for (const Code& c : codes)
+      if (c.table == owner) mine.push_back(c);
+    std::shuffle(mine.begin(), mine.end(), rng);
+    for (size_t first = 0; first < mine.size(); first += 64) {
+      size_t n = std::min<size_t>(64, mine.size() - first);
+      l3test::RingWriter w(777);
+      std::vector<int32_t> expected;
+      for (size_t i = first; i < first + n; ++i) {
+        w.put_code(mine[i].bits);
+        for (int32_t v : {mine[i].x, mine[i].y}) {
+          if (linbits && v == 15) {
+            uint32_t extra = rng() & ((1u << linbits) - 1);
+            w.put(extra, linbits);
+            v += int32_t(extra);
+          }
+          if (v) {
+            bool negative = rng() & 1;
+            w.put(negative, 1);
+            v = negative ? -v : v;
+          }
+          expected.push_back(v);
+        }
+      }
+      si.big_values[0] = int32_t(n);
+      si.region0_count[0] = 3;
+      si.region1_count[0] = 4;
+      si.table_select[0][0] = si.table_select[0][1] = si.table_select[0][2] = table;
+      si.part2_3_length[0] = int32_t((w.pos - 777) & session::RESERVOIR_BIT_MASK);
+      ASSERT_LT(si.part2_3_length[0], 4096);
+      bits.reservoir_bits = 777;
+      decoder::decode_huffman(h, si, 0, 0);
+      for (size_t i = 0; i < expected.size(); ++i)
+        ASSERT_EQ(l3.quant_lines[0][i], expected[i]) << "table " << table << " pair " << i / 2;
+      EXPECT_EQ(l3.line_count[0], int32_t(2 * n));
+    }
+  }
+  for (int32_t select = 0; select < 2; ++select) {
+    l3test::RingWriter w(31);
+    std::vector<int32_t> expected;
+    for (const Code& c : codes) {
+      if (c.table != 32 + select) continue;
+      w.put_code(c.bits);
+      for (int32_t k = 0; k < 4; ++k) {
+        int32_t v = (c.quad >> (3 - k)) & 1;
+        if (v) {
+          bool negative = rng() & 1;
+          w.put(negative, 1);
+          v = negative ? -1 : 1;
+        }
+        expected.push_back(v);
+      }
+    }
+    si.big_values[0] = 0;
+    si.count1table_select[0] = select;
+    si.part2_3_length[0] = int32_t(w.pos - 31);
+    bits.reservoir_bits = 31;
+    decoder::decode_huffman(h, si, 0, 0);
+    ASSERT_EQ(l3.line_count[0], 64);
+    for (size_t i = 0; i < expected.size(); ++i) ASSERT_EQ(l3.quant_lines[0][i], expected[i]) << select << " " << i;
+  }
 }
 
 // Tables 4 and 14 have no codes: the symbol fails without consuming bits and marks the frame as
