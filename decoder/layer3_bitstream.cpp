@@ -37,6 +37,39 @@ struct Cursor {
   uint32_t get_or_zero(int32_t n) { return n == 0 ? 0 : get(n); }
 };
 
+// The Huffman loops read through a 64-bit cache of the next bits, refilled 24 bits at a time from
+// the ring: the loads run ahead of the decoding instead of waiting for each code's length.
+struct BitCache {
+  uint64_t cache = 0;  // the next bits, left aligned; the bits below the valid ones are zero
+  int32_t avail = 0;   // valid bits in the cache
+  uint32_t fetch;      // ring position of the first bit not yet in the cache
+
+  explicit BitCache(uint32_t pos) : fetch(pos) { refill(); }
+  // Leaves at least 41 valid bits.
+  void refill() {
+    while (avail <= 40) {
+      const uint8_t* p = bits.reservoir + (fetch >> 3);
+      uint32_t w = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+      w <<= fetch & 7;  // at least 25 valid bits; take 24
+      cache |= uint64_t(w >> 8) << (40 - avail);
+      avail += 24;
+      fetch = (fetch + 24) & session::RESERVOIR_BIT_MASK;
+    }
+  }
+  uint32_t top() const { return uint32_t(cache >> 32); }
+  void skip(int32_t n) {
+    cache <<= n;
+    avail -= n;
+  }
+  // n from 1 to 32, within the valid bits.
+  uint32_t get(int32_t n) {
+    uint32_t v = uint32_t(cache >> (64 - n));
+    skip(n);
+    return v;
+  }
+  uint32_t pos() const { return (fetch - uint32_t(avail)) & session::RESERVOIR_BIT_MASK; }
+};
+
 // The word of list that matches the stream bits s (19 bits, left aligned from bit 31). The prefix
 // table gives the slice for the first four bits; its first word is the answer for most codes.
 // Otherwise a binary search finds the last word whose code is not above the stream: since every
@@ -318,14 +351,15 @@ int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si,
 
 // Big-value pairs from pos up to end with one table. Linbits and signs follow each value as the
 // standard orders them. Returns the new position; x and y carry the last magnitudes for tables 4
-// and 14. One 32-bit window holds at least 25 valid bits: enough for the longest code (19 bits) and
-// both sign bits, so a pair without escapes costs one load.
+// and 14. After a refill the cache holds the longest code (19 bits) with one escape and its sign.
 template <bool kLinbits>
 int32_t decode_pairs(Cursor& c, int32_t table, int32_t pos, int32_t end, int32_t* q, int32_t& x, int32_t& y) {
   const int32_t linbits = kLinbits ? linbits_table[table] : 0;
+  BitCache b(c.pos);
   int32_t vx = x, vy = y;
   for (; pos < end; pos += 2) {
-    const uint32_t window = c.word();
+    b.refill();
+    const uint32_t window = b.top();
     const uint32_t w = find_word8(table, window & 0xFFFFE000u);
     const int32_t len = int32_t((w >> 8) & 31);
     vx = int32_t((w >> 4) & 15);
@@ -343,20 +377,22 @@ int32_t decode_pairs(Cursor& c, int32_t table, int32_t pos, int32_t end, int32_t
         sy = int32_t(rest) < 0 ? -vy : vy;
         ++used;
       }
-      c.skip(used);
+      b.skip(used);
       q[pos] = sx;
       q[pos + 1] = sy;
       continue;
     }
-    c.skip(len);
+    b.skip(len);
     int32_t sx = vx, sy = vy;
-    if (vx == 15) vx += int32_t(c.get(linbits));
-    if (vx) sx = c.get(1) ? -vx : vx;
-    if (vy == 15) vy += int32_t(c.get(linbits));
-    if (vy) sy = c.get(1) ? -vy : vy;
+    if (vx == 15) vx += int32_t(b.get(linbits));
+    if (vx) sx = b.get(1) ? -vx : vx;
+    b.refill();
+    if (vy == 15) vy += int32_t(b.get(linbits));
+    if (vy) sy = b.get(1) ? -vy : vy;
     q[pos] = sx;
     q[pos + 1] = sy;
   }
+  c.pos = b.pos();
   x = vx;
   y = vy;
   return pos;
@@ -422,12 +458,14 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
 
   // Count-1 quads until the granule's bits are used up. A quad that overshoots stays.
   const int32_t quad_table = 32 + si.count1table_select[gc];
-  while (pos < 576 && int32_t((c.pos - huffman_start) & session::RESERVOIR_BIT_MASK) < target) {
-    const uint32_t w = find_word8(quad_table, c.peek(19) << 13);
-    c.skip(int32_t((w >> 8) & 31));
+  BitCache b(c.pos);
+  while (pos < 576 && int32_t((b.pos() - huffman_start) & session::RESERVOIR_BIT_MASK) < target) {
+    b.refill();
+    const uint32_t w = find_word8(quad_table, b.top() & 0xFFFFE000u);
+    b.skip(int32_t((w >> 8) & 31));
     for (int32_t k = 0; k < 4; ++k) {
       int32_t v = 0;
-      if (w & (0x80u >> k)) v = c.get(1) ? -1 : 1;
+      if (w & (0x80u >> k)) v = b.get(1) ? -1 : 1;
       q[pos + k] = v;
     }
     pos += 4;
