@@ -300,7 +300,8 @@ inline void imdct36_core(const float* in, float* z) {
   a[k - 1] = x[k - 1];
   ODD(3)
   ODD(5)
-  ODD(7) ODD(9) ODD(11) ODD(13) ODD(15) ODD(17)
+  ODD(7)
+  ODD(9) ODD(11) ODD(13) ODD(15) ODD(17)
 #undef ODD
       float e[9],
       s[9];
@@ -392,16 +393,12 @@ void imdct12x3(const float* in, float* out, float* overlap) {
 
 namespace {
 
-// Writes one transformed subband to subband_samples, negating odd slots of odd subbands.
-inline void store_row(int32_t sb, const float* t) {
-  float* row = subband_samples[sb];
+// Frequency inversion of a transformed subband in subband_samples: odd slots of odd subbands are
+// negated.
+inline void invert_row(int32_t sb) {
   if (sb & 1) {
-    for (int32_t i = 0; i < 18; i += 2) {
-      row[i] = t[i];
-      row[i + 1] = -t[i + 1];
-    }
-  } else {
-    std::memcpy(row, t, 18 * sizeof(float));
+    float* row = subband_samples[sb];
+    for (int32_t i = 1; i < 18; i += 2) row[i] = -row[i];
   }
 }
 
@@ -428,19 +425,19 @@ void transform_channel(int32_t gr, int32_t ch) {
   float* lines = l3.hybrid_in[ch];
   float(*overlap)[18] = l3.overlap[ch];
   const int32_t active = l3.active_subbands < 1 ? 1 : l3.active_subbands > 32 ? 32 : l3.active_subbands;
-  float t[18];
   if (is_short_block(si, gc)) {
     // A mixed block counts as short here: no alias reduction at all.
     const int32_t long_rows = si.mixed_block[gc] ? 2 : 0;
     int32_t sb = 0;
     for (; sb < active; ++sb) {
+      float* t = subband_samples[sb];
       if (silent_row(lines + sb * 18))
         pass_overlap(t, overlap[sb]);
       else if (sb < long_rows)
         imdct36(lines + sb * 18, t, overlap[sb], 0);
       else
         imdct12x3(lines + sb * 18, t, overlap[sb]);
-      store_row(sb, t);
+      invert_row(sb);
     }
     // Above the active rows only the overlap remains: it goes out as it is and is cleared.
     for (; sb < 32; ++sb) {
@@ -455,11 +452,12 @@ void transform_channel(int32_t gr, int32_t ch) {
   // Rows above the active ones keep their overlap and the samples of the previous call: they are
   // empty on the joint frames that lower the count, and this is the cheap path.
   for (int32_t sb = 0; sb < active; ++sb) {
+    float* t = subband_samples[sb];
     if (silent_row(lines + sb * 18))
       pass_overlap(t, overlap[sb]);
     else
       imdct36(lines + sb * 18, t, overlap[sb], kind);
-    store_row(sb, t);
+    invert_row(sb);
   }
 }
 
