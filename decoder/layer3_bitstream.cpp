@@ -355,12 +355,14 @@ int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si,
 template <bool kLinbits>
 int32_t decode_pairs(Cursor& c, int32_t table, int32_t pos, int32_t end, int32_t* q, int32_t& x, int32_t& y) {
   const int32_t linbits = kLinbits ? linbits_table[table] : 0;
+  const uint16_t* fast8 = huffman_fast8[table];
   BitCache b(c.pos);
   int32_t vx = x, vy = y;
   for (; pos < end; pos += 2) {
     b.refill();
     const uint32_t window = b.top();
-    const uint32_t w = find_word8(table, window & 0xFFFFE000u);
+    const uint32_t fast = fast8[window >> 24];
+    const uint32_t w = fast ? fast : find_word8(table, window & 0xFFFFE000u);
     const int32_t len = int32_t((w >> 8) & 31);
     vx = int32_t((w >> 4) & 15);
     vy = int32_t(w & 15);
@@ -461,7 +463,8 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
   BitCache b(c.pos);
   while (pos < 576 && int32_t((b.pos() - huffman_start) & session::RESERVOIR_BIT_MASK) < target) {
     b.refill();
-    const uint32_t w = find_word8(quad_table, b.top() & 0xFFFFE000u);
+    const uint32_t fast = huffman_fast8[quad_table][b.top() >> 24];
+    const uint32_t w = fast ? fast : find_word8(quad_table, b.top() & 0xFFFFE000u);
     b.skip(int32_t((w >> 8) & 31));
     for (int32_t k = 0; k < 4; ++k) {
       int32_t v = 0;

@@ -134,6 +134,7 @@ const float lsf_intensity_table[2][32] = {
 void restore_lsf_sfb_counts() { std::memcpy(lsf_sfb_counts, lsf_sfb_counts_stored, sizeof lsf_sfb_counts); }
 
 uint8_t huffman_start8[HUFFMAN_TABLES][256];
+uint16_t huffman_fast8[HUFFMAN_TABLES][256];
 
 void init_layer3_tables() {
   for (int32_t t = 0; t < HUFFMAN_TABLES; ++t) {
@@ -146,6 +147,8 @@ void init_layer3_tables() {
       const uint32_t probe = p << 24;
       while (i + 1 < huffman_list_size[t] && (list[i + 1] & 0xFFFFE000u) <= probe) ++i;
       huffman_start8[t][p] = uint8_t(i);
+      const uint32_t len = (list[i] >> 8) & 31;
+      huffman_fast8[t][p] = len >= 1 && len <= 8 ? uint16_t(list[i] & 0x1FFF) : 0;
     }
   }
 }
