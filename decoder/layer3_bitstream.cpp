@@ -461,16 +461,27 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
   // Count-1 quads until the granule's bits are used up. A quad that overshoots stays.
   const int32_t quad_table = 32 + si.count1table_select[gc];
   BitCache b(c.pos);
-  while (pos < 576 && int32_t((b.pos() - huffman_start) & session::RESERVOIR_BIT_MASK) < target) {
+  int32_t used = int32_t((b.pos() - huffman_start) & session::RESERVOIR_BIT_MASK);
+  const uint16_t* quad_fast8 = huffman_fast8[quad_table];
+  while (pos < 576 && used < target) {
     b.refill();
-    const uint32_t fast = huffman_fast8[quad_table][b.top() >> 24];
-    const uint32_t w = fast ? fast : find_word8(quad_table, b.top() & 0xFFFFE000u);
-    b.skip(int32_t((w >> 8) & 31));
+    const uint32_t window = b.top();
+    const uint32_t fast = quad_fast8[window >> 24];
+    const uint32_t w = fast ? fast : find_word8(quad_table, window & 0xFFFFE000u);
+    // At most 6 code bits and 4 sign bits: all within the window.
+    int32_t n = int32_t((w >> 8) & 31);
+    uint32_t rest = window << n;
     for (int32_t k = 0; k < 4; ++k) {
       int32_t v = 0;
-      if (w & (0x80u >> k)) v = b.get(1) ? -1 : 1;
+      if (w & (0x80u >> k)) {
+        v = int32_t(rest) < 0 ? -1 : 1;
+        rest <<= 1;
+        ++n;
+      }
       q[pos + k] = v;
     }
+    b.skip(n);
+    used += n;
     pos += 4;
   }
   if (pos > 576) pos = 576;
