@@ -1,9 +1,13 @@
 // Layer III bitstream: side information from the frame head, scale factors and Huffman lines from
 // the reservoir.
 //
-// The Huffman loops keep the reservoir's bit position in a local and read 32-bit big-endian words
-// through the ring's guard, so there is no wrap test and no per-bit loop. Corrupt data cannot push a
-// read out of the ring: positions are masked to 15 bits and every store index is bounded.
+// Every read takes a 32-bit big-endian word at the bit position's byte; the guard behind the ring
+// repeats its first bytes, so there is no wrap test and no per-bit loop. The scale factors read
+// through a local copy of the position; the Huffman loops through a 64-bit cache refilled ahead of
+// the decoding. huffman_symbol searches the stored lists by their four-bit prefix index; the loops
+// use the start-up tables of layer3_tables.h (a direct look-up for codes of up to eight bits, a
+// finer index for the rest), which find the same words faster. Corrupt data cannot push a read out
+// of the ring: positions are masked to 15 bits and every store index is bounded.
 #include <cstring>
 
 #include "decoder/layer3.h"
