@@ -295,16 +295,12 @@ inline void imdct36_core(const float* in, float* z) {
   float a[18];
   a[0] = x[0];
   a[1] = x[1];
-#define ODD(k)            \
-  a[k] = x[k] + x[k - 2]; \
-  a[k - 1] = x[k - 1];
-  ODD(3)
-  ODD(5)
-  ODD(7)
-  ODD(9) ODD(11) ODD(13) ODD(15) ODD(17)
-#undef ODD
-      float e[9],
-      s[9];
+#pragma GCC unroll 8
+  for (int32_t k = 3; k < 18; k += 2) {
+    a[k] = x[k] + x[k - 2];
+    a[k - 1] = x[k - 1];
+  }
+  float e[9], s[9];
   dct9(a, e);
   dct9(a + 1, s);
   static constexpr float odd_factor[9] = {0.50190991f, 0.51763809f, 0.55168896f, 0.61038729f, 0.70710678f,
