@@ -371,21 +371,15 @@ int32_t decode_pairs(Cursor& c, int32_t table, int32_t pos, int32_t end, int32_t
     vx = int32_t((w >> 4) & 15);
     vy = int32_t(w & 15);
     if (!kLinbits || (vx != 15 && vy != 15)) {
+      // Sign bits follow the non-zero values; taken without branches, as they are unpredictable.
       uint32_t rest = window << len;
-      int32_t used = len;
-      int32_t sx = vx, sy = vy;
-      if (vx) {
-        sx = int32_t(rest) < 0 ? -vx : vx;
-        rest <<= 1;
-        ++used;
-      }
-      if (vy) {
-        sy = int32_t(rest) < 0 ? -vy : vy;
-        ++used;
-      }
-      b.skip(used);
-      q[pos] = sx;
-      q[pos + 1] = sy;
+      const int32_t has_x = vx != 0, has_y = vy != 0;
+      const int32_t neg_x = -int32_t((rest >> 31) & uint32_t(has_x));
+      rest <<= has_x;
+      const int32_t neg_y = -int32_t((rest >> 31) & uint32_t(has_y));
+      b.skip(len + has_x + has_y);
+      q[pos] = (vx ^ neg_x) - neg_x;
+      q[pos + 1] = (vy ^ neg_y) - neg_y;
       continue;
     }
     b.skip(len);
@@ -476,13 +470,11 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
     int32_t n = int32_t((w >> 8) & 31);
     uint32_t rest = window << n;
     for (int32_t k = 0; k < 4; ++k) {
-      int32_t v = 0;
-      if (w & (0x80u >> k)) {
-        v = int32_t(rest) < 0 ? -1 : 1;
-        rest <<= 1;
-        ++n;
-      }
-      q[pos + k] = v;
+      const int32_t has = (w >> (7 - k)) & 1;
+      const int32_t neg = -int32_t((rest >> 31) & uint32_t(has));
+      rest <<= has;
+      n += has;
+      q[pos + k] = (has ^ neg) - neg;
     }
     b.skip(n);
     used += n;
