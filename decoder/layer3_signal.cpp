@@ -45,6 +45,7 @@ void dequantise_lines(int32_t gr, int32_t ch, float* dst) {
     for (int32_t b = 0; pos < n && pos < end_line; ++b) {
       const float g = band_gain(base - ((sl[b] + pre * pretab[b]) << shift));
       const int32_t end = sfb_long[b] + 1 < n ? sfb_long[b] + 1 : n;
+#pragma GCC unroll 4
       for (; pos < end; ++pos) dst[pos] = pow43(q[pos]) * g;
     }
   }
@@ -58,6 +59,7 @@ void dequantise_lines(int32_t gr, int32_t ch, float* dst) {
       for (int32_t w = 0; w < 3; ++w) {
         const float g = band_gain(base - 8 * si.subblock_gain[gc][w] - (ss[b * 3 + w] << shift));
         const int32_t end = pos + width < n ? pos + width : n;
+#pragma GCC unroll 4
         for (; pos < end; ++pos) dst[pos] = pow43(q[pos]) * g;
       }
     }
