@@ -4,9 +4,8 @@
 // Every read takes a 32-bit big-endian word at the bit position's byte; the guard behind the ring
 // repeats its first bytes, so there is no wrap test and no per-bit loop. The scale factors read
 // through a local copy of the position; the Huffman loops through a 64-bit cache refilled ahead of
-// the decoding. huffman_symbol searches the stored lists by their four-bit prefix index; the loops
-// use the start-up tables of layer3_tables.h (a direct look-up for codes of up to eight bits, a
-// finer index for the rest), which find the same words faster. Corrupt data cannot push a read out
+// the decoding, with the start-up tables of layer3_tables.h (a direct look-up for codes of up to
+// eight bits, a finer index for the rest). Corrupt data cannot push a read out
 // of the ring: positions are masked to 15 bits and every store index is bounded.
 #include <cstring>
 
@@ -93,17 +92,7 @@ inline bool matches(uint32_t w, uint32_t s) {
   return (((w ^ s) >> 13) >> (19 - len)) == 0;
 }
 
-inline uint32_t find_word(int32_t table, uint32_t s) {
-  const uint32_t* list = huffman_lists[table];
-  const uint8_t* prefix = huffman_prefix[table];
-  const uint32_t p = s >> 28;
-  const uint32_t lo = prefix[p];
-  if (matches(list[lo], s)) return list[lo];
-  const uint32_t hi = p < 15 ? prefix[p + 1] : huffman_list_size[table];
-  return search_slice(list + lo, hi - lo, s);
-}
-
-// The same search from the finer eight-bit index, for the decoding loops.
+// The word of the list that matches the stream bits, found from the eight-bit start index.
 inline uint32_t find_word8(int32_t table, uint32_t s) {
   const uint32_t* list = huffman_lists[table];
   const uint8_t* start = huffman_start8[table];
@@ -115,19 +104,6 @@ inline uint32_t find_word8(int32_t table, uint32_t s) {
 }
 
 }  // namespace
-
-int32_t huffman_symbol(int32_t table, int32_t& x, int32_t& y) {
-  if (table < 0 || table >= HUFFMAN_TABLES || !huffman_lists[table]) {
-    session::state.damaged_flag.store(1, std::memory_order_relaxed);
-    return -1;
-  }
-  uint32_t w = find_word(table, session::peek_bits(19) << 13);
-  x = int32_t((w >> 4) & 15);
-  y = int32_t(w & 15);
-  int32_t len = int32_t((w >> 8) & 31);
-  bits.reservoir_bits = (bits.reservoir_bits + uint32_t(len)) & session::RESERVOIR_BIT_MASK;
-  return len;
-}
 
 int32_t layer3_head_size(const session::FrameHeader& h) {
   if (h.id) return h.mode == 3 ? 21 : 36;

@@ -210,8 +210,8 @@ TEST(Layer3Stereo, MixedBlocksSkipAliasReduction) {
       EXPECT_EQ(energy, 0.0f);
     else
       EXPECT_GT(energy, 0.01f);
-    // A joint stereo frame without stereo coding takes the plain path, with all 32 rows.
   }
+  // A joint stereo frame without stereo coding takes the plain path, with all 32 rows.
   fresh_state();
   session::FrameHeader h{};
   h.id = 1;
@@ -221,21 +221,6 @@ TEST(Layer3Stereo, MixedBlocksSkipAliasReduction) {
   l3.active_subbands = 5;
   decoder::decode_granule_signal(h, 0);
   EXPECT_EQ(l3.active_subbands, 32);
-}
-
-TEST(Layer3Tables, ShortReorderAndStoredFigures) {
-  const int16_t first[20] = {0, 1, 2, 3, 6, 7, 8, 9, 12, 13, 14, 15, 4, 5, 18, 19, 10, 11, 24, 25};
-  for (int32_t i = 0; i < 20; ++i) EXPECT_EQ(decoder::short_reorder[3][i], first[i]) << i;
-  // Every row is a permutation of the 576 places.
-  for (int32_t row = 0; row < decoder::SFB_ROWS; ++row) {
-    bool seen[576] = {};
-    for (int32_t i = 0; i < 576; ++i) seen[decoder::short_reorder[row][i]] = true;
-    for (int32_t i = 0; i < 576; ++i) ASSERT_TRUE(seen[i]) << row << " " << i;
-  }
-  // 24 kHz long band 18 ends at 332 (the standard's figure).
-  EXPECT_EQ(decoder::sfb_long[1][17], 331);
-  EXPECT_EQ(decoder::lsf_intensity_table[0][7], 0.297302f);
-  EXPECT_EQ(decoder::lsf_intensity_table[0][16], 0.0f);
 }
 
 }  // namespace
