@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "bit_writer.h"
 #include "decoder/decoder.h"
 #include "session/frame_reader.h"
 #include "session/session.h"
@@ -16,18 +17,6 @@
 namespace {
 
 // --- A small Layer I encoder of random content -----------------------------------------------------
-
-struct BitWriter {
-  std::vector<uint8_t> bytes;
-  size_t bit = 0;
-  void put(uint32_t value, int bits) {
-    for (int i = bits - 1; i >= 0; --i) {
-      if (bit % 8 == 0) bytes.push_back(0);
-      if ((value >> i) & 1) bytes.back() |= uint8_t(0x80 >> (bit % 8));
-      ++bit;
-    }
-  }
-};
 
 void crc_bits(uint32_t& crc, uint32_t value, int bits) {
   for (int i = bits - 1; i >= 0; --i) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bit_writer.h"
 #include "decoder/decoder.h"
 #include "decoder/synth.h"
 #include "decoder/tables.h"
@@ -21,18 +22,6 @@
 namespace {
 
 using session::FrameHeader;
-
-struct BitWriter {
-  std::vector<uint8_t> bytes;
-  int used = 0;  // bits used in the last byte
-  void put(uint32_t value, int n) {
-    for (int i = n - 1; i >= 0; --i) {
-      if (used == 0) bytes.push_back(0);
-      if ((value >> i) & 1) bytes.back() |= uint8_t(0x80 >> used);
-      used = (used + 1) & 7;
-    }
-  }
-};
 
 int32_t kbps_of(const FrameHeader& h) {
   return session::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];

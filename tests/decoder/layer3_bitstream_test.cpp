@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bit_writer.h"
 #include "decoder/layer3_tables.h"
 #include "layer3_support.h"
 #include "support/support.h"
@@ -19,31 +20,25 @@ namespace {
 using decoder::l3;
 using session::bits;
 
-void fresh_state() {
+// Fresh decoder state, and an MPEG-1 (or LSF) mono header at 44.1 (22.05) kHz whose band tables
+// are chosen as the frame driver does.
+session::FrameHeader fresh_state(int32_t id = 1) {
   static bool tables = (decoder::init_decoder_tables(), true);
   (void)tables;
   session::reset_frame_reader();
   session::reset_bit_reader();
   decoder::reset_decoder_state();
   session::state.damaged_flag.store(0);
-}
-
-session::FrameHeader mpeg1_mono() {
   session::FrameHeader h{};
-  h.id = 1;
+  h.id = id;
   h.layer_code = 1;
   h.protection_bit = 1;
   h.bitrate_index = 9;
-  h.sampling_index = 0;
   h.mode = 3;
-  return h;
-}
-
-// Selects the band tables of the header's rate, as the frame driver does.
-void choose_tables(const session::FrameHeader& h) {
-  l3.table_row = h.id * 3 + h.sampling_index;
+  l3.table_row = id * 3;
   l3.sfb_long = decoder::sfb_long[l3.table_row];
   l3.sfb_short = decoder::sfb_short[l3.table_row];
+  return h;
 }
 
 struct Code {
@@ -81,9 +76,7 @@ std::vector<Code> standard_codes() {
 TEST(Layer3Huffman, GranuleLoopsDecodeEveryCode) {
   std::vector<Code> codes = standard_codes();
   if (codes.empty()) GTEST_SKIP() << "standard figures not at hand";
-  fresh_state();
-  session::FrameHeader h = mpeg1_mono();
-  choose_tables(h);
+  session::FrameHeader h = fresh_state();
   decoder::SideInfo& si = l3.side;
   std::mt19937 rng(5);
   for (int32_t table = 1; table < 32; ++table) {
@@ -158,9 +151,7 @@ TEST(Layer3Huffman, GranuleLoopsDecodeEveryCode) {
 // Tables 4 and 14 have no codes: in a granule the last pair repeats, with its sign bits read as
 // usual, and the frame is marked as damaged.
 TEST(Layer3Huffman, TablesWithoutCodesRepeatTheLastPair) {
-  fresh_state();
-  session::FrameHeader h = mpeg1_mono();
-  choose_tables(h);
+  session::FrameHeader h = fresh_state();
   decoder::SideInfo& si = l3.side;
   si.big_values[0] = 4;  // lines 0-7: region 0 is band 0 (lines 0-3), region 1 band 1 (lines 4-7)
   si.region0_count[0] = 0;
@@ -185,9 +176,7 @@ TEST(Layer3Huffman, TablesWithoutCodesRepeatTheLastPair) {
 }
 
 TEST(Layer3Huffman, AllZeroGranuleAndBigValuesCut) {
-  fresh_state();
-  session::FrameHeader h = mpeg1_mono();
-  choose_tables(h);
+  session::FrameHeader h = fresh_state();
   decoder::SideInfo& si = l3.side;
   // Scale factors only: slen 4 and 3 for compress 15 give 6*4 + 5*4 + 10*3 = 74 bits.
   si.scalefac_compress[0] = 15;
@@ -214,9 +203,7 @@ TEST(Layer3Huffman, AllZeroGranuleAndBigValuesCut) {
 // A count-1 quad that runs past the granule's bits stays in the lines, and the next granule starts
 // exactly where the granule's length says.
 TEST(Layer3Huffman, Count1OvershootKeepsTheQuad) {
-  fresh_state();
-  session::FrameHeader h = mpeg1_mono();
-  choose_tables(h);
+  session::FrameHeader h = fresh_state();
   decoder::SideInfo& si = l3.side;
   si.count1table_select[0] = 1;  // table 33: four-bit codes, the value bits inverted
   l3test::RingWriter w(0);
@@ -236,14 +223,8 @@ TEST(Layer3Huffman, Count1OvershootKeepsTheQuad) {
 // The LSF mixed block: the stored count of its row loses six at every block, for the life of the
 // process, and stops at 0; the first six long bands take the slipped read.
 TEST(Layer3Huffman, LsfMixedBlockCountPersistsToTheFloor) {
-  fresh_state();
+  session::FrameHeader h = fresh_state(0);
   decoder::restore_lsf_sfb_counts();
-  session::FrameHeader h{};
-  h.id = 0;
-  h.layer_code = 1;
-  h.sampling_index = 0;
-  h.mode = 3;
-  choose_tables(h);
   decoder::SideInfo& si = l3.side;
   si.window_switching[0] = 1;
   si.block_type[0] = 2;
@@ -275,64 +256,42 @@ TEST(Layer3Huffman, LsfMixedBlockCountPersistsToTheFloor) {
   decoder::restore_lsf_sfb_counts();
 }
 
-// One frame in a file: MPEG-1 Layer III, 128 kbit/s, 44.1 kHz, mono, no CRC, 417 bytes.
-std::vector<uint8_t> mono_frame(int32_t main_data_begin, const std::vector<uint8_t>& main_data,
-                                int32_t part2_3_length) {
-  std::vector<uint8_t> f = {0xFF, 0xFB, 0x90, 0xC0};
-  std::vector<uint8_t> side(17, 0);
-  uint32_t pos = 0;
-  auto put = [&](uint32_t v, int32_t n) {
-    for (int32_t i = n - 1; i >= 0; --i, ++pos)
-      if ((v >> i) & 1) side[pos >> 3] |= uint8_t(0x80 >> (pos & 7));
-  };
-  put(uint32_t(main_data_begin), 9);
-  put(0, 5 + 4);
-  // Granule 0: one pair of table 1; granule 1: nothing.
-  put(uint32_t(part2_3_length), 12);
-  put(1, 9);    // big_values
-  put(210, 8);  // global_gain
-  put(0, 4 + 1);
-  put(1, 5);  // table_select 1, 0, 0
-  put(0, 10 + 4 + 3 + 3);
-  f.insert(f.end(), side.begin(), side.end());
-  f.insert(f.end(), main_data.begin(), main_data.end());
-  f.resize(417, 0);
-  return f;
-}
-
 std::vector<int32_t> first_granule_lines;
-
-void capture_lines(int32_t) {
-  if (first_granule_lines.empty()) first_granule_lines.assign(l3.quant_lines[0], l3.quant_lines[0] + l3.line_count[0]);
-}
-void no_shaper() {}
-
-int32_t decode_file_frame(const std::string& path) {
-  session::reader.file = std::fopen(path.c_str(), "rb");
-  session::FrameHeader h{};
-  int32_t code = session::read_frame(h);
-  session::state.synth_slot = capture_lines;
-  session::state.shaper_slot = no_shaper;
-  first_granule_lines.clear();
-  if (code == session::FRAME_OK) decoder::decode_layer3_frame(h);
-  std::fclose(session::reader.file);
-  session::reader.file = nullptr;
-  return code;
-}
 
 // After a stream start the ring holds nothing of the stream, and main_data_begin may still point
 // behind the frame: the decoder reads what the ring holds there, without a check.
 TEST(Layer3Reservoir, MainDataBeginReachesBehindTheRing) {
+  // One frame: MPEG-1 Layer III, 128 kbit/s, 44.1 kHz, mono, no CRC, 417 bytes, main_data_begin
+  // 100; granule 0 holds one pair of table 1 in 5 bits, granule 1 nothing.
+  BitWriter f;
+  f.put(0xFFFB90C0, 32);
+  f.put(100, 9);
+  f.put(0, 5 + 4);
+  f.put(5, 12);   // part2_3_length
+  f.put(1, 9);    // big_values
+  f.put(210, 8);  // global_gain
+  f.put(0, 4 + 1);
+  f.put(1, 5);  // table_select 1, 0, 0
+  f.bytes.resize(417, 0);
   test::TempDir dir;
-  std::string path = dir.file("one.mp3");
+  test::write_file(dir.file("one.mp3"), f.bytes);
 
   fresh_state();
-  test::write_file(path, mono_frame(100, {}, 5));
   // Stale bytes where the frame points: 100 bytes before write offset 0 is ring byte 3996.
   l3test::RingWriter w(3996 * 8);
   w.put_code("000");
   w.put(0b01, 2);
-  ASSERT_EQ(decode_file_frame(path), session::FRAME_OK);
+  session::reader.file = std::fopen(dir.file("one.mp3").c_str(), "rb");
+  session::FrameHeader h{};
+  ASSERT_EQ(session::read_frame(h), session::FRAME_OK);
+  session::state.synth_slot = [](int32_t) {
+    if (first_granule_lines.empty())
+      first_granule_lines.assign(l3.quant_lines[0], l3.quant_lines[0] + l3.line_count[0]);
+  };
+  session::state.shaper_slot = [] {};
+  decoder::decode_layer3_frame(h);
+  std::fclose(session::reader.file);
+  session::reader.file = nullptr;
   EXPECT_EQ(first_granule_lines, (std::vector<int32_t>{1, -1}));
   EXPECT_EQ(bits.reservoir_write, 417 - 21);
 }
