@@ -97,38 +97,6 @@ class Layer2FrameTest : public ::testing::Test {
 uint32_t group3(int d0, int d1, int d2) { return uint32_t(d0 + 3 * d1 + 9 * d2); }
 float grouped_value(int d, float scale) { return (float(d) * 0.5f - 1.0f + 0.5f) * 1.3333334f * scale; }
 const int digits_a[3] = {0, 1, 2}, digits_b[3] = {2, 2, 0}, digits_c[3] = {1, 2, 0};
-int width_a(int sb) { return sb < 11 ? 4 : sb < 23 ? 3 : 2; }
-
-// Joint stereo: subbands from the bound up carry one allocation and one set of samples, decoded
-// with channel 0's scale factor for both channels, whatever channel 1's scale factors say.
-TEST_F(Layer2FrameTest, JointBandsAreChannelZerosSamplesInBothChannels) {
-  for (int mode_ext = 0; mode_ext < 4; ++mode_ext) {
-    SCOPED_TRACE(mode_ext);
-    SetUp();
-    const int bound = mode_ext * 4 + 4;
-    FrameHeader h = header(1, 8, 0, 1, mode_ext);  // 44.1 kHz, 128 kbit/s: table A
-    BitWriter w;
-    for (int sb = 0; sb < 27; ++sb)
-      for (int c = 0; c < (sb < bound ? 2 : 1); ++c) w.put(sb == bound - 1 || sb == bound, width_a(sb));
-    for (int i = 0; i < 4; ++i) w.put(2, 2);                // scfsi 2: one index each
-    for (int i = 0; i < 2; ++i) w.put(3, 6), w.put(30, 6);  // channel 0 index 3, channel 1 index 30
-    for (int g = 0; g < 12; ++g) {
-      w.put(group3(0, 1, 2), 5);  // below the bound, one word per channel
-      w.put(group3(2, 2, 0), 5);
-      w.put(group3(1, 2, 0), 5);  // at the bound, one word
-    }
-    decode(h, w);
-    ASSERT_EQ(synth_calls.size(), 4u);
-    EXPECT_EQ(shaper_calls, 2);
-    const float s1 = decoder::scale_factor_table[30];
-    for (int t = 0; t < 36; ++t) {
-      EXPECT_EQ(sample(0, bound - 1, t), grouped_value(digits_a[t % 3], 1.0f));
-      EXPECT_EQ(sample(1, bound - 1, t), grouped_value(digits_b[t % 3], s1));
-      EXPECT_EQ(sample(0, bound, t), grouped_value(digits_c[t % 3], 1.0f));
-      EXPECT_EQ(sample(1, bound, t), sample(0, bound, t));
-    }
-  }
-}
 
 // An MPEG-2 frame uses the low-sampling-frequency table (30 bands, widths 4, 3, 2) at every rate,
 // and loads the rate table's frame size, half the real frame: the file stands mid-frame afterwards.

@@ -45,7 +45,6 @@ struct GranuleNote {
   bool wrapped = false;     // a line of magnitude 8192 or more: the power table's index wraps
   bool stale_rows = false;  // rows above active_subbands held signal, which the decoder leaves as is
   bool short_block = false;
-  bool mixed_block = false;
 };
 
 inline std::vector<GranuleNote>& notes() {
@@ -73,11 +72,6 @@ inline void note_synth(int32_t channel) {
   }
 }
 
-inline void note_shaper() {
-  using decoder::l3;
-  notes().emplace_back();
-}
-
 // Runs the decoder over a Layer III file with hooks in place of the synthesis and the shaper.
 // Returns one note per granule.
 inline std::vector<GranuleNote> analyse_stream(const std::string& path, int32_t* channels = nullptr) {
@@ -92,7 +86,7 @@ inline std::vector<GranuleNote> analyse_stream(const std::string& path, int32_t*
   session::reset_bit_reader();
   decoder::reset_decoder_state();
   session::state.synth_slot = note_synth;
-  session::state.shaper_slot = note_shaper;
+  session::state.shaper_slot = [] { notes().emplace_back(); };
   session::FrameHeader h{};
   for (;;) {
     int32_t code = session::read_frame(h);
@@ -107,10 +101,7 @@ inline std::vector<GranuleNote> analyse_stream(const std::string& path, int32_t*
       GranuleNote& g = notes()[notes().size() - 1 - size_t(granules - gr)];
       for (int32_t ch = 0; ch < (h.mode == 3 ? 1 : 2); ++ch) {
         int32_t gc = gr * 2 + ch;
-        if (decoder::l3.side.window_switching[gc] && decoder::l3.side.block_type[gc] == 2) {
-          g.short_block = true;
-          if (decoder::l3.side.mixed_block[gc]) g.mixed_block = true;
-        }
+        if (decoder::l3.side.window_switching[gc] && decoder::l3.side.block_type[gc] == 2) g.short_block = true;
       }
     }
   }
