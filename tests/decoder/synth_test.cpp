@@ -213,6 +213,11 @@ TEST_F(SynthTest, EdgeCasesInEveryVariant) {
       EXPECT_EQ(decoder::synth_column[1 - ch], other);
     }
   }
+  // A track's first frame resets the indices and keeps the ring's history.
+  decoder::reset_synth_indices();
+  EXPECT_EQ(decoder::synth_column[0] | decoder::synth_column[1] | uint32_t(decoder::synth_phase), 0u);
+  const float* ring = &decoder::synth_banks[1][0][0][0];
+  EXPECT_TRUE(std::any_of(ring, ring + 2 * 17 * 16, [](float v) { return v != 0.0f; }));
   std::vector<int16_t> full = run(decoder::synth_full, loud, 2, 0);
   std::vector<int16_t> over = run(decoder::synth_overdrive, loud, 2, 0);
   int odd_negative_sums = 0;
