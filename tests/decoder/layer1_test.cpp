@@ -1,5 +1,5 @@
 // Layer I decoder: conformance streams against their references, streams made here (no tool on the
-// machine encodes Layer I) against mpg123 in every output format, and the ways a track ends.
+// machine encodes Layer I) against mpg123 (every output format covered), and the ways a track ends.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -194,64 +194,55 @@ TEST(Layer1, GeneratedStreamsMatchMpg123) {
 
 // --- Ways a track ends -----------------------------------------------------------------------------
 
-// Runs decode_layer1_stream in this process as a file job would, into a raw or formatted file.
-struct DirectRun {
+// Runs decode_layer1_stream in this process as a WAV file job would; returns the file's bytes and
+// the transport word after the track.
+std::vector<uint8_t> run_direct(const std::vector<uint8_t>& stream_bytes, int32_t* command_after) {
+  using namespace session;
   test::TempDir dir;
-  std::vector<uint8_t> output;
-  int32_t command_after = -1;
-
-  void run(const std::vector<uint8_t>& stream_bytes, int32_t ext_filter, int32_t frame_count) {
-    using namespace session;
-    test::write_file(dir.file("in.mp1"), stream_bytes);
-    reader.file = std::fopen(dir.file("in.mp1").c_str(), "rb");
-    state.out_file = std::fopen(dir.file("out").c_str(), "w+b");
-    ASSERT_TRUE(reader.file && state.out_file);
-    options.ext_filter = ext_filter;
-    stream.frame_count = frame_count;
-    stream.mode = 0;
-    stream.mpeg_id = 1;
-    stream.sample_rate = 44100;
-    state.shaper_slot = write_decoded_block;
-    state.decoder_command.store(CMD_RUN);
-    state.file_job_active.store(1);
-    state.file_job_cancel.store(0);
-    state.damaged_flag.store(0);
-    reserve_header(ext_filter);
-    decoder::decode_layer1_stream();
-    command_after = state.decoder_command.load();
-    std::fclose(state.out_file);
-    std::fclose(reader.file);
-    state.out_file = nullptr;
-    reader.file = nullptr;
-    state.file_job_active.store(0);
-    state.file_job_cancel.store(1);
-    state.decoder_command.store(CMD_STOP);
-    output = test::read_file(dir.file("out"));
-  }
-};
-
-TEST(Layer1, WrongCrcStopsTheTrackNotJustTheFrame) {
-  StreamSpec s{.mode = 0, .crc = true, .frames = 12, .seed = 21, .wrong_crc_frame = 5};
-  DirectRun run;
-  run.run(make_layer1_stream(s), session::EXT_WAV, 1000);
-  EXPECT_EQ(run.command_after, session::CMD_STOP);
-  // Five good stereo frames make 3840 values: three whole blocks went out, the rest is dropped with
-  // the header left unfinished (the zero placeholder) and no trailer.
-  ASSERT_EQ(run.output.size(), 44u + 3 * 2304);
-  for (int i = 0; i < 44; ++i) ASSERT_EQ(run.output[size_t(i)], 0) << i;
+  test::write_file(dir.file("in.mp1"), stream_bytes);
+  reader.file = std::fopen(dir.file("in.mp1").c_str(), "rb");
+  state.out_file = std::fopen(dir.file("out").c_str(), "w+b");
+  if (!reader.file || !state.out_file) return {};
+  options.ext_filter = EXT_WAV;
+  stream.frame_count = 1000;
+  stream.mode = 0;
+  stream.mpeg_id = 1;
+  stream.sample_rate = 44100;
+  state.shaper_slot = write_decoded_block;
+  state.decoder_command.store(CMD_RUN);
+  state.file_job_active.store(1);
+  state.file_job_cancel.store(0);
+  reserve_header(EXT_WAV);
+  decoder::decode_layer1_stream();
+  *command_after = state.decoder_command.load();
+  std::fclose(state.out_file);
+  std::fclose(reader.file);
+  state.out_file = nullptr;
+  reader.file = nullptr;
+  state.file_job_active.store(0);
+  state.file_job_cancel.store(1);
+  state.decoder_command.store(CMD_STOP);
+  return test::read_file(dir.file("out"));
 }
 
-TEST(Layer1, LostSyncFlushesTheIncompleteBlockAndFinishes) {
-  StreamSpec s{.mode = 3, .frames = 5, .seed = 22};
-  std::vector<uint8_t> bytes = make_layer1_stream(s);
+// A wrong CRC stops the track: five good stereo frames make 3840 values, three whole blocks went
+// out, the rest is dropped with the header left unfinished (the zero placeholder) and no trailer.
+// Lost sync instead flushes: 5 mono frames are one block and a tail of 768, then the trailer.
+TEST(Layer1, WrongCrcStopsTheTrackAndLostSyncFlushes) {
+  int32_t command = -1;
+  std::vector<uint8_t> out = run_direct(
+      make_layer1_stream({.mode = 0, .crc = true, .frames = 12, .seed = 21, .wrong_crc_frame = 5}), &command);
+  EXPECT_EQ(command, session::CMD_STOP);
+  ASSERT_EQ(out.size(), 44u + 3 * 2304);
+  for (int i = 0; i < 44; ++i) ASSERT_EQ(out[size_t(i)], 0) << i;
+
+  std::vector<uint8_t> bytes = make_layer1_stream({.mode = 3, .frames = 5, .seed = 22});
   bytes.insert(bytes.end(), 3000, 0x55);  // no sync anywhere in the rest
-  DirectRun run;
-  run.run(bytes, session::EXT_WAV, 1000);
-  EXPECT_EQ(run.command_after, session::CMD_RUN);
-  // 5 mono frames are 1920 values: one block and a flushed tail of 768, then the trailer.
-  ASSERT_EQ(run.output.size(), 44u + 1920 * 2 + 88);
-  EXPECT_EQ(std::string(run.output.begin(), run.output.begin() + 4), "RIFF");
-  EXPECT_EQ(run.output[22], 1);  // the channel count of the frames decoded
+  out = run_direct(bytes, &command);
+  EXPECT_EQ(command, session::CMD_RUN);
+  ASSERT_EQ(out.size(), 44u + 1920 * 2 + 88);
+  EXPECT_EQ(std::string(out.begin(), out.begin() + 4), "RIFF");
+  EXPECT_EQ(out[22], 1);  // the channel count of the frames decoded
 }
 
 TEST(Layer1, ShortFrameCountEndsAfterTheFirstBlockOf200Frames) {
