@@ -1,6 +1,7 @@
 // The file job from start to end: its start codes, its messages, cancel, and what it leaves on disk.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -37,15 +38,8 @@ int32_t answer_box(const char*, const char*, int32_t) { return session::ANSWER_O
 // MPEG-1 Layer II, 44.1 kHz, 128 kbit/s, single channel, no CRC: 417-byte frames whose bodies are
 // zero, so every subband has allocation 0 and the frame decodes to silence.
 std::vector<uint8_t> silent_layer2(int frames) {
-  std::vector<uint8_t> bytes;
-  for (int i = 0; i < frames; ++i) {
-    std::vector<uint8_t> frame(417, 0);
-    frame[0] = 0xFF;
-    frame[1] = 0xFD;
-    frame[2] = 0x80;
-    frame[3] = 0xC0;
-    bytes.insert(bytes.end(), frame.begin(), frame.end());
-  }
+  std::vector<uint8_t> bytes(size_t(frames) * 417, 0);
+  for (size_t at = 0; at < bytes.size(); at += 417) std::memcpy(&bytes[at], "\xFF\xFD\x80\xC0", 4);
   return bytes;
 }
 

@@ -100,6 +100,8 @@ Rmp3 make_rmp3(const Bytes& audio) {
   return r;
 }
 
+using Ints = std::vector<int32_t>;
+
 struct Box {
   std::string caption, text;
 };
@@ -109,64 +111,54 @@ int32_t record_box(const char* caption, const char* text, int32_t) {
   return session::ANSWER_OK;
 }
 
+// The lame stream the wrapper tests wrap: one second of stereo at 44.1 kHz, 128 kbit/s. Empty when
+// sox or lame is missing.
+const Bytes& base() {
+  static const Bytes made = [] {
+    test::TempDir dir;
+    const std::string wav = dir.file("base.wav"), mp3 = dir.file("base.mp3");
+    if (!test::have_tool("sox") || !test::have_tool("lame") ||
+        test::run("sox -q -n -r 44100 -c 2 -b 16 " + wav + " synth 1 sine 440 vol 0.5") != 0 ||
+        test::run("lame --quiet -b 128 " + wav + " " + mp3) != 0)
+      return Bytes{};
+    return test::read_file(mp3);
+  }();
+  return made;
+}
+#define REQUIRE_BASE() \
+  if (base().size() < 1000) GTEST_SKIP() << "lame or sox is not installed"
+
 struct Opened {
   int32_t code;
   long position;
 };
+// open_stream on a file as the session does it; the file is closed again.
+Opened open(const std::string& path) {
+  session::reader.file = std::fopen(path.c_str(), "rb");
+  if (!session::reader.file) return {-999, -1};
+  session::reset_frame_reader();
+  Opened o{session::open_stream(), std::ftell(session::reader.file)};
+  std::fclose(session::reader.file);
+  session::reader.file = nullptr;
+  return o;
+}
+std::string tag_text() { return std::string(reinterpret_cast<const char*>(session::stream.tag_buffer), 3); }
 
 class StreamTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    made_ = new test::TempDir;
-    if (!test::have_tool("sox") || !test::have_tool("lame")) return;
-    std::string wav = made_->file("base.wav");
-    if (test::run("sox -q -n -r 44100 -c 2 -b 16 " + wav + " synth 1 sine 440 vol 0.5") == 0)
-      test::run("lame --quiet -b 128 " + wav + " " + made_->file("base.mp3"));
-    base_ = test::read_file(made_->file("base.mp3"));
-  }
-  static void TearDownTestSuite() {
-    delete made_;
-    made_ = nullptr;
-  }
   void SetUp() override {
     boxes.clear();
     session::set_sink({nullptr, record_box});
     session::options = session::OutputOptions{};
   }
   void TearDown() override { session::set_sink({}); }
-
   std::string write(const std::string& name, const Bytes& bytes) {
     std::string path = dir_.file(name);
     test::write_file(path, bytes);
     return path;
   }
-
-  // open_stream on a file as the session does it; the file is closed again.
-  static Opened open(const std::string& path) {
-    session::reader.file = std::fopen(path.c_str(), "rb");
-    if (!session::reader.file) return {-999, -1};
-    session::reset_frame_reader();
-    Opened o{session::open_stream(), std::ftell(session::reader.file)};
-    std::fclose(session::reader.file);
-    session::reader.file = nullptr;
-    return o;
-  }
-
-  // The lame stream of the suite; tests that wrap it skip without the tools.
-  const Bytes& base() { return base_; }
-  bool have_base() const { return base_.size() > 1000; }
-  static std::string tag_text() { return std::string(reinterpret_cast<const char*>(session::stream.tag_buffer), 3); }
-
   test::TempDir dir_;
-  static test::TempDir* made_;
-  static Bytes base_;
 };
-
-test::TempDir* StreamTest::made_ = nullptr;
-Bytes StreamTest::base_;
-
-#define REQUIRE_BASE() \
-  if (!have_base()) GTEST_SKIP() << "lame or sox is not installed"
 
 // Walks every frame of a stream from the start: each must begin where the one before ended, and the
 // walk must end exactly at the file's end.
@@ -224,37 +216,24 @@ TEST_F(StreamTest, EncodersAtEverySamplingRate) {
     ASSERT_EQ(o.code, session::STREAM_OK);
     EXPECT_EQ(o.position, 0);
     const session::StreamInfo& s = session::stream;
-    EXPECT_EQ(s.mpeg_id, id);
-    EXPECT_EQ(s.layer, layer);
-    EXPECT_EQ(s.sample_rate, c.hz);
-    EXPECT_EQ(s.sample_rate_khz, c.hz / 1000);
-    EXPECT_EQ(s.bitrate_kbps, c.kbps);
-    EXPECT_EQ(s.mode == 3, c.channels == 1);
-    EXPECT_EQ(s.data_start, 0);
-    EXPECT_EQ(s.data_end, size);
-    EXPECT_EQ(s.file_size, size);
-    EXPECT_EQ(s.data_size, size);
+    EXPECT_EQ((Ints{s.mpeg_id, s.layer, s.sample_rate, s.sample_rate_khz, s.bitrate_kbps, s.mode == 3, s.data_start,
+                    s.data_end, s.file_size, s.data_size, s.play_seconds, s.tag_buffer[127], session::stream_wrapper}),
+              (Ints{id, layer, c.hz, c.hz / 1000, c.kbps, c.channels == 1, 0, size, size, size, size / (c.kbps * 125),
+                    247, 0}));  // 247: an untagged file gets the cleared record
     // The same K for Layers II and III: MPEG-2 Layer II frames count half their real length.
     const int32_t base_bytes = (id ? 144000 : 72000) * c.kbps / c.hz;
     EXPECT_GE(s.frame_bytes, base_bytes);
     EXPECT_LE(s.frame_bytes, base_bytes + 1);
     EXPECT_EQ(s.frame_count, size / s.frame_bytes);
-    EXPECT_EQ(s.play_seconds, size / (c.kbps * 125));
-    EXPECT_EQ(s.tag_buffer[127], 247) << "an untagged file gets the cleared record";
-    EXPECT_EQ(session::stream_wrapper, 0);
     EXPECT_TRUE(boxes.empty());
     walk_contiguous(out, 4 - layer, c.hz);
 
     session::ProbeInfo p{};
     ASSERT_EQ(session::probe_file(out.c_str(), p), 0);
-    EXPECT_EQ(p.id, id);
-    EXPECT_EQ(p.layer, layer);
-    EXPECT_EQ(p.kbps, c.kbps);
     // The probe's sampling index loses its low bit: 48000 and 24000 are shown as 44100 and 22050.
-    EXPECT_EQ(p.hz, c.hz == 48000 ? 44100 : c.hz == 24000 ? 22050 : c.hz);
-    EXPECT_EQ(p.data_end, size);
-    EXPECT_EQ(p.file_size, size);
-    EXPECT_EQ(p.play_seconds, s.play_seconds);
+    const int32_t shown = c.hz == 48000 ? 44100 : c.hz == 24000 ? 22050 : c.hz;
+    EXPECT_EQ((Ints{p.id, p.layer, p.kbps, p.hz, p.data_end, p.file_size, p.play_seconds}),
+              (Ints{id, layer, c.kbps, shown, size, size, s.play_seconds}));
   }
 }
 
@@ -328,12 +307,9 @@ TEST_F(StreamTest, WrapperForms) {
     SCOPED_TRACE(c.name);
     const std::string path = write("wrapped.bin", c.file);
     Opened o = open(path);
-    ASSERT_EQ(o.code, c.code);
-    EXPECT_EQ(o.position, c.data_start);
-    EXPECT_EQ(session::stream.data_start, c.data_start);
-    EXPECT_EQ(session::stream.data_end, c.data_end);
-    EXPECT_EQ(session::stream.file_size, int32_t(c.file.size()));
-    EXPECT_EQ(session::stream_wrapper, c.wrapper);
+    EXPECT_EQ((Ints{o.code, int32_t(o.position), session::stream.data_start, session::stream.data_end,
+                    session::stream.file_size, session::stream_wrapper}),
+              (Ints{c.code, c.data_start, c.data_start, c.data_end, int32_t(c.file.size()), c.wrapper}));
     EXPECT_EQ(c.mark.empty() ? c.mark : tag_text(), c.mark);
     EXPECT_EQ(c.code == session::STREAM_OK ? session::stream.sample_rate : 44100, 44100);
     EXPECT_TRUE(boxes.empty());
@@ -384,19 +360,9 @@ TEST_F(StreamTest, FirstFrameFacts) {
   std::string path = write("fields.mp2", file);
   ASSERT_EQ(open(path).code, session::STREAM_OK);
   const session::StreamInfo& s = session::stream;
-  EXPECT_EQ(s.mpeg_id, 1);
-  EXPECT_EQ(s.layer, 2);
-  EXPECT_EQ(s.protection, 0);
-  EXPECT_EQ(s.bitrate_kbps, 160);
-  EXPECT_EQ(s.sample_rate, 32000);
-  EXPECT_EQ(s.private_bit, 1);
-  EXPECT_EQ(s.mode, 2);
-  EXPECT_EQ(s.mode_ext, 3);
-  EXPECT_EQ(s.copyright, 1);
-  EXPECT_EQ(s.original, 1);
-  EXPECT_EQ(s.emphasis_mode, 2);
-  EXPECT_EQ(s.frame_bytes, 720);
-  EXPECT_EQ(s.play_seconds, 1) << "at least one second";
+  EXPECT_EQ((Ints{s.mpeg_id, s.layer, s.protection, s.bitrate_kbps, s.sample_rate, s.private_bit, s.mode, s.mode_ext,
+                  s.copyright, s.original, s.emphasis_mode, s.frame_bytes, s.play_seconds}),
+            (Ints{1, 2, 0, 160, 32000, 1, 2, 3, 1, 1, 2, 720, 1}));  // at least one second
   // Forced de-emphasis 1 or 3 replaces the stream's; hi-fi adds 4.
   struct Emphasis {
     int32_t force, hi_fi, expected;
@@ -444,12 +410,9 @@ TEST_F(StreamTest, Rmp3ListInfoItems) {
   std::memset(session::stream.list_info, 0x33, sizeof session::stream.list_info);
   ASSERT_EQ(open(write("song.rmp", r.file)).code, session::STREAM_OK);
   const auto& info = session::stream.list_info;
-  EXPECT_EQ(info[0][0], r.name_at);
-  EXPECT_EQ(info[0][1], 6);
-  EXPECT_EQ(info[1][0], r.artist_at);
-  EXPECT_EQ(info[1][1], 3);
-  EXPECT_EQ(info[2][0], r.comment_at);
-  EXPECT_EQ(info[6][0], r.software_at) << "the last of ISFT and IPCD wins";
+  // The last of ISFT and IPCD wins slot 6.
+  EXPECT_EQ((Ints{info[0][0], info[0][1], info[1][0], info[1][1], info[2][0], info[6][0]}),
+            (Ints{r.name_at, 6, r.artist_at, 3, r.comment_at, r.software_at}));
   for (int slot : {3, 4, 5, 7, 8}) EXPECT_EQ(info[slot][0] | info[slot][1], 0) << "slot " << slot << " not cleared";
   EXPECT_EQ(0, std::memcmp(r.file.data() + r.name_at, "Title", 5));
   EXPECT_EQ(0, std::memcmp(r.file.data() + r.artist_at, "Art", 3));
