@@ -119,6 +119,7 @@ TEST_F(FileJob, StartCodes) {
   // No frame anywhere: refused, and the output made for it is removed again.
   EXPECT_EQ(session::start_decode_file(junk.c_str(), out.c_str()), session::START_OPEN_FAILED);
   EXPECT_NE(test::run("test -e " + out), 0);
+  EXPECT_EQ(session::reader.file, nullptr) << "a refused start closes the input";
   EXPECT_EQ(session::state.file_job_cancel.load(), 1) << "a refused start leaves the job word at rest";
   EXPECT_TRUE(recorded.empty());
 }
