@@ -19,29 +19,16 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-void put32(Bytes& b, uint32_t v) {
-  for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-void put(Bytes& b, const std::string& s) { b.insert(b.end(), s.begin(), s.end()); }
-void put(Bytes& b, const Bytes& more) { b.insert(b.end(), more.begin(), more.end()); }
+Bytes str(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes le32(size_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
 Bytes cat(std::initializer_list<Bytes> parts) {
   Bytes out;
-  for (const Bytes& p : parts) put(out, p);
+  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
   return out;
 }
-Bytes chunk(const std::string& id, const Bytes& body) {
-  Bytes b(id.begin(), id.end());
-  put32(b, uint32_t(body.size()));
-  put(b, body);
-  return b;
-}
+Bytes chunk(const std::string& id, const Bytes& body) { return cat({str(id), le32(body.size()), body}); }
 Bytes riff(const std::string& form, const Bytes& chunks) {
-  Bytes b;
-  put(b, "RIFF");
-  put32(b, uint32_t(4 + chunks.size()));
-  put(b, form);
-  put(b, chunks);
-  return b;
+  return cat({str("RIFF"), le32(4 + chunks.size()), str(form), chunks});
 }
 // A WAVE format chunk of the given tag and total size (at least 16): stereo, 44100 Hz.
 Bytes fmt_chunk(uint32_t tag, uint32_t size) {
@@ -75,27 +62,22 @@ Rmp3 make_rmp3(const Bytes& audio) {
   Rmp3 r;
   Bytes data = audio;
   if (data.size() % 2 == 0) data.push_back(0);
-  Bytes chunks = chunk("data", data);
-  chunks.push_back(0);
-  Bytes info;
-  put(info, "INFO");
-  const int32_t list_contents = 12 + int32_t(chunks.size()) + 8;
-  auto item = [&](const std::string& id, const std::string& text, int32_t* at) {
-    put(info, id);
-    put32(info, uint32_t(text.size()));
-    if (at) *at = list_contents + int32_t(info.size());
-    put(info, text);
+  const Bytes head = cat({chunk("data", data), {0}});
+  Bytes info = str("INFO");
+  auto item = [&](const char* id, const std::string& text) {
+    info = cat({info, str(id), le32(text.size())});
+    const int32_t at = 12 + int32_t(head.size() + 8 + info.size());
+    info = cat({info, str(text)});
+    return at;
   };
-  item("INAM", std::string("Title\0", 6), &r.name_at);
-  item("IART", "Art", &r.artist_at);  // odd: the next item follows without alignment
-  item("IXYZ", "unknown", nullptr);
-  item("ISFT", "soft", nullptr);
-  item("IPCD", "pcd!", &r.software_at);
-  item("ICMT", "comment", &r.comment_at);
-  put(chunks, chunk("LIST", info));  // odd size: a pad byte follows
-  chunks.push_back(0);
-  put(chunks, chunk("DISP", Bytes(9, 'd')));
-  r.file = riff("RMP3", chunks);
+  r.name_at = item("INAM", std::string("Title\0", 6));
+  r.artist_at = item("IART", "Art");  // odd: the next item follows without alignment
+  item("IXYZ", "unknown");
+  item("ISFT", "soft");
+  r.software_at = item("IPCD", "pcd!");
+  r.comment_at = item("ICMT", "comment");
+  // The LIST chunk's size is odd: a pad byte follows.
+  r.file = riff("RMP3", cat({head, chunk("LIST", info), {0}, chunk("DISP", Bytes(9, 'd'))}));
   return r;
 }
 
@@ -258,7 +240,7 @@ TEST_F(StreamTest, WrapperForms) {
   Bytes macromedia = {0, 0, 0, 60};
   macromedia.resize(64, 0x20);
   std::memcpy(macromedia.data() + 36, "MACR", 4);
-  put(macromedia, mp3);
+  macromedia = cat({macromedia, mp3});
   // Chunks after "data" must not count as audio.
   auto wave = [&](uint32_t tag, uint32_t fmt_size) {
     return riff("WAVE", cat({fmt_chunk(tag, fmt_size), chunk("fact", {0x10, 0, 0, 0}), chunk("data", mp3),
@@ -476,10 +458,7 @@ TEST_F(StreamTest, FileJobOverWrappedFiles) {
   ASSERT_GT(bare, 0);
   // The wrappers' chunks add no frames and lose none. A "data" chunk that claims less than the
   // frames hold only shortens the measured length: the job reads on past it.
-  Bytes short_data;
-  put(short_data, "data");
-  put32(short_data, uint32_t(base().size() / 2));
-  put(short_data, base());
+  const Bytes short_data = cat({str("data"), le32(base().size() / 2), base()});
   EXPECT_EQ(decode_to_raw(write("short.wav", riff("WAVE", cat({fmt_chunk(85, 30), short_data}))), dir_.file("w.raw")),
             bare);
   EXPECT_EQ(session::stream.data_size, int32_t(base().size() / 2));
