@@ -72,23 +72,20 @@ TEST_F(FileJob, ReportsEveryTenFramesThenTheTotalAndTheEnd) {
   ASSERT_EQ(session::start_decode_file(in.c_str(), out.c_str()), session::START_OK);
   session::wait_file_job();
 
-  std::vector<std::pair<int32_t, int64_t>> seen;
+  std::vector<int64_t> seen;  // message, wparam
   for (const Recorded& r : recorded) {
-    seen.push_back({r.msg, r.wparam});
+    seen.insert(seen.end(), {r.msg, r.wparam});
     EXPECT_EQ(r.window, session::WINDOW_PROGRESS);
     EXPECT_EQ(r.msg == session::MSG_PROGRESS_FRAMES ? r.lparam : 44100, 44100);
   }
-  const std::vector<std::pair<int32_t, int64_t>> expected = {{session::MSG_PROGRESS_FRAMES, 10},
-                                                             {session::MSG_PROGRESS_FRAMES, 20},
-                                                             {session::MSG_PROGRESS_FRAMES, 25},
-                                                             {session::MSG_PROGRESS_END, 0}};
-  EXPECT_EQ(seen, expected);
+  const int64_t frames = session::MSG_PROGRESS_FRAMES;
+  EXPECT_EQ(seen, (std::vector<int64_t>{frames, 10, frames, 20, frames, 25, session::MSG_PROGRESS_END, 0}));
   // Two blocks of 576 mono samples a frame, every frame walked.
   EXPECT_EQ(test::read_file(out).size(), 25u * 2 * 1152);
   // At rest again: a new job may start.
-  EXPECT_EQ(session::state.file_job_cancel.load(), 1);
-  EXPECT_EQ(session::state.file_job_idle.load(), 1);
-  EXPECT_EQ(session::state.decoder_command.load(), session::CMD_STOP);
+  EXPECT_EQ((std::vector<int32_t>{session::state.file_job_cancel.load(), session::state.file_job_idle.load(),
+                                  session::state.decoder_command.load()}),
+            (std::vector<int32_t>{1, 1, session::CMD_STOP}));
 }
 
 TEST_F(FileJob, CancelEndsTheJobAndRemovesTheOutputUnlessLeave) {
