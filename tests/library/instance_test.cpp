@@ -86,9 +86,7 @@ TEST_F(InstanceTest, SecondStartHandsItsCommandLineOverByteForByte) {
     EXPECT_EQ(rec.messages[i + 2].sent, 0);
   }
   EXPECT_EQ(rec.messages.back().wparam, 0);
-  EXPECT_EQ(playlist_length(), 3);
-  EXPECT_EQ(entry(1), "b c.mp3");
-  EXPECT_EQ(entry(2), "\xe9\x9f\xb3.mp3");
+  EXPECT_EQ(entries(), (Paths{"a.mp3", "b c.mp3", "\xe9\x9f\xb3.mp3"}));
   EXPECT_EQ(rec.commands, (std::vector<int32_t>{40021}));
 
   ASSERT_EQ(hand_over("/O more.mp3"), 1);
@@ -109,13 +107,10 @@ TEST_F(InstanceTest, LongCommandLineIsCutAtTheBufferAndStillParsed) {
   std::string line = "/A";
   for (int i = 0; line.size() < 700; ++i) line += " track" + std::to_string(i) + ".mp3";
   ASSERT_EQ(hand_over(line), 1);
-  std::vector<std::string> got;
-  for (int32_t i = 0; i < playlist_length(); ++i) got.push_back(entry(i));
+  const Paths got = entries();
   reset_playlist();
   take_command_line(line.substr(0, HAND_OVER_BYTES - 1).c_str(), false);
-  std::vector<std::string> want;
-  for (int32_t i = 0; i < playlist_length(); ++i) want.push_back(entry(i));
-  EXPECT_EQ(got, want);
+  EXPECT_EQ(got, entries());
   EXPECT_GT(got.size(), 40u);
   EXPECT_NE(got.back().size(), std::string("trackNN.mp3").size());  // the cut token
 }

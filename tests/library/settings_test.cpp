@@ -154,9 +154,7 @@ TEST_F(LibraryTest, DefaultPlaylistAndCurrentFolderComeBack) {
   std::string ini = write_text("d.ini", "[Position]\nCurrentDir=" + sub + "\n[Settings]\nPlayList=my.m3u\nPlayNum=1\n");
   StartupRecord rec;
   load_settings(ini, rec);
-  char cwd[PATH_MAX];
-  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-  EXPECT_EQ(std::string(cwd), sub);
+  EXPECT_EQ(cwd(), sub);
   int32_t x = 0, y = 0;
   clamp_settings(x, y);
   EXPECT_EQ(current(), 1);
