@@ -48,6 +48,8 @@ TEST(SdlDevice, BlockProtocol) {
   setenv("SDL_DISKAUDIODELAY", "0", 1);
   const WaveDeviceOps* ops = sdl_wave_device();
   test_thread = std::this_thread::get_id();
+  done_count = 0;  // fresh on a repeated run
+  done_elsewhere = false;
 
   WaveHandle h = 0;
   WaveFormat format{22050, 1, 16, 2, 44100};
