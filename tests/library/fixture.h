@@ -8,6 +8,7 @@
 
 #include <climits>
 #include <string>
+#include <vector>
 
 #include "library/playlist.h"
 #include "library/settings.h"
@@ -36,6 +37,17 @@ class LibraryTest : public ::testing::Test {
     return std::string(b.begin(), b.end());
   }
   static std::string entry(int32_t i) { return library::playlist.entries[i].path; }
+  // The paths of the first n slots, or of the list up to its first gap.
+  static std::vector<std::string> entries(int32_t n = -1) {
+    std::vector<std::string> out;
+    for (int32_t i = 0; i < (n < 0 ? library::playlist_length() : n); ++i) out.push_back(entry(i));
+    return out;
+  }
+  static std::string cwd() {
+    char buf[PATH_MAX];
+    return getcwd(buf, sizeof buf) ? buf : "";
+  }
+  using Paths = std::vector<std::string>;
   static int32_t current() { return library::playlist.current_entry.load(); }
 
   TempDir dir;

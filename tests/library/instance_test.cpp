@@ -76,11 +76,9 @@ TEST_F(InstanceTest, SecondStartHandsItsCommandLineOverByteForByte) {
   const std::string line = "a.mp3 \"b c.mp3\" \xe9\x9f\xb3.mp3 /P";
   ASSERT_EQ(hand_over(line), 1);
   ASSERT_EQ(rec.messages.size(), line.size() + 3);
-  const RemoteMessage& fg = rec.messages[0];
-  EXPECT_EQ(fg.msg, MSG_REMOTE);
-  EXPECT_EQ(fg.sent, 1);
-  EXPECT_EQ(fg.wparam, 0);
-  EXPECT_EQ(fg.lparam, REMOTE_FOREGROUND);
+  const RemoteMessage& fg = rec.messages[0];  // a sent request to come forward
+  EXPECT_EQ(std::vector<int64_t>({fg.msg, fg.sent, fg.wparam, fg.lparam}),
+            std::vector<int64_t>({MSG_REMOTE, 1, 0, REMOTE_FOREGROUND}));
   EXPECT_EQ(rec.messages[1].wparam, -1);  // reset
   for (size_t i = 0; i < line.size(); ++i) {
     EXPECT_EQ(rec.messages[i + 2].wparam, int64_t(int8_t(line[i])));  // sign-extended bytes
@@ -88,9 +86,7 @@ TEST_F(InstanceTest, SecondStartHandsItsCommandLineOverByteForByte) {
     EXPECT_EQ(rec.messages[i + 2].sent, 0);
   }
   EXPECT_EQ(rec.messages.back().wparam, 0);
-  EXPECT_EQ(playlist_length(), 3);
-  EXPECT_EQ(entry(1), "b c.mp3");
-  EXPECT_EQ(entry(2), "\xe9\x9f\xb3.mp3");
+  EXPECT_EQ(entries(), (Paths{"a.mp3", "b c.mp3", "\xe9\x9f\xb3.mp3"}));
   EXPECT_EQ(rec.commands, (std::vector<int32_t>{40021}));
 
   ASSERT_EQ(hand_over("/O more.mp3"), 1);
@@ -111,13 +107,10 @@ TEST_F(InstanceTest, LongCommandLineIsCutAtTheBufferAndStillParsed) {
   std::string line = "/A";
   for (int i = 0; line.size() < 700; ++i) line += " track" + std::to_string(i) + ".mp3";
   ASSERT_EQ(hand_over(line), 1);
-  std::vector<std::string> got;
-  for (int32_t i = 0; i < playlist_length(); ++i) got.push_back(entry(i));
+  const Paths got = entries();
   reset_playlist();
   take_command_line(line.substr(0, HAND_OVER_BYTES - 1).c_str(), false);
-  std::vector<std::string> want;
-  for (int32_t i = 0; i < playlist_length(); ++i) want.push_back(entry(i));
-  EXPECT_EQ(got, want);
+  EXPECT_EQ(got, entries());
   EXPECT_GT(got.size(), 40u);
   EXPECT_NE(got.back().size(), std::string("trackNN.mp3").size());  // the cut token
 }
@@ -183,41 +176,33 @@ TEST_F(LibraryTest, OneInstanceHoldsTheLockAndTheSwitchesBypassIt) {
 
 TEST_F(LibraryTest, InstanceFolderIsPrivate) {
   const char* old = std::getenv("XDG_RUNTIME_DIR");
-  std::string saved = old ? old : "";
+  const std::string saved = old ? old : "";
   setenv("XDG_RUNTIME_DIR", dir.path.c_str(), 1);
-  std::string folder = instance_folder();
-  EXPECT_EQ(folder, dir.path + "/tovra");
+  const std::string folder = dir.path + "/tovra";
   struct stat st;
-  ASSERT_EQ(stat(folder.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
-  ASSERT_EQ(chmod(folder.c_str(), 0777), 0);
-  EXPECT_EQ(instance_folder(), folder);
-  ASSERT_EQ(stat(folder.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  for (int round = 0; round < 2; ++round) {  // made private, then made private again
+    EXPECT_EQ(instance_folder(), folder);
+    ASSERT_EQ(stat(folder.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    ASSERT_EQ(chmod(folder.c_str(), 0777), 0);
+  }
   ASSERT_EQ(rmdir(folder.c_str()), 0);
   ASSERT_EQ(symlink("/tmp", folder.c_str()), 0);
-  EXPECT_EQ(instance_folder(), "");
-  if (old) {
-    setenv("XDG_RUNTIME_DIR", saved.c_str(), 1);
-  } else {
-    unsetenv("XDG_RUNTIME_DIR");
-  }
+  EXPECT_EQ(instance_folder(), "");  // a link in its place is not ours
+  old ? setenv("XDG_RUNTIME_DIR", saved.c_str(), 1) : unsetenv("XDG_RUNTIME_DIR");
 }
 
-TEST(HandOver, BytesBeyondTheBufferAreDroppedAndResetStartsOver) {
+TEST(HandOver, BytesBeyondTheBufferAreDroppedAndAPausedPlayerStopsFirst) {
   HandOver h;
   int32_t commands[2] = {};
-  for (int i = 0; i < 600; ++i) EXPECT_EQ(hand_over_message(h, 'x', false, false, commands), 0);
+  for (int i = 0; i < 600; ++i) hand_over_message(h, 'x', false, false, commands);
   EXPECT_EQ(h.index, HAND_OVER_BYTES - 1);
-  hand_over_message(h, -1, false, false, commands);
-  EXPECT_EQ(h.index, 0);
+  hand_over_message(h, -1, false, false, commands);  // reset
   library::reset_playlist();
   for (char c : std::string("a.mp3")) hand_over_message(h, c, false, false, commands);
-  EXPECT_EQ(hand_over_message(h, 0, true, false, commands), 2);  // paused: Stop first
-  EXPECT_EQ(commands[0], 40022);
-  EXPECT_EQ(commands[1], 40021);
+  EXPECT_EQ(hand_over_message(h, 0, true, false, commands), 2);
+  EXPECT_EQ(std::vector<int32_t>(commands, commands + 2), (std::vector<int32_t>{40022, 40021}));
   EXPECT_STREQ(library::playlist.entries[0].path, "a.mp3");
-  EXPECT_EQ(h.index, 0);
 }
 
 }  // namespace

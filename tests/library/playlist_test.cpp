@@ -16,25 +16,20 @@ int32_t count_of(int32_t i) { return playlist.play_counts[i].load(); }
 TEST_F(LibraryTest, ReadPlaylistBlankLineEndsTheListButTheRestStays) {
   std::string list = write_text("l.m3u", "one.mp3\r\ntwo.mp3\n\nfour.mp3\nfive.mp3");
   read_playlist(list.c_str(), 0);
-  EXPECT_EQ(entry(0), "one.mp3");
-  EXPECT_EQ(entry(1), "two.mp3");
   EXPECT_EQ(playlist_length(), 2);
-  EXPECT_EQ(entry(3), "four.mp3");
-  EXPECT_EQ(entry(4), "five.mp3");  // the last line without its line ending is kept
-  append_entry("filled.mp3");       // fills the gap: the rest of the file reappears
+  // The last line without its line ending is kept.
+  EXPECT_EQ(entries(5), (Paths{"one.mp3", "two.mp3", "", "four.mp3", "five.mp3"}));
+  append_entry("filled.mp3");  // fills the gap: the rest of the file reappears
   EXPECT_EQ(playlist_length(), 5);
 
   // The default playlist's reader on the same file: no gap, and the last line is lost.
   reset_playlist();
   read_default_playlist(list.c_str());
-  EXPECT_EQ(playlist_length(), 3);
-  EXPECT_EQ(entry(2), "four.mp3");
-
+  EXPECT_EQ(entries(), (Paths{"one.mp3", "two.mp3", "four.mp3"}));
   // Appending goes behind the list; a missing file changes nothing.
   read_playlist(list.c_str(), 1);
-  EXPECT_EQ(entry(3), "one.mp3");
   read_playlist(dir.file("missing.m3u").c_str(), 0);
-  EXPECT_EQ(entry(0), "one.mp3");
+  EXPECT_EQ(entries(4), (Paths{"one.mp3", "two.mp3", "four.mp3", "one.mp3"}));
 }
 
 TEST_F(LibraryTest, ReadersMapBackslashesButNotInsideDoubleByteCharacters) {
@@ -42,17 +37,14 @@ TEST_F(LibraryTest, ReadersMapBackslashesButNotInsideDoubleByteCharacters) {
   const std::string soft = "\x83\x5C\x83\x74\x83\x67";
   std::string list = write_text("w.m3u", "\\music\\" + soft + ".mp3\nC:\\old\\a.mp3\n\xe9\x9f\xb3\\b.mp3\n");
   read_playlist(list.c_str(), 0);
-  EXPECT_EQ(entry(0), "/music/" + soft + ".mp3");
-  EXPECT_EQ(entry(1), "C:/old/a.mp3");
-  EXPECT_EQ(entry(2), "\xe9\x9f\xb3/b.mp3");  // UTF-8 "音" followed by a separator
+  // UTF-8 "音" followed by a separator is mapped.
+  EXPECT_EQ(entries(), (Paths{"/music/" + soft + ".mp3", "C:/old/a.mp3", "\xe9\x9f\xb3/b.mp3"}));
 }
 
 TEST_F(LibraryTest, LongLinesArriveInPiecesOfTheLineBuffer) {
-  std::string long_name(300, 'x');
-  std::string list = write_text("long.m3u", long_name + "\n");
+  std::string list = write_text("long.m3u", std::string(300, 'x') + "\n");
   read_playlist(list.c_str(), 0);
-  EXPECT_EQ(entry(0).size(), 259u);
-  EXPECT_EQ(entry(1), std::string(41, 'x'));
+  EXPECT_EQ(entries(), (Paths{std::string(259, 'x'), std::string(41, 'x')}));
   reset_playlist();
   read_default_playlist(list.c_str());  // the first piece has no line ending: lost
   EXPECT_EQ(entry(0), std::string(41, 'x'));
@@ -100,21 +92,28 @@ TEST_F(LibraryTest, CommandLineForms) {
     reset_playlist();
     for (const char* e : {"old1.mp3", "old2.mp3", "old3.mp3"}) append_entry(e);
   };
-  fill();
-  take_command_line("", false);
-  EXPECT_EQ(playlist.command_line_play, 0);
-  EXPECT_EQ(playlist_length(), 3);
-
-  take_command_line("x.mp3 y.mp3", false);  // replaces the list
-  EXPECT_EQ(playlist_length(), 2);
-  EXPECT_EQ(entry(1), "y.mp3");
-  EXPECT_EQ(playlist.command_line_play, 1);
-
-  fill();
-  take_command_line("/a x.mp3", false);  // appends
-  EXPECT_EQ(playlist_length(), 4);
-  EXPECT_EQ(entry(3), "x.mp3");
-
+  struct Case {
+    const char* line;
+    Paths want;
+    int32_t play;
+  };
+  const Paths old = {"old1.mp3", "old2.mp3", "old3.mp3"};
+  const Case cases[] = {
+      {"", old, 0},
+      {"x.mp3 y.mp3", {"x.mp3", "y.mp3"}, 1},  // replaces the list
+      {"/a x.mp3", {"old1.mp3", "old2.mp3", "old3.mp3", "x.mp3"}, 1},
+      {"/O \"my song.mp3\" \"\"   -P \"/abs/other song.mp3\"",
+       {"my song.mp3", "/abs/other song.mp3"},
+       1},  // /O clears, -P raises
+      // Only the switch forms of "/" are switches: longer tokens are absolute paths.
+      {"/abc /tmp/x.mp3", {"/abc", "/tmp/x.mp3"}, 1},
+  };
+  for (const Case& c : cases) {
+    fill();
+    take_command_line(c.line, false);
+    EXPECT_EQ(entries(), c.want) << c.line;
+    EXPECT_EQ(playlist.command_line_play, c.play) << c.line;
+  }
   fill();
   playlist.play_counts[1] = 5;
   take_command_line("x.mp3", true);  // Shift: appended, and it becomes the current entry
@@ -122,31 +121,16 @@ TEST_F(LibraryTest, CommandLineForms) {
   EXPECT_EQ(current(), 3);
   EXPECT_EQ(count_of(1), 5);
 
-  fill();
-  take_command_line("/O \"my song.mp3\" \"\"   -P \"/abs/other song.mp3\"", false);
-  EXPECT_EQ(playlist.command_line_play, 1);  // /O cleared it, -P raised it again
-  EXPECT_EQ(playlist_length(), 2);
-  EXPECT_EQ(entry(0), "my song.mp3");
-  EXPECT_EQ(entry(1), "/abs/other song.mp3");
-
-  struct Jump {
-    const char* line;
-    int32_t want;
-  };
-  for (Jump j : {Jump{"/3", 2}, Jump{"/0", 0}, Jump{"/4", 0}, Jump{"/2000", 0}, Jump{"-2", 1}, Jump{"-m", 0},
-                 Jump{"/-5", 0}, Jump{"/99999999999999", 0}}) {
+  const std::pair<const char*, int32_t> jumps[] = {{"/3", 2}, {"/0", 0}, {"/4", 0},  {"/2000", 0},
+                                                   {"-2", 1}, {"-m", 0}, {"/-5", 0}, {"/99999999999999", 0}};
+  for (const auto& [line, want] : jumps) {
     fill();
     playlist.current_entry = 1;
-    take_command_line(j.line, false);
-    EXPECT_EQ(current(), j.want) << j.line;
-    EXPECT_EQ(playlist.command_line_play, 2) << j.line;
-    EXPECT_EQ(playlist_length(), 3) << j.line;
+    take_command_line(line, false);
+    EXPECT_EQ(current(), want) << line;
+    EXPECT_EQ(playlist.command_line_play, 2) << line;
+    EXPECT_EQ(entries(), old) << line;
   }
-  // Only the switch forms of "/" are switches here: longer tokens are absolute paths.
-  fill();
-  take_command_line("/abc /tmp/x.mp3", false);
-  EXPECT_EQ(entry(0), "/abc");
-  EXPECT_EQ(entry(1), "/tmp/x.mp3");
 }
 
 TEST_F(LibraryTest, CommandLineListFileMakesItsFolderCurrent) {
@@ -157,15 +141,11 @@ TEST_F(LibraryTest, CommandLineListFileMakesItsFolderCurrent) {
   ASSERT_EQ(chdir(dir.path.c_str()), 0);
   append_entry("old.mp3");
   take_command_line("sub/l.M3U sub/l.pls", false);  // relative: opened from where the start stood
-  EXPECT_EQ(playlist_length(), 2);  // the second list wasn't found from sub/: the first folder change counts
-  EXPECT_EQ(entry(0), "a.mp3");
-  char cwd[PATH_MAX];
-  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-  EXPECT_EQ(std::string(cwd), sub);
-
+  // The second list wasn't found from sub/: the first folder change counts.
+  EXPECT_EQ(entries(), (Paths{"a.mp3", "b.mp3"}));
+  EXPECT_EQ(cwd(), sub);
   take_command_line((sub + "/l.pls").c_str(), false);
-  EXPECT_EQ(playlist_length(), 1);
-  EXPECT_EQ(entry(0), "c.mp3");
+  EXPECT_EQ(entries(), Paths{"c.mp3"});
 }
 
 TEST_F(LibraryTest, ScanFolderTakesMpegFilesInNameOrder) {
@@ -178,11 +158,8 @@ TEST_F(LibraryTest, ScanFolderTakesMpegFilesInNameOrder) {
   ASSERT_EQ(symlink("..", (d + "/sub/loop").c_str()), 0);  // not followed
   ASSERT_EQ(symlink((d + "/b.mp3").c_str(), (d + "/sub/link.mp3").c_str()), 0);
   EXPECT_EQ(scan_folder(d.c_str()), 1);
-  std::vector<std::string> got;
-  for (int32_t i = 0; i < playlist_length(); ++i) got.push_back(entry(i));
-  std::vector<std::string> want = {d + "/a.MP2",     d + "/b.mp3",        d + "/d.rmp",    d + "/f.mpeg",
-                                   d + "/sub/h.Mp3", d + "/sub/link.mp3", d + "/sub.mp3x", d + "/z.mp3.d/i.mp1"};
-  EXPECT_EQ(got, want);
+  EXPECT_EQ(entries(), (Paths{d + "/a.MP2", d + "/b.mp3", d + "/d.rmp", d + "/f.mpeg", d + "/sub/h.Mp3",
+                              d + "/sub/link.mp3", d + "/sub.mp3x", d + "/z.mp3.d/i.mp1"}));
   EXPECT_EQ(scan_folder((d + "/missing").c_str()), 0);
 }
 
@@ -207,16 +184,13 @@ TEST_F(LibraryTest, EditorIsToldOnceWhenItsScanEnds) {
   EXPECT_EQ(sent_messages[0], (std::array<int64_t, 4>{session::WINDOW_PLAYLIST, MSG_PLAYLIST_REFRESH, 1, 1}));
 }
 
-TEST_F(LibraryTest, RandomWithOneEntryPlaysItAgainAndAgain) {
-  append_entry("only.mp3");
-  for (uint32_t ms : {0u, 1u, 500u, 999u, 123456u}) {
+TEST_F(LibraryTest, RandomPlaysEveryEntryOnceAndThenAvoidsTheLastOne) {
+  append_entry("only.mp3");  // one entry plays again and again, each time a new cycle
+  for (uint32_t ms : {0u, 1u, 999u, 123456u}) {
     playlist.play_counts[0] = 2;  // started and finished
     EXPECT_EQ(pick_random_entry_at(ms), 0);
-    EXPECT_EQ(count_of(0), 0);  // the counts were cleared for a new cycle
+    EXPECT_EQ(count_of(0), 0);
   }
-}
-
-TEST_F(LibraryTest, RandomPlaysEveryEntryOnceAndThenAvoidsTheLastOne) {
   for (uint32_t seed : {0u, 7u, 250u, 999u}) {
     reset_playlist();
     for (int i = 0; i < 6; ++i) append_entry(("t" + std::to_string(i)).c_str());
@@ -250,24 +224,14 @@ TEST_F(LibraryTest, CountsMoveWithTheirEntries) {
   playlist.play_counts[2] = 9;
   playlist.current_entry = 2;
   remove_entry(1);
-  EXPECT_EQ(entry(1), "c");
+  EXPECT_EQ(entries(), (Paths{"a", "c"}));
   EXPECT_EQ(count_of(1), 9);
   EXPECT_EQ(count_of(2), 0);
-  EXPECT_EQ(playlist_length(), 2);
   EXPECT_EQ(reset_play_counts(0), 0);
   EXPECT_EQ(count_of(1), 0);
   playlist.current_entry = 1;
   EXPECT_EQ(reset_play_counts(1), 1);
   EXPECT_EQ(count_of(1), 1);
-}
-
-TEST(SplitPath, ExtensionIsTheLastDotOfTheName) {
-  PathParts p = split_path("/a.b/c");
-  EXPECT_EQ(p.folder_len, 5u);
-  EXPECT_STREQ(p.ext, "");
-  EXPECT_STREQ(split_path("/a.b/c.tar.mp3").ext, ".mp3");
-  EXPECT_STREQ(split_path("c.").ext, ".");
-  EXPECT_EQ(split_path("name").folder_len, 0u);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -18,28 +17,17 @@ namespace {
 using namespace output;
 
 TEST(Gain, ScalesEachSideAndLeavesUnityExact) {
-  WaveFormat stereo16{8000, 2, 16, 4, 32000};
+  const WaveFormat stereo16{8000, 2, 16, 4, 32000};
   int16_t s[4] = {-32768, 32767, 1000, -1000};
-  std::vector<uint8_t> bytes(8);
-  std::memcpy(bytes.data(), s, 8);
-  const std::vector<uint8_t> before = bytes;
-  apply_gain(bytes.data(), 8, stereo16, 0xFFFFFFFF);
-  EXPECT_EQ(bytes, before);
-  apply_gain(bytes.data(), 8, stereo16, 0x0000FFFF);  // right side silent
-  std::memcpy(s, bytes.data(), 8);
-  EXPECT_EQ(s[0], -32768);
-  EXPECT_EQ(s[1], 0);
-  EXPECT_EQ(s[2], 1000);
-  EXPECT_EQ(s[3], 0);
+  apply_gain(reinterpret_cast<uint8_t*>(s), 8, stereo16, 0xFFFFFFFF);
+  EXPECT_EQ(std::vector<int16_t>(s, s + 4), (std::vector<int16_t>{-32768, 32767, 1000, -1000}));
+  apply_gain(reinterpret_cast<uint8_t*>(s), 8, stereo16, 0x0000FFFF);  // right side silent
+  EXPECT_EQ(std::vector<int16_t>(s, s + 4), (std::vector<int16_t>{-32768, 0, 1000, 0}));
 
-  // 8 bit is offset by 128; one channel takes the low (left) level only.
-  WaveFormat mono8{8000, 1, 8, 1, 8000};
+  // 8 bit is offset by 128; one channel takes the low (left) level only. 127 halved goes towards zero.
   uint8_t u[4] = {0, 255, 128, 192};
-  apply_gain(u, 4, mono8, 0xFFFF8000);
-  EXPECT_EQ(u[0], 64);   // -128 halved
-  EXPECT_EQ(u[1], 191);  // 127 halved, towards zero
-  EXPECT_EQ(u[2], 128);
-  EXPECT_EQ(u[3], 160);
+  apply_gain(u, 4, WaveFormat{8000, 1, 8, 1, 8000}, 0xFFFF8000);
+  EXPECT_EQ(std::vector<uint8_t>(u, u + 4), (std::vector<uint8_t>{64, 191, 128, 160}));
 }
 
 #ifdef TOVRA_HAVE_SDL_DEVICE
@@ -60,6 +48,8 @@ TEST(SdlDevice, BlockProtocol) {
   setenv("SDL_DISKAUDIODELAY", "0", 1);
   const WaveDeviceOps* ops = sdl_wave_device();
   test_thread = std::this_thread::get_id();
+  done_count = 0;  // fresh on a repeated run
+  done_elsewhere = false;
 
   WaveHandle h = 0;
   WaveFormat format{22050, 1, 16, 2, 44100};

@@ -24,10 +24,7 @@ using namespace output;
 using session::state;
 
 bool wait_until(const std::function<bool()>& done, int32_t ms = 10000) {
-  for (int32_t waited = 0; waited < ms; ++waited) {
-    if (done()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  for (int32_t waited = 0; waited < ms && !done(); ++waited) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return done();
 }
 
@@ -57,21 +54,26 @@ struct WaveThread : ::testing::Test {
   }
 
   void TearDown() override {
-    if (wave.wave_running.load()) {
-      wave.wave_command = WAVE_ABORT;
-      wave.wave_event.set();
-    }
+    if (wave.wave_running.load()) command(WAVE_ABORT);
     EXPECT_TRUE(wait_until([] { return wave.wave_running.load() == 0; }));
     test_device_set_player(0);
   }
 
   void push(uint32_t bytes) { feed::push(bytes, pushed); }
 
-  // The session's end of stream: drain, then wait for the thread to end.
-  void drain() {
-    wave.wave_command = WAVE_DRAIN;
+  // The session's commands; drain is the end of stream, and waits for the thread to end.
+  static void command(int32_t c) {
+    wave.wave_command = c;
     wave.wave_event.set();
+  }
+  void drain() {
+    command(WAVE_DRAIN);
     ASSERT_TRUE(wait_until([] { return wave.wave_running.load() == 0; }));
+  }
+  static void expect_format(int32_t rate, int32_t channels, int32_t bits) {
+    const WaveFormat& f = test_device_record().format;
+    EXPECT_EQ(std::vector<int32_t>({f.sample_rate, f.channels, f.bits, f.block_align, f.byte_rate}),
+              std::vector<int32_t>({rate, channels, bits, channels * bits / 8, rate * channels * bits / 8}));
   }
 
   static size_t writes() { return test_device_record().lengths.size(); }
@@ -79,16 +81,11 @@ struct WaveThread : ::testing::Test {
 
 TEST_F(WaveThread, PrimesPausedThenRunsAndDrainsWithAPaddedBlock) {
   ASSERT_EQ(wave_open(44100, true), 0);
-  TestDeviceRecord rec = test_device_record();
-  EXPECT_EQ(rec.format.sample_rate, 44100);
-  EXPECT_EQ(rec.format.channels, 2);
-  EXPECT_EQ(rec.format.bits, 16);
-  EXPECT_EQ(rec.format.block_align, 4);
-  EXPECT_EQ(rec.format.byte_rate, 176400);
+  expect_format(44100, 2, 16);
 
   push(10 * BLOCK_BYTES);
   ASSERT_TRUE(wait_until([] { return writes() == 10; }));
-  rec = test_device_record();
+  TestDeviceRecord rec = test_device_record();
   // Six blocks written to the paused device, then it runs and the rest follow one by one.
   EXPECT_EQ(rec.calls, "OPWWWWWWRWWWW");
   EXPECT_EQ(rec.written, stream_bytes(0, 10 * BLOCK_BYTES));
@@ -104,8 +101,7 @@ TEST_F(WaveThread, PrimesPausedThenRunsAndDrainsWithAPaddedBlock) {
 
   // The end: five units are left; they go out padded with 128, 0, ... and the close waits for them.
   push(5 * UNIT_BYTES);
-  wave.wave_command = WAVE_DRAIN;
-  wave.wave_event.set();
+  command(WAVE_DRAIN);
   ASSERT_TRUE(wait_until([] { return writes() == 11; }));
   std::this_thread::sleep_for(std::chrono::milliseconds(60));
   EXPECT_EQ(wave.wave_running.load(), 1);  // still waiting for the last block
@@ -136,10 +132,8 @@ TEST_F(WaveThread, TrackShorterThanThePrimingPlaysOutOnASlowProcessor) {
   push(2 * BLOCK_BYTES + 64 * UNIT_BYTES);
   drain();
 
+  expect_format(32000, 1, 8);
   const TestDeviceRecord rec = test_device_record();
-  EXPECT_EQ(rec.format.channels, 1);
-  EXPECT_EQ(rec.format.bits, 8);
-  EXPECT_EQ(rec.format.byte_rate, 32000);
   EXPECT_EQ(rec.calls, "OPWWWRXC");
   EXPECT_EQ(rec.written, with_pad(stream_bytes(0, 2 * BLOCK_BYTES + 64 * UNIT_BYTES)));
   EXPECT_EQ(rec.played, rec.written);
@@ -181,8 +175,7 @@ TEST_F(WaveThread, PauseHoldsBlocksAndASeekResetsAndReprimes) {
   EXPECT_EQ(after, stream_bytes(from, 4 * BLOCK_BYTES));
   EXPECT_EQ(wave.free_blocks.load(), 32 - 3 - 4);
 
-  wave.wave_command = WAVE_ABORT;
-  wave.wave_event.set();
+  command(WAVE_ABORT);
   ASSERT_TRUE(wait_until([] { return wave.wave_running.load() == 0; }));
   rec = test_device_record();
   EXPECT_EQ(rec.calls.substr(rec.calls.size() - 3), "PXC");
@@ -224,17 +217,17 @@ TEST_F(WaveThread, IdleTurnsStepTheVisualiserUnlessHidden) {
   EXPECT_EQ(test_device_record().written, stream_bytes(0, 36 * BLOCK_BYTES));
 
   // Paused, or hidden in the tray: no steps.
+  auto expect_no_steps = [] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const int32_t steps = display_steps.load();
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    EXPECT_EQ(display_steps.load(), steps);
+  };
   toggle_pause();
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  int32_t steps = display_steps.load();
-  std::this_thread::sleep_for(std::chrono::milliseconds(60));
-  EXPECT_EQ(display_steps.load(), steps);
+  expect_no_steps();
   toggle_pause();
   wave.style = 4;
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  steps = display_steps.load();
-  std::this_thread::sleep_for(std::chrono::milliseconds(60));
-  EXPECT_EQ(display_steps.load(), steps);
+  expect_no_steps();
 
   // A re-prime command starts a round without resetting the device.
   wave.wave_command = WAVE_REPRIME;
@@ -249,8 +242,7 @@ TEST_F(WaveThread, StopWhileDrainingResetsTheDevice) {
   ASSERT_EQ(wave_open(44100, true), 0);
   push(3 * BLOCK_BYTES);
   ASSERT_TRUE(wait_until([] { return writes() == 3; }));
-  wave.wave_command = WAVE_DRAIN;
-  wave.wave_event.set();
+  command(WAVE_DRAIN);
   std::this_thread::sleep_for(std::chrono::milliseconds(80));
   EXPECT_EQ(wave.wave_running.load(), 1);  // nothing plays: the close waits
   state.decoder_command = session::CMD_STOP;
@@ -263,29 +255,26 @@ TEST_F(WaveThread, StopWhileDrainingResetsTheDevice) {
 
 TEST_F(WaveThread, DisplaySecondsFollowsTheStreamRate) {
   struct Case {
-    int32_t rate, shift, stereo, sixteen;
-    bool two_channels;
-    int32_t blocks;
+    int32_t rate, shift, sixteen, blocks;
     uint32_t seconds;
   };
   const Case cases[] = {
-      // Two-channel stream folded at 16 bits: 576 frames a unit; 16 units at 8000 Hz.
-      {8000, 0, 0, 1, true, 1, 1},
+      // A two-channel stream folded at 16 bits: 576 frames a unit; 16 units at 8000 Hz.
+      {8000, 0, 1, 1, 1},
       // The shift comes after the division: 32 units of 8-bit mono at 22050 give 1, shown as 2.
-      {22050, 1, 0, 0, true, 2, 2},
-      {22050, 1, 0, 0, true, 1, 0},
+      {22050, 1, 0, 2, 2},
+      {22050, 1, 0, 1, 0},
   };
   for (const Case& c : cases) {
     test_device_clear();
     state.rate_shift = c.shift;
-    state.session_stereo = c.stereo;
+    state.session_stereo = 0;
     state.session_16bit = c.sixteen;
-    ASSERT_EQ(wave_open(c.rate, c.two_channels), 0);
+    ASSERT_EQ(wave_open(c.rate, true), 0);
     EXPECT_EQ(test_device_record().format.sample_rate, c.rate >> c.shift);
     // Fewer blocks than the priming: the drain lets the device run them.
     push(uint32_t(c.blocks) * BLOCK_BYTES);
-    wave.wave_command = WAVE_DRAIN;
-    wave.wave_event.set();
+    command(WAVE_DRAIN);
     ASSERT_TRUE(wait_until([&] {
       const TestDeviceRecord r = test_device_record();
       return r.lengths.size() == size_t(c.blocks) && !r.paused;

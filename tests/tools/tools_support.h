@@ -17,108 +17,106 @@
 
 namespace tools_test {
 
-inline void put_le(std::vector<uint8_t>& out, uint32_t v, int bytes) {
+using Bytes = std::vector<uint8_t>;
+
+inline void put_le(Bytes& out, uint32_t v, int bytes) {
   for (int i = 0; i < bytes; ++i) out.push_back(uint8_t(v >> (8 * i)));
 }
-inline void put_id(std::vector<uint8_t>& out, const char* id) {
-  for (int i = 0; i < 4; ++i) out.push_back(uint8_t(id[i]));
-}
-
-inline uint32_t get_le(const std::vector<uint8_t>& b, size_t at, int bytes) {
+inline void put_id(Bytes& out, const char* id) { out.insert(out.end(), id, id + 4); }
+inline uint32_t get_le(const Bytes& b, size_t at, int bytes) {
   uint32_t v = 0;
   for (int i = 0; i < bytes; ++i) v |= uint32_t(b[at + i]) << (8 * i);
   return v;
 }
 
-// The bytes of a "fmt " chunk.
-inline std::vector<uint8_t> fmt_chunk(int32_t rate, int32_t bits, int32_t channels, uint32_t size = 16) {
-  std::vector<uint8_t> c;
-  put_id(c, "fmt ");
+// A chunk of size bytes of which present are there (0x11 each).
+inline Bytes chunk(const char* id, uint32_t size, size_t present) {
+  Bytes c;
+  put_id(c, id);
   put_le(c, size, 4);
-  put_le(c, 1, 2);
-  put_le(c, uint32_t(channels), 2);
-  put_le(c, uint32_t(rate), 4);
-  put_le(c, uint32_t(rate * bits * channels / 8), 4);
-  put_le(c, uint32_t(bits * channels / 8), 2);
-  put_le(c, uint32_t(bits), 2);
+  c.resize(8 + present, 0x11);
+  return c;
+}
+inline Bytes fmt_chunk(int32_t rate, int32_t bits, int32_t channels, uint32_t size = 16) {
+  Bytes c = chunk("fmt ", size, 0);
+  for (auto [v, n] : {std::pair{1, 2},
+                      {channels, 2},
+                      {rate, 4},
+                      {rate * bits * channels / 8, 4},
+                      {bits * channels / 8, 2},
+                      {bits, 2}})
+    put_le(c, uint32_t(v), n);
   c.resize(8 + size, 0);
   return c;
 }
-
-// A canonical PCM WAVE file of interleaved 16-bit values; 8-bit files store (v >> 8) + 128.
-inline std::vector<uint8_t> wave_bytes(int32_t rate, int32_t bits, int32_t channels, const std::vector<int16_t>& v) {
-  std::vector<uint8_t> data;
-  for (int16_t s : v) {
-    if (bits == 16)
-      put_le(data, uint16_t(s), 2);
-    else
-      data.push_back(uint8_t((s >> 8) + 128));
-  }
-  std::vector<uint8_t> out;
-  put_id(out, "RIFF");
-  put_le(out, uint32_t(36 + data.size()), 4);
-  put_id(out, "WAVE");
-  std::vector<uint8_t> fmt = fmt_chunk(rate, bits, channels);
-  out.insert(out.end(), fmt.begin(), fmt.end());
-  put_id(out, "data");
-  put_le(out, uint32_t(data.size()), 4);
-  out.insert(out.end(), data.begin(), data.end());
+inline Bytes riff(const char* riff_id, const char* wave_id, const std::vector<Bytes>& chunks) {
+  Bytes out;
+  put_id(out, riff_id);
+  put_le(out, 0, 4);
+  put_id(out, wave_id);
+  for (const Bytes& c : chunks) out.insert(out.end(), c.begin(), c.end());
   return out;
 }
 
+inline void set_riff_size(Bytes& b, size_t size) {
+  for (int i = 0; i < 4; ++i) b[4 + i] = uint8_t(size >> (8 * i));
+}
+
+// A canonical PCM WAVE file of interleaved 16-bit values; 8-bit files store (v >> 8) + 128.
+inline Bytes wave_bytes(int32_t rate, int32_t bits, int32_t channels, const std::vector<int16_t>& v) {
+  Bytes data;
+  for (int16_t s : v) bits == 16 ? put_le(data, uint16_t(s), 2) : data.push_back(uint8_t((s >> 8) + 128));
+  Bytes out = riff("RIFF", "WAVE", {fmt_chunk(rate, bits, channels), chunk("data", uint32_t(data.size()), 0)});
+  set_riff_size(out, 36 + data.size());
+  out.insert(out.end(), data.begin(), data.end());
+  return out;
+}
 inline void write_wave(const std::string& path, int32_t rate, int32_t bits, int32_t channels,
                        const std::vector<int16_t>& v) {
   test::write_file(path, wave_bytes(rate, bits, channels, v));
 }
 
-// Deterministic noise, printed seed-free: the same values every run.
+// Deterministic noise: the same values every run.
 inline std::vector<int16_t> noise(size_t count, uint32_t seed, int32_t amplitude = 20000) {
   std::vector<int16_t> v(count);
-  uint32_t x = seed;
   for (size_t i = 0; i < count; ++i) {
-    x = x * 1664525u + 1013904223u;
-    v[i] = int16_t(int32_t(x >> 16) % (2 * amplitude + 1) - amplitude);
+    seed = seed * 1664525u + 1013904223u;
+    v[i] = int16_t(int32_t(seed >> 16) % (2 * amplitude + 1) - amplitude);
   }
   return v;
 }
 
 struct WaveFacts {
   int32_t rate = 0, bits = 0, channels = 0;
-  std::vector<uint8_t> data;
+  Bytes data;
 };
 
 // Reads a file the tools wrote and checks that its 44-byte header matches the bytes behind it.
 inline WaveFacts check_written_wave(const std::string& path) {
   WaveFacts f;
-  std::vector<uint8_t> b = test::read_file(path);
+  Bytes b = test::read_file(path);
   EXPECT_GE(b.size(), 44u) << path;
   if (b.size() < 44) return f;
-  EXPECT_EQ(0, std::memcmp(b.data(), "RIFF", 4));
-  EXPECT_EQ(0, std::memcmp(b.data() + 8, "WAVEfmt ", 8));
-  EXPECT_EQ(0, std::memcmp(b.data() + 36, "data", 4));
-  EXPECT_EQ(get_le(b, 4, 4), b.size() - 8) << "RIFF size of " << path;
-  EXPECT_EQ(get_le(b, 40, 4), b.size() - 44) << "data size of " << path;
-  EXPECT_EQ(get_le(b, 16, 4), 16u);
-  EXPECT_EQ(get_le(b, 20, 2), 1u);
   f.channels = int32_t(get_le(b, 22, 2));
   f.rate = int32_t(get_le(b, 24, 4));
   f.bits = int32_t(get_le(b, 34, 2));
-  uint32_t align = uint32_t(f.bits * f.channels / 8);
-  EXPECT_EQ(get_le(b, 32, 2), align);
-  EXPECT_EQ(get_le(b, 28, 4), uint32_t(f.rate) * align);
+  const uint32_t align = uint32_t(f.bits * f.channels / 8);
+  Bytes head = riff("RIFF", "WAVE", {fmt_chunk(f.rate, f.bits, f.channels), chunk("data", uint32_t(b.size() - 44), 0)});
+  set_riff_size(head, b.size() - 8);
+  EXPECT_EQ(Bytes(b.begin(), b.begin() + 44), head) << path;
   EXPECT_EQ((b.size() - 44) % (align ? align : 1), 0u);
   f.data.assign(b.begin() + 44, b.end());
   return f;
 }
 
-inline std::vector<int16_t> as_pcm16(const std::vector<uint8_t>& data) {
+inline std::vector<int16_t> as_pcm16(const Bytes& data) {
   std::vector<int16_t> v(data.size() / 2);
   for (size_t i = 0; i < v.size(); ++i) v[i] = int16_t(data[2 * i] | data[2 * i + 1] << 8);
   return v;
 }
 
-// Records the messages of a job in place of the windows; can press Cancel when a given message
-// arrives (on the job's thread, before the job goes on: a deterministic cancel).
+// Records a job's messages in place of the windows; presses Cancel when a given message arrives
+// (on the job's thread, before the job goes on: a deterministic cancel).
 struct Message {
   int32_t window, msg;
   int64_t wparam, lparam;
@@ -130,30 +128,25 @@ struct Recorder {
 };
 inline Recorder recorder;
 
-inline void record_message(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, bool) {
-  {
-    std::lock_guard<std::mutex> hold(recorder.lock);
-    recorder.messages.push_back({window, msg, wparam, lparam});
-  }
-  if (msg == recorder.cancel_on.load()) session::state.file_job_cancel.store(1);
-}
-
 inline void install_recorder() {
   std::lock_guard<std::mutex> hold(recorder.lock);
   recorder.messages.clear();
   recorder.cancel_on.store(0);
-  session::set_sink({record_message, nullptr});
+  session::set_sink({[](int32_t window, int32_t msg, int64_t wparam, int64_t lparam, bool) {
+                       {
+                         std::lock_guard<std::mutex> hold(recorder.lock);
+                         recorder.messages.push_back({window, msg, wparam, lparam});
+                       }
+                       if (msg == recorder.cancel_on.load()) session::state.file_job_cancel.store(1);
+                     },
+                     nullptr});
   session::set_window_open(session::WINDOW_PROGRESS, true);
 }
 
-inline std::vector<Message> recorded() {
-  std::lock_guard<std::mutex> hold(recorder.lock);
-  return recorder.messages;
-}
-
 inline std::vector<Message> recorded(int32_t msg) {
+  std::lock_guard<std::mutex> hold(recorder.lock);
   std::vector<Message> out;
-  for (const Message& m : recorded())
+  for (const Message& m : recorder.messages)
     if (m.msg == msg) out.push_back(m);
   return out;
 }
