@@ -232,6 +232,9 @@ class Layer2StreamTest : public ::testing::Test {
 
 const char* const NOISE = "3 pinknoise sine 440 sine 3000 vol 0.5";
 
+// MPEG-2 streams (the low rates) load the rate table's frame size, half the real frame (see the
+// frame test): the first slots of the first frame come out right, and the rest is whatever the
+// resynchronisation makes of it, without a crash.
 TEST_F(Layer2StreamTest, MatchesMpg123AcrossModesRatesAndEncoders) {
   REQUIRE_TOOL("ffmpeg");
   struct Case {
@@ -246,7 +249,9 @@ TEST_F(Layer2StreamTest, MatchesMpg123AcrossModesRatesAndEncoders) {
       {false, 44100, 2, 96, "s", false},  // narrow, 8 bands
       {false, 48000, 1, 48, "m", true},   {false, 32000, 1, 32, "m", false}, {false, 44100, 1, 160, "m", false},
       {false, 32000, 2, 384, "d", true},  {true, 44100, 2, 224, "", false},  {true, 48000, 1, 64, "", false},
-      {true, 32000, 2, 320, "", false},   {true, 48000, 2, 112, "", false},
+      {true, 32000, 2, 320, "", false},   {true, 48000, 2, 112, "", false},  {false, 16000, 1, 48, "m", false},
+      {false, 16000, 2, 96, "s", false},  {false, 22050, 1, 48, "m", true},  {false, 22050, 2, 96, "s", false},
+      {false, 24000, 1, 48, "m", false},  {false, 24000, 2, 96, "s", true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.ffmpeg ? "ffmpeg " : "twolame ") << c.rate << " " << c.channels << " "
@@ -259,6 +264,11 @@ TEST_F(Layer2StreamTest, MatchesMpg123AcrossModesRatesAndEncoders) {
       twolame(wav, "-b " + std::to_string(c.kbps) + " -m " + c.mode + (c.crc ? " -p" : ""));
     std::vector<int16_t> ours = decode_ours(mp2), theirs = decode_mpg123(mp2);
     ASSERT_GT(theirs.size(), 10000u);
+    if (c.rate < 32000) {
+      ASSERT_GE(ours.size(), size_t(1152 * c.channels));
+      EXPECT_LE(compare(ours, theirs, 0, 1, size_t(256 * c.channels)).max_scaled, SCALED_TOLERANCE);
+      continue;
+    }
     EXPECT_EQ(ours.size(), theirs.size());
     Comparison r = compare(ours, theirs);
     EXPECT_LE(r.max_raw, 2);
@@ -305,21 +315,6 @@ TEST_F(Layer2StreamTest, EmphasisHalvesTheMiddleSubbands) {
     else
       EXPECT_NEAR(std::sqrt(sum_ours / sum_theirs), 0.5, 0.01);
   }
-}
-
-// MPEG-2 streams load the rate table's frame size, half the real frame (see the frame test): the
-// first slots of the first frame come out right, and the rest of the stream is whatever the
-// resynchronisation makes of it, without a crash.
-TEST_F(Layer2StreamTest, Mpeg2StreamsDecodeTheirFirstSlotsAndSurviveTheRest) {
-  for (int rate : {16000, 22050, 24000})
-    for (int channels : {1, 2}) {
-      SCOPED_TRACE(testing::Message() << rate << " Hz, " << channels << " channels");
-      std::string mp2 = twolame(make_wav(rate, channels, NOISE), "-b " + std::to_string(channels * 48));
-      std::vector<int16_t> ours = decode_ours(mp2), theirs = decode_mpg123(mp2);
-      ASSERT_GE(ours.size(), size_t(1152 * channels));
-      ASSERT_GE(theirs.size(), size_t(1152 * channels));
-      EXPECT_LE(compare(ours, theirs, 0, 1, size_t(256 * channels)).max_scaled, SCALED_TOLERANCE);
-    }
 }
 
 // The conformance streams against their references (padded past the stream's frames). l2-fl10
