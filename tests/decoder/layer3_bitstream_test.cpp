@@ -79,6 +79,11 @@ TEST(Layer3Huffman, GranuleLoopsDecodeEveryCode) {
   session::FrameHeader h = fresh_state();
   decoder::SideInfo& si = l3.side;
   std::mt19937 rng(5);
+  auto with_sign = [&](l3test::RingWriter& w, int32_t v) {
+    bool negative = v && (rng() & 1);
+    if (v) w.put(negative, 1);
+    return negative ? -v : v;
+  };
   for (int32_t table = 1; table < 32; ++table) {
     if (table == 4 || table == 14) continue;
     int32_t owner = table >= 24 ? 24 : table >= 16 ? 16 : table;
@@ -100,12 +105,7 @@ TEST(Layer3Huffman, GranuleLoopsDecodeEveryCode) {
             w.put(extra, linbits);
             v += int32_t(extra);
           }
-          if (v) {
-            bool negative = rng() & 1;
-            w.put(negative, 1);
-            v = negative ? -v : v;
-          }
-          expected.push_back(v);
+          expected.push_back(with_sign(w, v));
         }
       }
       si.big_values[0] = int32_t(n);
@@ -129,13 +129,7 @@ TEST(Layer3Huffman, GranuleLoopsDecodeEveryCode) {
       if (c.table != 32 + select) continue;
       w.put_code(c.bits);
       for (int32_t k = 0; k < 4; ++k) {
-        int32_t v = (c.quad >> (3 - k)) & 1;
-        if (v) {
-          bool negative = rng() & 1;
-          w.put(negative, 1);
-          v = negative ? -1 : 1;
-        }
-        expected.push_back(v);
+        expected.push_back(with_sign(w, (c.quad >> (3 - k)) & 1));
       }
     }
     si.big_values[0] = 0;
