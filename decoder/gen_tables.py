@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Prints the stored decoder tables of decoder/tables.cpp from the standard's published figures.
 
-Usage: python3 decoder/gen_tables.py /work/shared/iso > /tmp/tables.inc
+Usage: python3 decoder/gen_tables.py ../shared/iso > /tmp/tables.inc
 The output is pasted into decoder/tables.cpp by hand; every value is the float nearest to the
 double-precision figure computed here (struct.pack('f') rounds to nearest).
 """
@@ -56,4 +56,4 @@ def main(iso):
 
 
 if __name__ == '__main__':
-    main(sys.argv[1] if len(sys.argv) > 1 else '/work/shared/iso')
+    main(sys.argv[1] if len(sys.argv) > 1 else '../shared/iso')

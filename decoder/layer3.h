@@ -73,6 +73,10 @@ void parse_side_info(const session::FrameHeader& header, SideInfo& side);
 // Scale factors, then Huffman lines of one granule and channel, from the reservoir's read position.
 // Low-sampling-frequency scale factors write preflag into side.
 void decode_huffman(const session::FrameHeader& header, SideInfo& side, int32_t granule, int32_t channel);
+// Decodes one code word of table 0-33 at the reservoir's read position with the same search as the
+// granule loops: stores x and y (for the quad tables x holds the four value bits) and returns the
+// bits used; -1 for tables 4 and 14, which have no codes (damaged_flag is raised, nothing consumed).
+int32_t huffman_symbol(int32_t table, int32_t& x, int32_t& y);
 
 // Signal path of one granule, both channels, ending with SynthFn per channel and ShaperFn once.
 void decode_granule_signal(const session::FrameHeader& header, int32_t granule);

@@ -105,6 +105,19 @@ inline uint32_t find_word8(int32_t table, uint32_t s) {
 
 }  // namespace
 
+int32_t huffman_symbol(int32_t table, int32_t& x, int32_t& y) {
+  if (table < 0 || table >= HUFFMAN_TABLES || !huffman_lists[table]) {
+    session::state.damaged_flag.store(1, std::memory_order_relaxed);
+    return -1;
+  }
+  const uint32_t w = find_word8(table, session::peek_bits(19) << 13);
+  x = int32_t((w >> 4) & 15);
+  y = int32_t(w & 15);
+  const int32_t len = int32_t((w >> 8) & 31);
+  bits.reservoir_bits = (bits.reservoir_bits + uint32_t(len)) & session::RESERVOIR_BIT_MASK;
+  return len;
+}
+
 int32_t layer3_head_size(const session::FrameHeader& h) {
   if (h.id) return h.mode == 3 ? 21 : 36;
   return h.mode == 3 ? 13 : 21;

@@ -13,7 +13,7 @@ Usage: decoder/gen/layer3_tables.py [ISO_DIR] > decoder/layer3_tables.inc
 import math
 import sys
 
-iso = sys.argv[1] if len(sys.argv) > 1 else "/work/shared/iso"
+iso = sys.argv[1] if len(sys.argv) > 1 else "../shared/iso"
 out = []
 
 

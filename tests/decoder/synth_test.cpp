@@ -14,6 +14,7 @@
 #include "decoder/decoder.h"
 #include "decoder/tables.h"
 #include "session/session.h"
+#include "support/support.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ const SynthFn variants[] = {decoder::synth_full,    decoder::synth_mono, decoder
 const std::vector<double>& standard_window() {
   static std::vector<double> d = [] {
     std::vector<double> w;
-    FILE* f = std::fopen("/work/shared/iso/synth_window.txt", "r");
+    FILE* f = std::fopen((test::iso_dir() + "/synth_window.txt").c_str(), "r");
     if (!f) return w;
     char line[256];
     int i;

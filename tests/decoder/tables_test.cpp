@@ -13,6 +13,7 @@
 
 #include "decoder/decoder.h"
 #include "decoder/layer3_tables.h"
+#include "support/support.h"
 
 namespace {
 
@@ -45,7 +46,7 @@ TEST(Tables, ComputedAndStoredValuesAtTheirExactPoints) {
 // Each allocation row's classes have the step counts of the standard's tables; the narrow tables'
 // slip 127 stands where 127 steps are meant.
 TEST(Tables, AllocationTablesMatchTheStandardsStepCounts) {
-  FILE* f = std::fopen("/work/shared/iso/layer2_alloc_tables.txt", "r");
+  FILE* f = std::fopen((test::iso_dir() + "/layer2_alloc_tables.txt").c_str(), "r");
   if (!f) GTEST_SKIP() << "the standard's allocation figures are not at hand";
   std::map<std::pair<int, int>, std::vector<int>> rows;  // nbal, then steps by code
   std::map<int, int> limits;

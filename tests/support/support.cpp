@@ -69,6 +69,13 @@ std::string vectors_dir() {
   return "";
 }
 
+std::string iso_dir() {
+  struct stat st;
+  const std::string dir = TOVRA_VECTORS_DIR "/../iso";
+  if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return dir;
+  return "";
+}
+
 std::string cli_path() { return TOVRA_CLI; }
 
 int32_t max_abs_diff(const std::vector<int16_t>& a, const std::vector<int16_t>& b, size_t* at) {

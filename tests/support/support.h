@@ -29,6 +29,8 @@ std::vector<int16_t> read_pcm16(const std::string& path, size_t skip_bytes = 0);
 
 // The shared conformance vectors, or an empty string when the folder is absent.
 std::string vectors_dir();
+// The standards' table figures (plain text) beside the vectors, or an empty string when absent.
+std::string iso_dir();
 // Path of the tovra-cli binary under test.
 std::string cli_path();
 
