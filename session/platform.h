@@ -23,3 +23,18 @@ enum ThreadPriority : int32_t {
 void set_current_thread_priority(int32_t level);
 
 }  // namespace session
+
+namespace session {
+
+// The processor: family 4 stands for anything without CPUID or older than a Pentium (the slow
+// paths: more wave buffers, reduced synthesis where chosen, "Pentium" read from the settings).
+// Written once by detect_cpu on the main thread before any other thread starts; read-only after.
+extern int32_t cpu_family;
+extern int32_t cpu_has_mmx;  // recorded, read by nothing
+
+// Sets cpu_family and cpu_has_mmx from CPUID, or from TOVRA_CPU_FAMILY=N when set (N below 5
+// counts as 4), so that tests reach the paths of slow processors. Processors without CPUID on
+// other architectures count as family 6: they are all far beyond a Pentium.
+void detect_cpu();
+
+}  // namespace session

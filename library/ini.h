@@ -1,0 +1,52 @@
+// The classic profile file: "[Section]" lines, "Key=Value" lines, keys and sections compared without
+// regard to ASCII case, numbers as "%d" text. The whole file is held as its lines, so that comments,
+// unknown keys and hand edits survive a save; a save writes a new file beside the old one and renames
+// it over, so the old file stays whole if the disk is full or the process dies half way.
+//
+// Main thread only: the settings are loaded before any other thread exists and saved after they end.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace library {
+
+struct IniFile {
+  std::vector<std::string> lines;  // without line endings; a "\r" before a "\n" is dropped at parse
+};
+
+// Splits text into lines. Anything is accepted: lines that are neither a section nor a key are kept
+// as they are and ignored by lookups.
+void ini_parse(IniFile& ini, std::string_view text);
+// Reads a file; a missing or unreadable file gives an empty document and false.
+bool ini_load(IniFile& ini, const std::string& path);
+// The text ini_save writes: every line ended by "\n".
+std::string ini_text(const IniFile& ini);
+
+// The value of the first key of that name in a section of that name, blanks around it removed and
+// one pair of enclosing quotes stripped, cut at max_bytes - 1 bytes as a fixed buffer of max_bytes
+// would cut it (0: no limit). Returns false (and leaves out alone) when the key is absent.
+bool ini_get_string(const IniFile& ini, std::string_view section, std::string_view key, std::string& out,
+                    size_t max_bytes = 0);
+// The key's value as a signed decimal number: optional blanks and sign, then digits up to the first
+// other character; no digits read as 0, values beyond 32 bits saturate. An absent key or an empty
+// value gives def.
+int32_t ini_get_int(const IniFile& ini, std::string_view section, std::string_view key, int32_t def);
+
+// Replaces the key's value in place, or adds "Key=Value" at the end of the section, or adds the
+// section at the end of the document. A value is cut at its first line break so that it cannot
+// split the file's structure.
+void ini_set(IniFile& ini, std::string_view section, std::string_view key, std::string_view value);
+void ini_set_int(IniFile& ini, std::string_view section, std::string_view key, int32_t value);
+
+// Writes the document to path by way of a new file in the same folder, flushed to the disk and
+// renamed over the old one; the old file's permissions are kept. A symbolic link at path is
+// followed, so a linked settings file stays linked. Returns true on success; on failure the old
+// file is untouched and no temporary file is left behind.
+bool ini_save(const IniFile& ini, const std::string& path);
+// The same for any text: the list writer uses it too.
+bool replace_file(const std::string& path, std::string_view text);
+
+}  // namespace library
