@@ -27,9 +27,7 @@ void split_header(uint32_t w, FrameHeader& h) {
   h.emphasis = int32_t(w & 3);
 }
 
-bool acceptable(const FrameHeader& h) {
-  return h.layer_code != 0 && h.bitrate_index != 15 && h.sampling_index != 3;
-}
+bool acceptable(const FrameHeader& h) { return h.layer_code != 0 && h.bitrate_index != 15 && h.sampling_index != 3; }
 
 // Drops the window's first byte and reads one into its last place.
 bool slide_window() {
@@ -103,9 +101,14 @@ void load_reservoir(int32_t n) {
   // A short read is not detected: missing bytes are whatever the ring held before.
   size_t got = std::fread(bits.reservoir + bits.reservoir_write, 1, size_t(n), reader.file);
   (void)got;
-  int32_t end = bits.reservoir_write + n;
+  const int32_t start = bits.reservoir_write;
+  const int32_t end = start + n;
   if (end < RESERVOIR_SIZE) {
     bits.reservoir_write = end;
+    // After a wrap that ran fewer than four bytes over, the next load lands on the ring's first
+    // four bytes, which the guard repeats: refresh it, or a read across the ring's end would see
+    // the bytes that lay there one lap before.
+    if (start < 4) sync_reservoir_guard();
     return;
   }
   int32_t over = end - RESERVOIR_SIZE;
@@ -116,6 +119,7 @@ void load_reservoir(int32_t n) {
 
 int32_t read_frame_head(int32_t n) {
   if (n > int32_t(sizeof reader.frame_head)) n = int32_t(sizeof reader.frame_head);
+  if (n < 0) n = 0;
   std::memset(reader.frame_head, 0, sizeof reader.frame_head);
   size_t got = std::fread(reader.frame_head, 1, size_t(n), reader.file);
   reader.frame_head_bits = 0;

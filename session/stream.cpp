@@ -1,67 +1,483 @@
-// Minimal stream opening for bare streams; the wrapper forms come with the full implementation.
+// Stream opening works in one pass of small reads and seeks over the buffered input file:
+//
+//   tail tag -> "MACR" at 36 or a MacBinary head -> RIFF (WAVE format tag, or the "RMP3" chunk walk
+//   with its LIST INFO items) -> "data" chunk -> first frame through read_frame -> StreamInfo.
+//
+// probe_stream shares the wrapper stage and then reads one header at the data start itself.
+//
+// Wrapper sizes come from the file and are trusted: a corrupt size only makes a later read fail.
+// They are taken as unsigned, so every chunk step moves forward and no walk can loop; sums of file
+// words wrap as 32-bit values would, without overflow. Files of 2 GiB and more are not supported:
+// offsets are signed 32-bit words.
 #include "session/stream.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
+#include <vector>
 
+#include "session/messages.h"
 #include "session/session.h"
 
 namespace session {
 
-// id * 3 + sampling_index.
-const int32_t sample_rate_table[6] = {22050, 24000, 16000, 44100, 48000, 32000};
+// id * 3 + sampling_index. Source: ISO 11172-3 and 13818-3, sampling_frequency.
+constexpr int32_t sample_rate_table[6] = {22050, 24000, 16000, 44100, 48000, 32000};
 
-// Rows by (id * 3 - layer_code) + 3. Column 0 holds 1, not 0, so that free format never divides
-// by zero. Source: the bit-rate tables of ISO 11172-3 and 13818-3 (MPEG-2 Layers II and III share one).
-constexpr int32_t bitrate_rows[6 * 15] = {
-    1, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256,     // MPEG-2 Layer I
-    1, 8,  16, 24, 32, 40, 48, 56,  64,  80,  96,  112, 128, 144, 160,     // MPEG-2 Layer II
-    1, 8,  16, 24, 32, 40, 48, 56,  64,  80,  96,  112, 128, 144, 160,     // MPEG-2 Layer III
+namespace {
+
+// Rows by (id * 3 - layer_code) + 3: MPEG-2 Layer I, II, III, then MPEG-1 Layer I, II, III.
+// Column 0 (free format) holds 1, not 0, so that a free-format Layer I stream never divides by
+// zero. Source: the bit-rate tables of ISO 11172-3 and 13818-3 (MPEG-2 Layers II and III share one).
+constexpr int32_t BITRATE_ROWS = 6;
+constexpr int32_t bitrate_rows[BITRATE_ROWS * 15] = {
+    1, 32, 48, 56, 64,  80,  96,  112, 128, 144, 160, 176, 192, 224, 256,  // MPEG-2 Layer I
+    1, 8,  16, 24, 32,  40,  48,  56,  64,  80,  96,  112, 128, 144, 160,  // MPEG-2 Layer II
+    1, 8,  16, 24, 32,  40,  48,  56,  64,  80,  96,  112, 128, 144, 160,  // MPEG-2 Layer III
     1, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448,  // MPEG-1 Layer I
-    1, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384,     // MPEG-1 Layer II
-    1, 32, 40, 48, 56, 64, 80, 96,  112, 128, 160, 192, 224, 256, 320,     // MPEG-1 Layer III
+    1, 32, 48, 56, 64,  80,  96,  112, 128, 160, 192, 224, 256, 320, 384,  // MPEG-1 Layer II
+    1, 32, 40, 48, 56,  64,  80,  96,  112, 128, 160, 192, 224, 256, 320,  // MPEG-1 Layer III
 };
+static_assert(sizeof bitrate_rows == BITRATE_ROWS * 15 * sizeof(int32_t));
+static_assert(bitrate_rows[4 * 15 + 14] == 384 && bitrate_rows[5 * 15 + 9] == 128 && bitrate_rows[1 * 15 + 8] == 64);
+
+// Frame bytes without padding, floor(K * kbit/s / Hz), K = 144000 for MPEG-1 and 72000 for MPEG-2,
+// with the same K for every layer: the Layer I rows are three times the real frames and the MPEG-2
+// Layer II rows half of them. That is how the seek arithmetic has always counted; Layer I is never
+// seeked and the readers find the real frames by sync search. Column 0 (free format) is 0.
+// Storage row s = ((id * 3 + sampling_index) * 3 - layer_code) + 3, that is group s / 3 (the
+// index of sample_rate_table) and layer_code 3 - s % 3.
+constexpr int32_t FRAME_SIZE_ROWS = 18;
+constexpr std::array<int32_t, FRAME_SIZE_ROWS * 15> make_frame_size_rows() {
+  std::array<int32_t, FRAME_SIZE_ROWS * 15> rows{};
+  for (int32_t s = 0; s < FRAME_SIZE_ROWS; ++s) {
+    const int32_t group = s / 3;
+    const int32_t layer_code = 3 - s % 3;
+    const int32_t id = group / 3;
+    const int32_t hz = sample_rate_table[group];
+    const int32_t k = id ? 144000 : 72000;
+    for (int32_t b = 1; b < 15; ++b)
+      rows[size_t(s * 15 + b)] = k * bitrate_rows[(id * 3 - layer_code + 3) * 15 + b] / hz;
+  }
+  return rows;
+}
+constexpr std::array<int32_t, FRAME_SIZE_ROWS* 15> frame_size_rows = make_frame_size_rows();
+
+// Index as the table's users compute it, into the storage.
+constexpr int32_t frame_size_at(int32_t id, int32_t sampling_index, int32_t layer_code, int32_t bitrate_index) {
+  return frame_size_rows[size_t((((id * 3 + sampling_index) * 3 - layer_code) + 3) * 15 + bitrate_index)];
+}
+static_assert(frame_size_at(1, 0, 1, 9) == 417);    // MPEG-1 Layer III, 128 kbit/s, 44100 Hz
+static_assert(frame_size_at(1, 1, 1, 9) == 384);    // 48000 Hz
+static_assert(frame_size_at(1, 2, 1, 9) == 576);    // 32000 Hz
+static_assert(frame_size_at(1, 1, 2, 14) == 1152);  // MPEG-1 Layer II, 384 kbit/s, 48000 Hz
+static_assert(frame_size_at(1, 0, 3, 2) == 208);    // MPEG-1 Layer I, 64 kbit/s, 44100 Hz: three times 69
+static_assert(frame_size_at(0, 0, 1, 8) == 208);    // MPEG-2 Layer III, 64 kbit/s, 22050 Hz
+static_assert(frame_size_at(0, 2, 2, 14) == 720);   // MPEG-2 Layer II, 160 kbit/s, 16000 Hz: half the real frame
+static_assert(frame_size_at(0, 0, 3, 0) == 0 && frame_size_at(1, 2, 1, 0) == 0);
+static_assert(frame_size_at(1, 2, 3, 14) == 2016);  // the largest entry: within the reservoir's guard
+
+constexpr int32_t TAG_BYTES = 128;
+
+uint32_t le16(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8; }
+uint32_t le32(const uint8_t* p) { return le16(p) | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
+uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
+bool is_id(const uint8_t* p, const char* id) { return std::memcmp(p, id, 4) == 0; }
+
+// Sums of file words wrap as 32-bit words.
+int32_t add32(int32_t a, int64_t b) { return int32_t(uint32_t(a) + uint32_t(uint64_t(b))); }
+
+// "TAG" compared without regard to case.
+bool is_tag(const uint8_t* p) {
+  auto lower = [](uint8_t c) { return c >= 'A' && c <= 'Z' ? uint8_t(c + 32) : c; };
+  return lower(p[0]) == 't' && lower(p[1]) == 'a' && lower(p[2]) == 'g';
+}
+
+// The record of a file without a tag: all zero, byte 125 a blank (the v1.1 marker off), genre 247.
+void clear_tag_record(uint8_t* record) {
+  std::memset(record, 0, TAG_BYTES);
+  record[125] = ' ';
+  record[127] = 247;
+}
+
+// LIST INFO item identifiers by list_info slot; "IPCD" shares slot 6 with "ISFT".
+struct InfoItem {
+  char id[5];
+  int32_t slot;
+};
+constexpr InfoItem info_items[] = {{"INAM", 0}, {"IART", 1}, {"ICMT", 2}, {"IGNR", 3}, {"ICRD", 4},
+                                   {"ICOP", 5}, {"ISFT", 6}, {"IPCD", 6}, {"ISRC", 7}, {"IENG", 8}};
+
+int32_t info_slot(const uint8_t* id) {
+  for (const InfoItem& item : info_items)
+    if (is_id(id, item.id)) return item.slot;
+  return -1;
+}
+
+enum RiffKind { RIFF_NONE, RIFF_WAVE, RIFF_RMP3, RIFF_OTHER };
+
+// Where the audio lies, as the wrapper stage finds it.
+struct Located {
+  int32_t data_start = 0;
+  int32_t data_end = 0;
+  int32_t file_size = 0;
+  int32_t wrapper = 0;  // WrapperBits
+  RiffKind riff = RIFF_NONE;
+  uint32_t first_chunk_size = 0;
+};
+
+// The tail: with a file of 128 bytes or more, reads the last 128 into record and puts the
+// cleared record there when they are no tag. A shorter file leaves record as it was.
+void read_tail(std::FILE* f, Located& at, uint8_t* record) {
+  if (std::fseek(f, -TAG_BYTES, SEEK_END) != 0) {
+    std::fseek(f, 0, SEEK_END);
+    long length = std::ftell(f);
+    at.data_end = at.file_size = int32_t(std::max(length, 0L));
+    return;
+  }
+  at.data_end = int32_t(std::ftell(f));
+  size_t got = std::fread(record, 1, TAG_BYTES, f);
+  if (got == size_t(TAG_BYTES) && is_tag(record)) {
+    at.wrapper |= WRAP_TAG;
+  } else {
+    at.data_end = add32(at.data_end, TAG_BYTES);
+    clear_tag_record(record);
+  }
+  at.file_size = int32_t(std::ftell(f));
+}
+
+// The Macintosh heads. Leaves the file where the RIFF test is to read.
+void read_mac_heads(std::FILE* f, Located& at) {
+  // The 32-bit word of bytes 36-39, as a little-endian processor loads it.
+  uint8_t word[4] = {0, 0, 0, 0};
+  std::fseek(f, 36, SEEK_SET);
+  size_t got = std::fread(word, 1, 4, f);
+  (void)got;
+  if (is_id(word, "MACR")) {
+    // Macromedia: a big-endian length of the head, then the audio. The file is left behind the
+    // length, where the RIFF test finds no RIFF and goes to the data start.
+    uint8_t length[4] = {0, 0, 0, 0};
+    std::fseek(f, 0, SEEK_SET);
+    got = std::fread(length, 1, 4, f);
+    at.data_start = add32(4, be32(length));
+    at.wrapper |= WRAP_MACROMEDIA;
+    return;
+  }
+  // MacBinary: the file's first two bytes land over the low half of that word, whose high half
+  // still holds bytes 38 and 39; rotated right by 8 it is below 64 only when byte 0 is 0 (version),
+  // byte 1 below 64 (the name's length) and bytes 38 and 39 are 0 (the name is shorter than 37).
+  std::fseek(f, 0, SEEK_SET);
+  got = std::fread(word, 1, 2, f);
+  uint32_t w = le32(word);
+  uint32_t rotated = (w >> 8) | (w << 24);
+  if (rotated < 64) {
+    // The name itself is of no interest; bytes 80-83 must be zero. A file too short to hold them
+    // has no MacBinary head.
+    uint8_t zero[4] = {1, 1, 1, 1};
+    std::fseek(f, 80, SEEK_SET);
+    if (std::fread(zero, 1, 4, f) == 4 && le32(zero) == 0) {
+      std::fseek(f, 128, SEEK_SET);
+      at.data_start = 128;
+      at.wrapper |= WRAP_MACBINARY;
+      return;
+    }
+  }
+  std::fseek(f, 0, SEEK_SET);
+}
+
+// Reads the RIFF head at the current position: identifier, size, form type and the first chunk's
+// head. Sets at.riff; for a non-RIFF file the position goes back to the data start.
+void read_riff_head(std::FILE* f, Located& at) {
+  uint8_t head[20] = {};
+  size_t got = std::fread(head, 1, sizeof head, f);
+  (void)got;
+  if (!is_id(head, "RIFF")) {
+    at.riff = RIFF_NONE;
+    std::fseek(f, at.data_start, SEEK_SET);
+    return;
+  }
+  at.first_chunk_size = le32(head + 16);
+  if (is_id(head + 8, "WAVE")) {
+    at.riff = RIFF_WAVE;
+  } else if (is_id(head + 8, "RMP3")) {
+    at.riff = RIFF_RMP3;
+  } else {
+    at.riff = RIFF_OTHER;
+  }
+}
+
+// The format tag behind the first chunk's head (0 when the file ends there).
+uint32_t read_format_tag(std::FILE* f) {
+  uint8_t tag[2] = {0, 0};
+  size_t got = std::fread(tag, 1, 2, f);
+  (void)got;
+  return le16(tag);
+}
+
+// Searches the "data" chunk from the current position. On success sets the data start and end,
+// with the file behind the chunk head; otherwise goes back to the data start and returns false.
+bool find_data_chunk(std::FILE* f, Located& at) {
+  for (;;) {
+    uint8_t head[8];
+    if (std::fread(head, 1, 8, f) != 8) {
+      std::fseek(f, at.data_start, SEEK_SET);
+      return false;
+    }
+    if (is_id(head, "data")) {
+      at.data_start = int32_t(std::ftell(f));
+      at.data_end = add32(at.data_start, le32(head + 4));
+      return true;
+    }
+    std::fseek(f, long(le32(head + 4)), SEEK_CUR);
+  }
+}
+
+// Records the items of a LIST chunk's bytes (read from file offset contents) in list_info.
+void read_list_info(const uint8_t* chunk, uint32_t size, int64_t contents) {
+  if (size <= 4 || !is_id(chunk, "INFO")) return;
+  // Items follow each other with no word alignment between them. A head cut short by the chunk's
+  // end, or an item size that jumps past it, ends the walk.
+  uint64_t offset = 4;
+  while (offset + 8 <= size) {
+    const uint8_t* item = chunk + offset;
+    uint32_t item_size = le32(item + 4);
+    int32_t slot = info_slot(item);
+    if (slot >= 0) {
+      stream.list_info[slot][0] = add32(0, contents + int64_t(offset) + 8);
+      stream.list_info[slot][1] = int32_t(item_size);
+      std::memcpy(stream.tag_buffer, "RMP", 3);
+    }
+    offset += 8 + uint64_t(item_size);
+  }
+}
+
+// Walks the chunks of an "RMP3" file from its first chunk, taking the LIST INFO items, and leaves
+// the file at the first chunk again for the "data" search.
+void walk_rmp3_chunks(std::FILE* f, const Located& at) {
+  std::fseek(f, -8, SEEK_CUR);
+  std::vector<uint8_t> chunk;
+  for (;;) {
+    uint8_t head[8];
+    if (std::fread(head, 1, 8, f) != 8) break;
+    if (head[0] == 0) {
+      // A pad byte behind a chunk of odd size: step one byte on.
+      std::fseek(f, -7, SEEK_CUR);
+      continue;
+    }
+    const uint32_t size = le32(head + 4);
+    if (!is_id(head, "LIST")) {
+      std::fseek(f, long(size), SEEK_CUR);
+      continue;
+    }
+    // Reads the chunk as far as the file holds it; a size beyond the file's end reads what is
+    // there and leaves the file at its end, which ends the walk.
+    const long contents = std::ftell(f);
+    const int64_t left = std::max<int64_t>(0, int64_t(at.file_size) - contents);
+    chunk.resize(size_t(std::min<int64_t>(size, left)));
+    size_t got = chunk.empty() ? 0 : std::fread(chunk.data(), 1, chunk.size(), f);
+    if (got < size) std::fseek(f, 0, SEEK_END);
+    read_list_info(chunk.data(), uint32_t(got), contents);
+  }
+  std::fseek(f, add32(at.data_start, 12), SEEK_SET);
+}
+
+// The words of the first-frame failures that open_stream tells; the rest stay silent.
+const char* frame_failure_text(int32_t code) {
+  switch (code) {
+    case FRAME_EOF_AFTER_SYNC:
+      return "読み込みエラー";
+    case FRAME_MPEG25:
+      return "MPEG 2.5(Fraunhofer format)フォーマットには対応していません";
+    case FRAME_FREE_FORMAT:
+      return "free format stream には対応していません";
+    case FRAME_SYNC_ERROR:
+      return "SYNCエラー";
+    case FRAME_VIDEO:
+      return "ビデオストリームが入っているファイルはサポートしていません";
+    default:
+      return nullptr;
+  }
+}
+
+// Frame bytes as the stream facts count them: the whole file is measured with the first frame's
+// length and padding. Layer I counts in bytes too, one padding byte though its slot is four.
+int32_t first_frame_bytes(int32_t id, int32_t layer_code, int32_t kbps, int32_t hz, int32_t padding) {
+  int32_t k = layer_code == 3 ? (id ? 48000 : 24000) : (id ? 144000 : 72000);
+  return k * kbps / hz + padding;
+}
+
+}  // namespace
+
 const int32_t* const bitrate_table = bitrate_rows + 3 * 15;
+const int32_t* const frame_size_table = frame_size_rows.data() + 3 * 15;
 
-
-constexpr int32_t frame_size_rows[18 * 15] = {};  // filled with the full stream opening
-const int32_t* const frame_size_table = frame_size_rows + 3 * 15;
+int32_t stream_wrapper = 0;
 
 int32_t open_stream() {
-  FrameHeader h;
-  stream.mpeg_id = -1;
+  std::FILE* f = reader.file;
+  // Everything but the tag record, which a file shorter than a tag keeps from the file before.
+  {
+    uint8_t kept[TAG_BYTES];
+    std::memcpy(kept, stream.tag_buffer, TAG_BYTES);
+    stream = StreamInfo{};
+    std::memcpy(stream.tag_buffer, kept, TAG_BYTES);
+  }
   stream.data_start = 0;
-  std::fseek(reader.file, 0, SEEK_END);
-  stream.file_size = stream.data_end = int32_t(std::ftell(reader.file));
-  std::fseek(reader.file, 0, SEEK_SET);
+  stream.mpeg_id = -1;
+  stream_wrapper = 0;
+
+  Located at;
+  read_tail(f, at, stream.tag_buffer);
+  read_mac_heads(f, at);
+  read_riff_head(f, at);
+  std::memset(stream.list_info, 0, sizeof stream.list_info);
+
+  if (at.riff == RIFF_WAVE || at.riff == RIFF_RMP3) {
+    if (at.riff == RIFF_WAVE) {
+      uint32_t tag = read_format_tag(f);
+      if (tag < 80 || tag > 85) {
+        std::fseek(f, at.data_start, SEEK_SET);
+        stream.data_start = at.data_start;
+        stream.data_end = at.data_end;
+        stream.file_size = at.file_size;
+        return int32_t(tag);
+      }
+      std::fseek(f, long(int64_t(at.first_chunk_size) - 2), SEEK_CUR);
+      std::memcpy(stream.tag_buffer, "RIF", 3);
+      at.wrapper |= WRAP_WAVE;
+    } else {
+      walk_rmp3_chunks(f, at);
+      at.wrapper |= WRAP_RMP3;
+    }
+    if (!find_data_chunk(f, at)) {
+      stream.data_start = at.data_start;
+      stream.data_end = at.data_end;
+      stream.file_size = at.file_size;
+      stream_wrapper = at.wrapper;
+      return STREAM_NO_DATA;
+    }
+  }
+  // A RIFF file of any other form type is searched for frames from behind its head.
+  stream_wrapper = at.wrapper;
+  stream.data_start = at.data_start;
+  stream.data_end = at.data_end;
+  stream.file_size = at.file_size;
+
+  FrameHeader h;
   int32_t code = read_frame(h);
-  if (code != FRAME_OK && code != FRAME_LAYER1) return -1;
-  int32_t kbps = bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
-  int32_t hz = sample_rate_table[h.id * 3 + h.sampling_index];
-  int32_t k = h.layer_code == 3 ? (h.id ? 48000 : 24000) : (h.id ? 144000 : 72000);
-  stream.frame_bytes = k * kbps / hz + h.padding_bit;
-  stream.data_size = stream.data_end - stream.data_start;
+  if (code != FRAME_OK && code != FRAME_LAYER1) {
+    if (const char* text = frame_failure_text(code)) message_box(CAPTION_INFORMATION, text);
+    return -1;
+  }
+
+  const int32_t kbps = bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
+  const int32_t hz = sample_rate_table[h.id * 3 + h.sampling_index];
+  stream.frame_bytes = first_frame_bytes(h.id, h.layer_code, kbps, hz, h.padding_bit);
+  stream.data_size = int32_t(uint32_t(stream.data_end) - uint32_t(stream.data_start));
   stream.frame_count = stream.data_size / stream.frame_bytes;
   stream.bitrate_kbps = kbps;
+  // A variable-rate stream is measured by its first frame: length and time are estimates.
   stream.play_seconds = kbps ? std::max(1, stream.data_size / (kbps * 125)) : 0;
   stream.sample_rate = hz;
   stream.sample_rate_khz = hz / 1000;
   stream.mpeg_id = h.id;
   stream.layer = 4 - h.layer_code;
-  stream.mode = h.mode;
-  stream.mode_ext = h.mode_ext;
   stream.protection = h.protection_bit;
   stream.private_bit = h.private_bit;
   stream.copyright = h.copyright;
   stream.original = h.original;
-  stream.emphasis_mode = h.emphasis;
-  std::fseek(reader.file, stream.data_start, SEEK_SET);
+  stream.mode = h.mode;
+  stream.mode_ext = h.mode_ext;
+  const int32_t forced = options.force_de_emphasis;
+  stream.emphasis_mode = (forced == 1 || forced == 3) ? forced : h.emphasis;
+  if (options.hi_fi) stream.emphasis_mode |= 4;
+
+  std::fseek(f, stream.data_start, SEEK_SET);
   return STREAM_OK;
 }
 
+namespace {
+
+// probe_stream's work; closed tells whether the file was closed.
+int32_t probe(std::FILE* f, ProbeInfo& info, bool& closed) {
+  closed = false;
+  uint8_t tail[TAG_BYTES] = {};
+  Located at;
+  read_tail(f, at, tail);
+  read_mac_heads(f, at);
+  read_riff_head(f, at);
+
+  int32_t kind = 0;
+  if (at.riff == RIFF_WAVE) {
+    uint32_t tag = read_format_tag(f);
+    if (tag < 80 || tag > 85) return -1;
+    std::fseek(f, long(int64_t(at.first_chunk_size) - 2), SEEK_CUR);
+    kind = 1;
+  } else if (at.riff == RIFF_RMP3) {
+    // No item walk here: straight to the first chunk.
+    std::fseek(f, add32(at.data_start, 12), SEEK_SET);
+    kind = 2;
+  }
+  if (kind != 0 && !find_data_chunk(f, at)) return STREAM_NO_DATA;
+
+  // No sync search: the header must stand at the data start.
+  uint8_t head[4] = {};
+  std::fseek(f, at.data_start, SEEK_SET);
+  size_t got = std::fread(head, 1, 4, f);
+  std::fclose(f);
+  closed = true;
+  const uint32_t w = be32(head);
+  if (got != 4 || (w >> 20) != 0xFFF) return -1;
+  const int32_t bitrate_index = int32_t((w >> 12) & 15);
+  if (bitrate_index == 15) return -1;
+
+  const int32_t id = int32_t((w >> 19) & 1);
+  const int32_t layer_code = int32_t((w >> 17) & 3);
+  // The sampling index is masked with 2, not 3: 48 kHz reads as index 0 and is shown as 44100 (or
+  // 22050) Hz, as the information displays have always shown it.
+  const int32_t sampling_index = int32_t((w >> 10) & 2);
+  const int32_t padding = int32_t((w >> 9) & 1);
+  const int32_t mode = int32_t((w >> 6) & 3);
+  // The reserved layer is not refused, but it has no bit-rate row: it reports 0 kbit/s.
+  const int32_t kbps = layer_code == 0 ? 0 : bitrate_table[(id * 3 - layer_code) * 15 + bitrate_index];
+  const int32_t hz = sample_rate_table[id * 3 + sampling_index];
+  const int32_t frame_bytes = first_frame_bytes(id, layer_code, kbps, hz, padding);
+  const int32_t data_size = int32_t(uint32_t(at.data_end) - uint32_t(at.data_start));
+
+  info.id = id;
+  info.layer = 4 - layer_code;
+  info.protection = int32_t((w >> 16) & 1);
+  info.kbps = kbps;
+  info.hz = hz;
+  info.padding = padding;
+  info.private_bit = int32_t((w >> 8) & 1);
+  info.mode = mode;
+  info.mode_ext = mode == 0 ? 0 : int32_t((w >> 4) & 3);
+  info.copyright = int32_t((w >> 3) & 1);
+  info.original = int32_t((w >> 2) & 1);
+  info.emphasis = int32_t(w & 3);
+  info.data_start = at.data_start;
+  info.data_end = at.data_end;
+  info.file_size = at.file_size;
+  info.play_seconds = kbps ? std::max(1, data_size / (kbps * 125)) : 0;
+  info.frame_count = frame_bytes ? data_size / frame_bytes : 0;
+  return kind;
+}
+
+}  // namespace
+
 int32_t probe_stream(std::FILE* file, ProbeInfo& info) {
-  (void)info;
-  std::fclose(file);
-  return -1;
+  bool closed;
+  return probe(file, info, closed);
+}
+
+int32_t probe_file(const char* path, ProbeInfo& info) {
+  std::FILE* f = std::fopen(path, "rb");
+  if (!f) return -1;
+  bool closed;
+  int32_t result = probe(f, info, closed);
+  if (!closed) std::fclose(f);
+  return result;
 }
 
 }  // namespace session

@@ -30,16 +30,32 @@ extern const int32_t* const frame_size_table;
 // outside 80-85, or STREAM_NO_DATA.
 int32_t open_stream();
 
+// What the last open_stream found around the audio, as bits, for information displays. Written
+// by open_stream only (main thread or the session's thread, never both at once).
+enum WrapperBits : int32_t {
+  WRAP_MACROMEDIA = 1,  // "MACR" head: data behind a big-endian length
+  WRAP_MACBINARY = 2,   // 128-byte MacBinary head
+  WRAP_WAVE = 4,        // RIFF WAVE with an MPEG audio format tag
+  WRAP_RMP3 = 8,        // RIFF "RMP3"
+  WRAP_TAG = 16,        // 128-byte tag at the tail
+};
+extern int32_t stream_wrapper;
+
 // The 17 values of a probe, in order.
 struct ProbeInfo {
-  int32_t id, layer, protection, kbps, hz, padding, private_bit, mode, mode_ext, copyright, original,
-      emphasis, data_start, data_end, file_size, play_seconds, frame_count;
+  int32_t id, layer, protection, kbps, hz, padding, private_bit, mode, mode_ext, copyright, original, emphasis,
+      data_start, data_end, file_size, play_seconds, frame_count;
 };
 static_assert(sizeof(ProbeInfo) == 17 * 4);
 
 // Returns 0 bare, 1 WAVE wrapper, 2 "RMP3" wrapper, -1 failure, STREAM_NO_DATA. Closes the file
-// itself on every path that passes the wrapper stage.
+// itself on every path that passes the wrapper stage. The two results given inside the wrapper
+// stage leave it open for the caller: STREAM_NO_DATA, and -1 for a WAVE file whose format tag is
+// not MPEG audio; a -1 from a missing sync has already closed it.
 int32_t probe_stream(std::FILE* file, ProbeInfo& info);
+// probe_stream on a path: opens the file and always leaves it closed. Returns -1 when it will not
+// open.
+int32_t probe_file(const char* path, ProbeInfo& info);
 
 }  // namespace session
 

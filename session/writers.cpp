@@ -1,21 +1,213 @@
-// Placeholder writers: raw samples only, until the PCM file formats land.
+// How the writers work: the header's size is reserved as zero bytes, the samples are appended
+// block by block with one write call each, and the finish takes the file position as the end of the
+// audio, appends what belongs behind the samples (the WAVE trailer, the VOC terminator), rewinds and
+// writes the header in one piece.
+//
+// Sample byte order: WAVE, VOC and raw hold little-endian samples, AIFF and AU big-endian ones for
+// Layers II and III. The Layer I block goes out as it stands, so AIFF and AU files made from Layer I
+// hold little-endian samples: players of such files hear noise, and that is how the converter has
+// always written them, so the asymmetry is kept.
 #include "session/writers.h"
 
+#include <bit>
 #include <cstdio>
+#include <cstring>
 
 #include "decoder/synth.h"
 #include "session/session.h"
+#include "session/stream.h"
 
 namespace session {
 
+// Samples are written from memory as they lie; the formats' little-endian orders rely on that.
+static_assert(std::endian::native == std::endian::little);
+
+namespace {
+
+constexpr auto relaxed = std::memory_order_relaxed;
+
+// Header sizes by ext_filter: raw, WAVE, AIFF, AU, VOC.
+constexpr int32_t header_bytes[5] = {0, 44, 54, 24, 42};
+constexpr int32_t WAVE_TRAILER_BYTES = 88;
+
+// A short count is a failed write: the data did not all reach the file. The job goes on; the
+// progress window tells the user at its end.
+void write_or_flag(const void* data, size_t bytes) {
+  if (std::fwrite(data, 1, bytes, state.out_file) != bytes) state.write_failed.store(1, relaxed);
+}
+
+struct Bytes {
+  uint8_t data[96];
+  int32_t size = 0;
+
+  void text(const char* s, size_t n) {
+    std::memcpy(data + size, s, n);
+    size += int32_t(n);
+  }
+  void text(const char* s) { text(s, std::strlen(s)); }
+  void le(uint32_t v, int32_t n) {
+    for (int32_t i = 0; i < n; ++i) data[size++] = uint8_t(v >> (8 * i));
+  }
+  void be(uint32_t v, int32_t n) {
+    for (int32_t i = n - 1; i >= 0; --i) data[size++] = uint8_t(v >> (8 * i));
+  }
+};
+
+int32_t header_rate(const FrameHeader& h) {
+  // Only checked headers reach a finish; a stray index falls back to the first rate of its row.
+  int32_t id = h.id == 0 ? 0 : 1;
+  int32_t index = h.sampling_index >= 0 && h.sampling_index <= 2 ? h.sampling_index : 0;
+  return sample_rate_table[id * 3 + index];
+}
+
+// Headers and trailers are written without looking at the result: the sample writes decide whether
+// a job failed, and a file whose samples went out has room for its header.
+void write_unchecked(const Bytes& b) { std::fwrite(b.data, 1, size_t(b.size), state.out_file); }
+
+void write_header_at_start(const Bytes& b) {
+  std::fseek(state.out_file, 0, SEEK_SET);
+  write_unchecked(b);
+}
+
+void finish_wave(int32_t end, int32_t rate, int32_t channels) {
+  Bytes trailer;
+  trailer.text("LIST");
+  trailer.le(74, 4);  // the chunk holds 80 bytes; its size has always been written as 74
+  trailer.text("INFO");
+  trailer.text("ISFT");
+  trailer.le(18, 4);
+  trailer.text("TOVRA for Windows", 18);
+  trailer.text("ICMT");
+  trailer.le(42, 4);
+  trailer.text("Converted by TOVRA from MPEG/Audio stream", 42);
+  static_assert(sizeof "TOVRA for Windows" == 18 && sizeof "Converted by TOVRA from MPEG/Audio stream" == 42);
+  std::fseek(state.out_file, end, SEEK_SET);
+  write_unchecked(trailer);
+
+  Bytes h;
+  h.text("RIFF");
+  h.le(uint32_t(end + WAVE_TRAILER_BYTES - 8), 4);  // counts the trailer
+  h.text("WAVEfmt ");
+  h.le(16, 4);
+  h.le(1, 2);
+  h.le(uint32_t(channels), 2);
+  h.le(uint32_t(rate), 4);
+  h.le(uint32_t(rate * channels * 2), 4);
+  h.le(uint32_t(channels * 2), 2);
+  h.le(16, 2);
+  h.text("data");
+  h.le(uint32_t(end - 44), 4);  // the samples alone
+  write_header_at_start(h);
+}
+
+void finish_aiff(int32_t end, int32_t rate, int32_t channels) {
+  // No frame decoded would leave no channel count; the division must not fault then.
+  int32_t frame_bytes = (channels > 0 ? channels : 1) * 2;
+  Bytes h;
+  h.text("FORM");
+  h.be(uint32_t(end - 8), 4);
+  h.text("AIFFCOMM");
+  h.be(18, 4);
+  h.be(uint32_t(channels), 2);
+  // Both sizes are 16 bytes short of the truth; readers of these files have always met them so.
+  h.be(uint32_t((end - 62) / frame_bytes), 4);
+  h.be(16, 2);
+  // The 80-bit rate: a fixed exponent with the rate in the mantissa's top 16 bits. Right in value,
+  // unnormalised below 32768 Hz.
+  h.be(0x400E, 2);
+  h.be(uint32_t(rate), 2);
+  h.be(0, 2);
+  h.be(0, 4);
+  h.text("SSND");
+  h.be(uint32_t(end - 62), 4);
+  h.be(0, 4);  // offset
+  h.be(0, 4);  // block size
+  write_header_at_start(h);
+}
+
+void finish_au(int32_t end, int32_t rate, int32_t channels) {
+  Bytes h;
+  h.text(".snd");
+  h.be(24, 4);
+  h.be(uint32_t(end - 24), 4);
+  h.be(3, 4);  // 16-bit linear PCM
+  h.be(uint32_t(rate), 4);
+  h.be(uint32_t(channels), 4);
+  write_header_at_start(h);
+}
+
+void finish_voc(int32_t end, int32_t rate, int32_t channels) {
+  Bytes terminator;
+  terminator.le(0, 1);
+  std::fseek(state.out_file, end, SEEK_SET);
+  write_unchecked(terminator);
+
+  Bytes h;
+  h.text("Creative Voice File");
+  h.le(0x1A, 1);
+  h.le(26, 2);      // header size
+  h.le(0x0114, 2);  // version
+  h.le(0x111F, 2);  // version check
+  h.le(9, 1);       // sound data in the extended format
+  h.le(uint32_t(end - 30), 3);
+  h.le(uint32_t(rate), 4);
+  h.le(16, 1);
+  h.le(uint32_t(channels), 1);
+  h.le(4, 2);  // 16-bit PCM
+  h.le(0, 4);
+  write_header_at_start(h);
+}
+
+}  // namespace
+
 void write_decoded_block() {
-  size_t bytes = state.decoded_channels == 2 ? 2304 : 1152;
-  if (std::fwrite(decoder::pcm_block, 1, bytes, state.out_file) == 0) state.write_failed.store(1, std::memory_order_relaxed);
+  const size_t bytes = state.decoded_channels == 2 ? 2304 : 1152;
+  if (options.ext_filter == EXT_AIF || options.ext_filter == EXT_AU) {
+    uint8_t swapped[2304];
+    const auto* src = reinterpret_cast<const uint8_t*>(decoder::pcm_block);
+    for (size_t i = 0; i < bytes; i += 2) {
+      swapped[i] = src[i + 1];
+      swapped[i + 1] = src[i];
+    }
+    write_or_flag(swapped, bytes);
+  } else {
+    write_or_flag(decoder::pcm_block, bytes);
+  }
 }
-void write_decoded_block_l1() {
-  if (std::fwrite(decoder::pcm_block_l1, 1, 2304, state.out_file) == 0) state.write_failed.store(1, std::memory_order_relaxed);
+
+void write_decoded_block_l1() { write_or_flag(decoder::pcm_block_l1, sizeof decoder::pcm_block_l1); }
+
+void write_decoded_tail_l1(int32_t count) {
+  if (count > 0 && count <= 1152) write_or_flag(decoder::pcm_block_l1, size_t(count) * 2);
 }
-void reserve_header(int32_t) {}
-void finish_header(int32_t, const FrameHeader&) {}
+
+void reserve_header(int32_t ext_filter) {
+  if (ext_filter < EXT_WAV || ext_filter > EXT_VOC) return;
+  static const uint8_t zeros[64] = {};
+  write_or_flag(zeros, size_t(header_bytes[ext_filter]));
+}
+
+void finish_header(int32_t ext_filter, const FrameHeader& last) {
+  // The end of the audio first: every size is measured from it.
+  const int32_t end = int32_t(std::ftell(state.out_file));
+  const int32_t rate = header_rate(last);
+  const int32_t channels = state.decoded_channels;
+  switch (ext_filter) {
+    case EXT_WAV:
+      finish_wave(end, rate, channels);
+      break;
+    case EXT_AIF:
+      finish_aiff(end, rate, channels);
+      break;
+    case EXT_AU:
+      finish_au(end, rate, channels);
+      break;
+    case EXT_VOC:
+      finish_voc(end, rate, channels);
+      break;
+    default:
+      break;  // raw: nothing reserved, nothing to finish
+  }
+}
 
 }  // namespace session

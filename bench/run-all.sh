@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Runs every benchmark script of this folder against the release build and prints their ratios.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+cmake --preset release >/dev/null
+cmake --build --preset release -j "$(nproc)" >/dev/null
+status=0
+for script in bench/*.sh; do
+  [ "$(basename "$script")" = run-all.sh ] && continue
+  echo "== $(basename "$script")"
+  bash "$script" || status=1
+done
+exit $status

@@ -1,0 +1,356 @@
+// Layer I decoder: conformance streams against their references, streams made here (no tool on the
+// machine encodes Layer I) against mpg123 in every output format, and the ways a track ends.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "decoder/decoder.h"
+#include "decoder/layer1_tables.h"
+#include "session/frame_reader.h"
+#include "session/session.h"
+#include "session/writers.h"
+#include "support/support.h"
+
+namespace {
+
+// --- A small Layer I encoder of random content -----------------------------------------------------
+
+struct BitWriter {
+  std::vector<uint8_t> bytes;
+  size_t bit = 0;
+  void put(uint32_t value, int bits) {
+    for (int i = bits - 1; i >= 0; --i) {
+      if (bit % 8 == 0) bytes.push_back(0);
+      if ((value >> i) & 1) bytes.back() |= uint8_t(0x80 >> (bit % 8));
+      ++bit;
+    }
+  }
+};
+
+void crc_bits(uint32_t& crc, uint32_t value, int bits) {
+  for (int i = bits - 1; i >= 0; --i) {
+    bool flip = ((value >> i) & 1) != ((crc >> 15) & 1);
+    crc = (crc << 1) & 0xFFFF;
+    if (flip) crc ^= 0x8005;
+  }
+}
+
+struct StreamSpec {
+  int version = 1;         // 1 MPEG-1, 0 MPEG-2
+  int sampling_index = 0;  // 0-2
+  int bitrate_index = 12;
+  int mode = 0;  // 0 stereo, 1 joint (bound varies frame by frame), 2 dual, 3 mono
+  bool crc = false;
+  int frames = 20;
+  uint32_t seed = 1;
+  int wrong_crc_frame = -1;      // this frame's CRC word is off by one
+  int first_bitrate_index = -1;  // a different rate for frame 0 only
+};
+
+const int rates[2][3] = {{22050, 24000, 16000}, {44100, 48000, 32000}};
+const int kbps_table[2][15] = {{0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256},
+                               {0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448}};
+
+int channels_of(const StreamSpec& s) { return s.mode == 3 ? 1 : 2; }
+
+// Frames with random allocations (kept inside the frame's bits), scale indices and sample codes.
+std::vector<uint8_t> make_layer1_stream(const StreamSpec& s) {
+  std::mt19937 rng(s.seed);
+  auto pick = [&](int lo, int hi) { return lo + int(rng() % uint32_t(hi - lo + 1)); };
+  BitWriter w;
+  const int ch = channels_of(s);
+  for (int f = 0; f < s.frames; ++f) {
+    const int bitrate_index = f == 0 && s.first_bitrate_index > 0 ? s.first_bitrate_index : s.bitrate_index;
+    const int mode_ext = s.mode == 1 ? pick(0, 3) : 0;
+    const int bound = s.mode == 1 ? (mode_ext + 1) * 4 : 32;
+    const int padding = pick(0, 1);
+    const int slots = 12 * kbps_table[s.version][bitrate_index] * 1000 / rates[s.version][s.sampling_index] + padding;
+    const size_t frame_end = w.bit + size_t(slots) * 32;
+
+    int alloc[2][32] = {}, scale[2][32] = {};
+    // A subband's cost in bits beyond its allocation codes, for allocation a.
+    auto cost = [&](int sb, int c) {
+      int a = alloc[c][sb];
+      if (!a) return 0;
+      return sb < bound ? 6 + 12 * (a + 1) : 6 * ch + 12 * (a + 1);
+    };
+    int budget = slots * 32 - 32 - (s.crc ? 16 : 0) - 4 * (bound * ch + (32 - bound));
+    int used = 0;
+    for (int sb = 0; sb < 32; ++sb)
+      for (int c = 0; c < (sb < bound ? ch : 1); ++c) {
+        alloc[c][sb] = pick(0, 3) == 0 ? 0 : pick(1, sb < 8 ? 14 : 6);
+        if (used + cost(sb, c) > budget) alloc[c][sb] = 0;
+        used += cost(sb, c);
+      }
+    for (int sb = bound; sb < 32; ++sb) alloc[1][sb] = alloc[0][sb];
+    // Loud (peaks near full scale) but not clipped all the time: where both decoders clip, the
+    // comparison says nothing.
+    for (int sb = 0; sb < 32; ++sb)
+      for (int c = 0; c < ch; ++c) scale[c][sb] = pick(8, 62);
+
+    // Header (sync, then the sixteen protected bits behind the protection bit).
+    w.put(0xFFF, 12);
+    w.put(uint32_t(s.version), 1);
+    w.put(3, 2);
+    w.put(s.crc ? 0 : 1, 1);
+    uint32_t protected_bits =
+        uint32_t(bitrate_index << 12 | s.sampling_index << 10 | padding << 9 | s.mode << 6 | mode_ext << 4);
+    w.put(protected_bits, 16);
+    uint32_t crc = 0xFFFF;
+    crc_bits(crc, protected_bits, 16);
+    for (int sb = 0; sb < 32; ++sb)
+      for (int c = 0; c < (sb < bound ? ch : 1); ++c) crc_bits(crc, uint32_t(alloc[c][sb]), 4);
+    if (s.crc) w.put(f == s.wrong_crc_frame ? (crc + 1) & 0xFFFF : crc, 16);
+    for (int sb = 0; sb < 32; ++sb)
+      for (int c = 0; c < (sb < bound ? ch : 1); ++c) w.put(uint32_t(alloc[c][sb]), 4);
+    for (int sb = 0; sb < 32; ++sb)
+      for (int c = 0; c < ch; ++c)
+        if (alloc[c][sb]) w.put(uint32_t(scale[c][sb]), 6);
+    for (int round = 0; round < 12; ++round)
+      for (int sb = 0; sb < 32; ++sb)
+        for (int c = 0; c < (sb < bound ? ch : 1); ++c) {
+          int a = alloc[c][sb];
+          // All ones is a forbidden code: stay below it.
+          if (a) w.put(uint32_t(pick(0, (2 << a) - 2)), a + 1);
+        }
+    while (w.bit < frame_end) w.put(0, 1);
+  }
+  return w.bytes;
+}
+
+// --- Running the decoder ---------------------------------------------------------------------------
+
+// Output samples of a tovra-cli file in format ext, without header and trailer.
+std::vector<int16_t> samples_of(const std::string& path, const std::string& ext) {
+  std::vector<uint8_t> b = test::read_file(path);
+  size_t head = 0, tail = 0;
+  if (ext == "wav") head = 44, tail = 88;
+  if (ext == "aif") head = 54;
+  if (ext == "au") head = 24;
+  if (ext == "voc") head = 42, tail = 1;
+  std::vector<int16_t> out;
+  if (b.size() < head + tail) return out;
+  // Layer I samples are little-endian in every format.
+  for (size_t i = head; i + 1 < b.size() - tail; i += 2) out.push_back(int16_t(b[i] | (b[i + 1] << 8)));
+  return out;
+}
+
+int run_cli_decode(const std::string& in, const std::string& out, const std::string& format) {
+  return test::run(test::cli_path() + " decode '" + in + "' '" + out + "' --format " + format + " 2>/dev/null");
+}
+
+std::vector<int16_t> mpg123_decode(const test::TempDir& dir, const std::string& in) {
+  std::string out = dir.file("mpg123.raw");
+  test::run("mpg123 --no-gapless -q -s '" + in + "' > '" + out + "' 2>/dev/null");
+  return test::read_pcm16(out);
+}
+
+// --- Conformance streams ---------------------------------------------------------------------------
+
+TEST(Layer1, ConformanceStreamsWithinOneOfTheirReference) {
+  const std::string dir = test::vectors_dir();
+  if (dir.empty()) GTEST_SKIP() << "no conformance vectors";
+  struct Vector {
+    const char* name;
+    int channels;
+  } vectors[] = {{"l1-fl1", 2}, {"l1-fl4", 1}, {"l1-fl6", 2}};
+  test::TempDir tmp;
+  for (const Vector& v : vectors) {
+    SCOPED_TRACE(v.name);
+    std::string out = tmp.file(std::string(v.name) + ".raw");
+    ASSERT_EQ(run_cli_decode(dir + "/" + v.name + ".bit", out, "raw"), 0);
+    std::vector<int16_t> ours = test::read_pcm16(out);
+    std::vector<int16_t> reference = test::read_pcm16(dir + "/" + v.name + ".pcm");
+    // 49 frames of 384 samples; the reference is padded behind them.
+    const size_t expected = size_t(49) * 384 * size_t(v.channels);
+    ASSERT_EQ(ours.size(), expected);
+    reference.resize(std::min(reference.size(), expected));
+    size_t at = 0;
+    EXPECT_LE(test::max_abs_diff(ours, reference, &at), 1) << "at sample " << at;
+  }
+}
+
+TEST(Layer1, WindowHoldsTheStandardsValuesAtItsScale) {
+  // Row 0 as listed for this decoder: D[32 i] times 32767.5, rounded to single precision.
+  const float row0[9] = {0.0f,        -14.499783f, 106.49837f,  -229.49649f, 1018.4844f,
+                         -2576.4607f, 3286.95f,    -18744.215f, 37518.426f};
+  for (int i = 0; i < 9; ++i) EXPECT_NEAR(decoder::layer1_window[0][i], row0[i], std::abs(row0[i]) * 1e-6f) << i;
+  EXPECT_FLOAT_EQ(decoder::layer1_scale_factors[3], 1.0f);
+  EXPECT_EQ(decoder::layer1_scale_factors[62], 1e-20f);
+  EXPECT_EQ(decoder::layer1_scale_factors[63], 0.0f);
+}
+
+// --- Generated streams against mpg123, in every output format --------------------------------------
+
+TEST(Layer1, GeneratedStreamsMatchMpg123InEveryFormat) {
+  REQUIRE_TOOL("mpg123");
+  const StreamSpec specs[] = {
+      {.version = 1, .sampling_index = 0, .bitrate_index = 12, .mode = 0, .crc = true, .frames = 23, .seed = 11},
+      {.version = 1, .sampling_index = 1, .bitrate_index = 8, .mode = 1, .crc = false, .frames = 31, .seed = 12},
+      {.version = 1, .sampling_index = 2, .bitrate_index = 4, .mode = 3, .crc = true, .frames = 17, .seed = 13},
+      {.version = 1, .sampling_index = 0, .bitrate_index = 6, .mode = 2, .crc = false, .frames = 9, .seed = 14},
+      {.version = 0, .sampling_index = 0, .bitrate_index = 14, .mode = 0, .crc = true, .frames = 21, .seed = 15},
+      {.version = 0, .sampling_index = 1, .bitrate_index = 6, .mode = 3, .crc = false, .frames = 13, .seed = 16},
+      {.version = 0, .sampling_index = 2, .bitrate_index = 10, .mode = 1, .crc = true, .frames = 27, .seed = 17},
+  };
+  const char* formats[] = {"raw", "wav", "aif", "au", "voc"};
+  test::TempDir tmp;
+  for (const StreamSpec& s : specs) {
+    SCOPED_TRACE("seed " + std::to_string(s.seed));
+    const std::string in = tmp.file("in.mp1");
+    test::write_file(in, make_layer1_stream(s));
+    std::vector<int16_t> peer = mpg123_decode(tmp, in);
+    const size_t expected = size_t(s.frames) * 384 * size_t(channels_of(s));
+    ASSERT_EQ(peer.size(), expected);
+    for (const char* format : formats) {
+      SCOPED_TRACE(format);
+      const std::string out = tmp.file(std::string("out.") + format);
+      ASSERT_EQ(run_cli_decode(in, out, format), 0);
+      std::vector<int16_t> ours = samples_of(out, format);
+      ASSERT_EQ(ours.size(), expected);
+      size_t at = 0;
+      EXPECT_LE(test::max_abs_diff(ours, peer, &at), 1) << "at sample " << at;
+      std::vector<uint8_t> bytes = test::read_file(out);
+      if (std::string(format) == "wav") {
+        EXPECT_EQ(bytes[22], channels_of(s));
+        EXPECT_EQ(bytes[24] | bytes[25] << 8 | bytes[26] << 16, rates[s.version][s.sampling_index]);
+      }
+    }
+  }
+}
+
+// --- Ways a track ends -----------------------------------------------------------------------------
+
+// Runs decode_layer1_stream in this process as a file job would, into a raw or formatted file.
+struct DirectRun {
+  test::TempDir dir;
+  std::vector<uint8_t> output;
+  int32_t command_after = -1;
+
+  void run(const std::vector<uint8_t>& stream_bytes, int32_t ext_filter, int32_t frame_count) {
+    using namespace session;
+    test::write_file(dir.file("in.mp1"), stream_bytes);
+    reader.file = std::fopen(dir.file("in.mp1").c_str(), "rb");
+    state.out_file = std::fopen(dir.file("out").c_str(), "w+b");
+    ASSERT_TRUE(reader.file && state.out_file);
+    options.ext_filter = ext_filter;
+    stream.frame_count = frame_count;
+    stream.mode = 0;
+    stream.mpeg_id = 1;
+    stream.sample_rate = 44100;
+    state.shaper_slot = write_decoded_block;
+    state.decoder_command.store(CMD_RUN);
+    state.file_job_active.store(1);
+    state.file_job_cancel.store(0);
+    state.damaged_flag.store(0);
+    reserve_header(ext_filter);
+    decoder::decode_layer1_stream();
+    command_after = state.decoder_command.load();
+    std::fclose(state.out_file);
+    std::fclose(reader.file);
+    state.out_file = nullptr;
+    reader.file = nullptr;
+    state.file_job_active.store(0);
+    state.file_job_cancel.store(1);
+    state.decoder_command.store(CMD_STOP);
+    output = test::read_file(dir.file("out"));
+  }
+};
+
+TEST(Layer1, WrongCrcStopsTheTrackNotJustTheFrame) {
+  StreamSpec s{.mode = 0, .crc = true, .frames = 12, .seed = 21, .wrong_crc_frame = 5};
+  DirectRun run;
+  run.run(make_layer1_stream(s), session::EXT_WAV, 1000);
+  EXPECT_EQ(run.command_after, session::CMD_STOP);
+  // Five good stereo frames make 3840 values: three whole blocks went out, the rest is dropped with
+  // the header left unfinished (the zero placeholder) and no trailer.
+  ASSERT_EQ(run.output.size(), 44u + 3 * 2304);
+  for (int i = 0; i < 44; ++i) ASSERT_EQ(run.output[size_t(i)], 0) << i;
+
+  if (!test::have_tool("mpg123")) return;
+  test::TempDir tmp;
+  test::write_file(tmp.file("in.mp1"), make_layer1_stream(s));
+  std::vector<int16_t> peer = mpg123_decode(tmp, tmp.file("in.mp1"));
+  std::vector<int16_t> ours;
+  for (size_t i = 44; i + 1 < run.output.size(); i += 2)
+    ours.push_back(int16_t(run.output[i] | run.output[i + 1] << 8));
+  EXPECT_LE(test::max_abs_diff(ours, peer), 1);
+}
+
+TEST(Layer1, LostSyncFlushesTheIncompleteBlockAndFinishes) {
+  StreamSpec s{.mode = 3, .frames = 5, .seed = 22};
+  std::vector<uint8_t> bytes = make_layer1_stream(s);
+  bytes.insert(bytes.end(), 3000, 0x55);  // no sync anywhere in the rest
+  DirectRun run;
+  run.run(bytes, session::EXT_WAV, 1000);
+  EXPECT_EQ(run.command_after, session::CMD_RUN);
+  // 5 mono frames are 1920 values: one block and a flushed tail of 768, then the trailer.
+  ASSERT_EQ(run.output.size(), 44u + 1920 * 2 + 88);
+  EXPECT_EQ(std::string(run.output.begin(), run.output.begin() + 4), "RIFF");
+  EXPECT_EQ(run.output[22], 1);  // the channel count of the frames decoded
+}
+
+TEST(Layer1, DamagedHeaderEndsTheTrackAndMarksIt) {
+  StreamSpec s{.mode = 0, .frames = 4, .seed = 23};
+  std::vector<uint8_t> bytes = make_layer1_stream(s);
+  // A sync word with the Layer II bits behind the good frames.
+  bytes.insert(bytes.end(), {0xFF, 0xFD, 0x90, 0x00});
+  bytes.insert(bytes.end(), 400, 0);
+  DirectRun run;
+  run.run(bytes, session::EXT_RAW, 1000);
+  EXPECT_EQ(session::state.damaged_flag.load(), 1);
+  // No flush on this road: only the whole blocks of the 3072 values.
+  EXPECT_EQ(run.output.size(), 2u * 2304);
+}
+
+TEST(Layer1, ShortFrameCountEndsAfterTheFirstBlockOf200Frames) {
+  // A loud first frame makes the stream's frame count small: 18 by the first frame's length.
+  StreamSpec s{
+      .sampling_index = 2, .bitrate_index = 1, .mode = 3, .frames = 260, .seed = 24, .first_bitrate_index = 14};
+  test::TempDir tmp;
+  test::write_file(tmp.file("in.mp1"), make_layer1_stream(s));
+  ASSERT_EQ(run_cli_decode(tmp.file("in.mp1"), tmp.file("out.raw"), "raw"), 0);
+  // 200 mono frames are 76800 values: 66 whole blocks; the track ends by the count, without a flush.
+  EXPECT_EQ(test::read_file(tmp.file("out.raw")).size(), 66u * 2304);
+}
+
+// The output slot of a play session, taken as it is; it plays the main thread's part and moves the
+// transport word after each block.
+int32_t blocks_seen = 0;
+void commanding_block() {
+  session::write_decoded_block_l1();
+  ++blocks_seen;
+  session::state.decoder_command.store(blocks_seen == 1 ? session::CMD_FORWARD : session::CMD_STOP);
+}
+
+TEST(Layer1, SeeksAreLeftStandingAndOnlyAStopEndsTheTrack) {
+  using namespace session;
+  StreamSpec s{.mode = 3, .frames = 9, .seed = 25};
+  test::TempDir tmp;
+  test::write_file(tmp.file("in.mp1"), make_layer1_stream(s));
+  reader.file = std::fopen(tmp.file("in.mp1").c_str(), "rb");
+  state.out_file = std::fopen(tmp.file("out").c_str(), "w+b");
+  options.ext_filter = EXT_RAW;
+  state.shaper_slot = commanding_block;
+  blocks_seen = 0;
+  state.decoder_command.store(CMD_RUN);
+  state.file_job_active.store(1);
+  state.file_job_cancel.store(0);
+  decoder::decode_layer1_stream();
+  EXPECT_EQ(state.decoder_command.load(), CMD_STOP);
+  std::fclose(state.out_file);
+  std::fclose(reader.file);
+  state.out_file = nullptr;
+  reader.file = nullptr;
+  state.file_job_active.store(0);
+  state.file_job_cancel.store(1);
+  // Three mono frames fill a block. The forward skip after the first changes nothing; the stop after
+  // the second ends the track before frame 7.
+  EXPECT_EQ(blocks_seen, 2);
+  EXPECT_EQ(test::read_file(tmp.file("out")).size(), 2u * 2304);
+}
+
+}  // namespace

@@ -1,0 +1,64 @@
+// Arbitrary bytes as an input file: open_stream on it, then a whole file job over it, then the
+// probe. Nothing may crash, hang, leak or read out of bounds, whatever the wrappers and frames say.
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "decoder/decoder.h"
+#include "session/frame_reader.h"
+#include "session/session.h"
+#include "session/stream.h"
+
+namespace {
+
+std::string work_dir;
+
+void remove_work_dir() {
+  std::error_code ec;
+  if (!work_dir.empty()) std::filesystem::remove_all(work_dir, ec);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  std::string pattern = (std::filesystem::temp_directory_path() / "tovra-fuzz-XXXXXX").string();
+  if (!mkdtemp(pattern.data())) std::abort();
+  work_dir = pattern;
+  std::atexit(remove_work_dir);
+  decoder::init_decoder_tables();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string in_path = work_dir + "/in.bin";
+  const std::string out_path = work_dir + "/out.pcm";
+  std::FILE* f = std::fopen(in_path.c_str(), "wb");
+  if (!f) return 0;
+  if (size) std::fwrite(data, 1, size, f);
+  std::fclose(f);
+
+  // The last byte picks the options that open_stream and the job read.
+  const uint8_t pick = size ? data[size - 1] : 0;
+  session::options.force_de_emphasis = pick & 3;
+  session::options.hi_fi = (pick >> 2) & 1;
+  session::options.ext_filter = (pick >> 3) % 5;
+
+  session::reader.file = std::fopen(in_path.c_str(), "rb");
+  if (session::reader.file) {
+    session::reset_decoding();
+    session::open_stream();
+    std::fclose(session::reader.file);
+    session::reader.file = nullptr;
+  }
+
+  // The job opens and closes both files itself.
+  if (session::start_decode_file(in_path.c_str(), out_path.c_str()) == session::START_OK) session::wait_file_job();
+
+  session::ProbeInfo info;
+  session::probe_file(in_path.c_str(), info);
+  return 0;
+}
