@@ -1,0 +1,318 @@
+// The wave thread on the test device: priming and the steady loop, the position from returned
+// blocks, the drain of a short track, pause, a seek's reset and re-priming, abort, the volume fade,
+// and a thread given up with its session. The test's own thread plays the session thread: it opens,
+// fills the ring and sets the commands.
+#include "output/wave.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "output/feed.h"
+#include "output/ring.h"
+#include "output/wave_device_test.h"
+#include "session/session.h"
+
+namespace {
+
+using namespace output;
+using session::state;
+
+bool wait_until(const std::function<bool()>& done, int32_t ms = 10000) {
+  for (int32_t waited = 0; waited < ms; ++waited) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return done();
+}
+
+using feed::stream_bytes;
+using feed::with_pad;
+
+std::atomic<int32_t> visualiser_resets{0};
+std::atomic<int32_t> displays_cleared{0};
+
+struct WaveThread : ::testing::Test {
+  uint32_t pushed = 0;
+
+  void SetUp() override {
+    wave_reset_state();
+    test_device_clear();
+    test_device_set_volume(0xFFFFFFFF);
+    set_wave_device(test_wave_device());
+    ring_allocate();
+    state.session_stereo = 1;
+    state.session_16bit = 1;
+    state.rate_shift = 0;
+    state.paused = 0;
+    state.decoder_command = session::CMD_RUN;
+    wave.wave_wait_ms = 5;
+    wave.wait_ms = 2;
+    wave.cpu_family = 6;
+  }
+
+  void TearDown() override {
+    if (wave.wave_running.load()) {
+      wave.wave_command = WAVE_ABORT;
+      wave.wave_event.set();
+    }
+    EXPECT_TRUE(wait_until([] { return wave.wave_running.load() == 0; }));
+    test_device_set_player(0);
+  }
+
+  void push(uint32_t bytes) { feed::push(bytes, pushed); }
+
+  // The session's end of stream: drain, then wait for the thread to end.
+  void drain() {
+    wave.wave_command = WAVE_DRAIN;
+    wave.wave_event.set();
+    ASSERT_TRUE(wait_until([] { return wave.wave_running.load() == 0; }));
+  }
+
+  static size_t writes() { return test_device_record().lengths.size(); }
+};
+
+TEST_F(WaveThread, PrimesPausedThenRunsAndDrainsWithAPaddedBlock) {
+  ASSERT_EQ(wave_open(44100, true), 0);
+  TestDeviceRecord rec = test_device_record();
+  EXPECT_EQ(rec.format.sample_rate, 44100);
+  EXPECT_EQ(rec.format.channels, 2);
+  EXPECT_EQ(rec.format.bits, 16);
+  EXPECT_EQ(rec.format.block_align, 4);
+  EXPECT_EQ(rec.format.byte_rate, 176400);
+
+  push(10 * BLOCK_BYTES);
+  ASSERT_TRUE(wait_until([] { return writes() == 10; }));
+  rec = test_device_record();
+  // Six blocks written to the paused device, then it runs and the rest follow one by one.
+  EXPECT_EQ(rec.calls, "OPWWWWWWRWWWW");
+  EXPECT_EQ(rec.written, stream_bytes(0, 10 * BLOCK_BYTES));
+  EXPECT_EQ(wave.free_blocks.load(), 32 - 6 - 10);
+
+  // Position: 16 units a block; 16-bit stereo at 44100 passes a second within the tenth block.
+  EXPECT_EQ(test_device_play(9), 9);
+  EXPECT_EQ(wave.output_count.load(), 144);
+  EXPECT_EQ(wave.display_seconds.load(), 0u);
+  EXPECT_EQ(test_device_play(1), 1);
+  EXPECT_EQ(wave.display_seconds.load(), 1u);
+  EXPECT_EQ(wave.free_blocks.load(), 26);
+
+  // The end: five units are left; they go out padded with 128, 0, ... and the close waits for them.
+  push(5 * UNIT_BYTES);
+  wave.wave_command = WAVE_DRAIN;
+  wave.wave_event.set();
+  ASSERT_TRUE(wait_until([] { return writes() == 11; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(60));
+  EXPECT_EQ(wave.wave_running.load(), 1);  // still waiting for the last block
+  EXPECT_EQ(test_device_play(1), 1);
+  ASSERT_TRUE(wait_until([] { return wave.wave_running.load() == 0; }));
+
+  rec = test_device_record();
+  EXPECT_EQ(rec.calls, "OPWWWWWWRWWWWWXC");
+  const std::vector<uint8_t> last(rec.written.end() - BLOCK_BYTES, rec.written.end());
+  EXPECT_EQ(last, with_pad(stream_bytes(10 * BLOCK_BYTES, 5 * UNIT_BYTES)));
+  EXPECT_FALSE(rec.open);
+  EXPECT_EQ(wave.wave_device.load(), 0);
+  EXPECT_EQ(ring.ring_fill.load(), 0);
+  EXPECT_EQ(rec.volumes.back(), 0xFFFFFFFFu);  // the device's own volume put back
+}
+
+TEST_F(WaveThread, TrackShorterThanThePrimingPlaysOutOnASlowProcessor) {
+  wave.cpu_family = 4;  // primes 12 blocks
+  state.session_16bit = 0;
+  wave_hooks.reset_visualiser = [] { ++visualiser_resets; };
+  wave_hooks.clear_display = [] { ++displays_cleared; };
+  visualiser_resets = 0;
+  displays_cleared = 0;
+  test_device_set_player(2);
+
+  ASSERT_EQ(wave_open(32000, false), 0);
+  EXPECT_EQ(visualiser_resets.load(), 1);
+  push(2 * BLOCK_BYTES + 64 * UNIT_BYTES);
+  drain();
+
+  const TestDeviceRecord rec = test_device_record();
+  EXPECT_EQ(rec.format.channels, 1);
+  EXPECT_EQ(rec.format.bits, 8);
+  EXPECT_EQ(rec.format.byte_rate, 32000);
+  EXPECT_EQ(rec.calls, "OPWWWRXC");
+  EXPECT_EQ(rec.written, with_pad(stream_bytes(0, 2 * BLOCK_BYTES + 64 * UNIT_BYTES)));
+  EXPECT_EQ(rec.played, rec.written);
+  // 8-bit mono: 1152 frames a unit; 48 units at 32000 Hz make one second.
+  EXPECT_EQ(wave.display_seconds.load(), 1u);
+  EXPECT_EQ(displays_cleared.load(), 1);
+}
+
+TEST_F(WaveThread, PauseHoldsBlocksAndASeekResetsAndReprimes) {
+  ASSERT_EQ(wave_open(48000, true), 0);
+  push(8 * BLOCK_BYTES);
+  ASSERT_TRUE(wait_until([] { return writes() == 8; }));
+
+  toggle_pause();
+  EXPECT_EQ(state.paused.load(), 1);
+  EXPECT_EQ(test_device_play(3), 0);
+  toggle_pause();
+  EXPECT_EQ(state.paused.load(), 0);
+  EXPECT_EQ(test_device_play(2), 2);
+  EXPECT_EQ(test_device_record().queued, 6);
+
+  // The session's side of a jump.
+  wave.output_count = 1000;
+  wave.wave_command = WAVE_JUMP;
+  ring_reset_for_seek();
+  wave.wave_event.set();
+  ASSERT_TRUE(wait_until([] { return test_device_record().calls.size() >= 17; }));
+  ASSERT_TRUE(wait_until([] { return wave.wave_command.load() == WAVE_RUN; }));
+  EXPECT_EQ(test_device_record().reset_blocks, 6);
+  EXPECT_EQ(wave.output_count.load(), 1000 + 6 * 16);  // the reset's returns count as played
+
+  const uint32_t from = pushed;
+  push(4 * BLOCK_BYTES);
+  ASSERT_TRUE(wait_until([] { return writes() == 12; }));
+  TestDeviceRecord rec = test_device_record();
+  // Pause and restart; the jump's pause, reset and restart; a new round primes three blocks.
+  EXPECT_EQ(rec.calls, "OPWWWWWWRWWPRPXRPWWWRW");
+  const std::vector<uint8_t> after(rec.written.begin() + 8 * BLOCK_BYTES, rec.written.end());
+  EXPECT_EQ(after, stream_bytes(from, 4 * BLOCK_BYTES));
+  EXPECT_EQ(wave.free_blocks.load(), 32 - 3 - 4);
+
+  wave.wave_command = WAVE_ABORT;
+  wave.wave_event.set();
+  ASSERT_TRUE(wait_until([] { return wave.wave_running.load() == 0; }));
+  rec = test_device_record();
+  EXPECT_EQ(rec.calls.substr(rec.calls.size() - 3), "PXC");
+  EXPECT_EQ(rec.queued, 0);
+  EXPECT_EQ(wave.wave_device.load(), 0);
+}
+
+TEST_F(WaveThread, StopWhileDrainingResetsTheDevice) {
+  ASSERT_EQ(wave_open(44100, true), 0);
+  push(3 * BLOCK_BYTES);
+  ASSERT_TRUE(wait_until([] { return writes() == 3; }));
+  wave.wave_command = WAVE_DRAIN;
+  wave.wave_event.set();
+  std::this_thread::sleep_for(std::chrono::milliseconds(80));
+  EXPECT_EQ(wave.wave_running.load(), 1);  // nothing plays: the close waits
+  state.decoder_command = session::CMD_STOP;
+  ASSERT_TRUE(wait_until([] { return wave.wave_running.load() == 0; }));
+  const TestDeviceRecord rec = test_device_record();
+  EXPECT_EQ(rec.played_blocks, 0);
+  EXPECT_EQ(rec.reset_blocks, 3);
+  EXPECT_FALSE(rec.open);
+}
+
+TEST_F(WaveThread, DisplaySecondsFollowsTheStreamRate) {
+  struct Case {
+    int32_t rate, shift, stereo, sixteen;
+    bool two_channels;
+    int32_t blocks;
+    uint32_t seconds;
+  };
+  const Case cases[] = {
+      // Two-channel stream folded at 16 bits: 576 frames a unit; 16 units at 8000 Hz.
+      {8000, 0, 0, 1, true, 1, 1},
+      // The shift comes after the division: 32 units of 8-bit mono at 22050 give 1, shown as 2.
+      {22050, 1, 0, 0, true, 2, 2},
+      {22050, 1, 0, 0, true, 1, 0},
+  };
+  for (const Case& c : cases) {
+    test_device_clear();
+    state.rate_shift = c.shift;
+    state.session_stereo = c.stereo;
+    state.session_16bit = c.sixteen;
+    ASSERT_EQ(wave_open(c.rate, c.two_channels), 0);
+    EXPECT_EQ(test_device_record().format.sample_rate, c.rate >> c.shift);
+    // Fewer blocks than the priming: the drain lets the device run them.
+    push(uint32_t(c.blocks) * BLOCK_BYTES);
+    wave.wave_command = WAVE_DRAIN;
+    wave.wave_event.set();
+    ASSERT_TRUE(wait_until([&] {
+      const TestDeviceRecord r = test_device_record();
+      return r.lengths.size() == size_t(c.blocks) && !r.paused;
+    }));
+    EXPECT_EQ(test_device_play(c.blocks), c.blocks);
+    EXPECT_EQ(wave.display_seconds.load(), c.seconds) << c.rate << " " << c.blocks;
+    ASSERT_TRUE(wait_until([] { return wave.wave_running.load() == 0; }));
+  }
+}
+
+TEST_F(WaveThread, VolumeFadesInWithPanAndMuteFadesAtTheClose) {
+  wave.pan_level = 8192;  // right of centre: the left side drops by twice the pan
+  test_device_set_volume(0x40004000);
+  test_device_set_player(2);
+  ASSERT_EQ(wave_open(44100, true), 0);
+  TestDeviceRecord rec = test_device_record();
+  const uint32_t target = 49151u | 65535u << 16;
+  ASSERT_EQ(rec.volumes.size(), 9u);
+  EXPECT_EQ(rec.volumes.front(), 0u);
+  EXPECT_EQ(rec.volumes.back(), target);
+  for (size_t k = 1; k < rec.volumes.size(); ++k) {
+    const int32_t dl = int32_t(rec.volumes[k] & 0xFFFF) - int32_t(rec.volumes[k - 1] & 0xFFFF);
+    const int32_t dr = int32_t(rec.volumes[k] >> 16) - int32_t(rec.volumes[k - 1] >> 16);
+    EXPECT_TRUE(dl >= 0 && dl <= 8192 && dr >= 0 && dr <= 8192) << k;
+  }
+
+  wave.pan_level = -100;
+  apply_volume(0);
+  EXPECT_EQ(test_device_record().volumes.back(), 65535u | 65335u << 16);
+  wave.pan_level = 0;
+
+  mute_for_stop();
+  EXPECT_EQ(test_device_record().volumes.back(), 0u);
+  EXPECT_EQ(wave.fade_needed.load(), 1);
+  push(BLOCK_BYTES / 2);
+  drain();
+  rec = test_device_record();
+  // After the mute: the saved volume put back, then the fade to the level.
+  const size_t n = rec.volumes.size();
+  ASSERT_GE(n, 10u + 2 + 9);
+  EXPECT_EQ(rec.volumes[10], 0u);
+  EXPECT_EQ(rec.volumes[11], 0x40004000u);
+  EXPECT_EQ(rec.volumes[12], 0u);
+  EXPECT_EQ(rec.volumes[n - 1], 0xFFFFFFFFu);
+  EXPECT_EQ(wave.fade_needed.load(), 0);
+}
+
+TEST_F(WaveThread, OpenFailureIsReportedAndNothingStarts) {
+  test_device_set_open_result(WAVE_ERR_ALLOCATED);
+  EXPECT_EQ(wave_open(44100, true), WAVE_ERR_ALLOCATED);
+  EXPECT_EQ(wave.wave_running.load(), 0);
+  EXPECT_EQ(wave.wave_device.load(), 0);
+  set_wave_device(nullptr);
+  EXPECT_EQ(wave_open(44100, true), WAVE_ERR_NO_DRIVER);
+  // With no device, the main thread's calls do nothing.
+  mute_for_stop();
+  toggle_pause();
+  EXPECT_EQ(wave.fade_needed.load(), 0);
+  EXPECT_EQ(state.paused.load(), 0);
+}
+
+TEST_F(WaveThread, AbandonedThreadLeavesTheNextTrackAlone) {
+  ASSERT_EQ(wave_open(44100, true), 0);
+  push(2 * BLOCK_BYTES);
+  ASSERT_TRUE(wait_until([] { return writes() == 2; }));
+  wave_abandon();
+  EXPECT_EQ(wave.wave_running.load(), 0);
+  EXPECT_EQ(wave.wave_device.load(), 0);
+  EXPECT_FALSE(test_device_record().open);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+
+  // A new track on a new device: the old thread neither counts its blocks nor closes its device.
+  test_device_clear();
+  test_device_set_player(2);
+  ASSERT_EQ(wave_open(44100, true), 0);
+  pushed = 0;
+  push(BLOCK_BYTES + 10 * UNIT_BYTES);
+  drain();
+  const TestDeviceRecord rec = test_device_record();
+  EXPECT_EQ(rec.calls, "OPWWRXC");
+  EXPECT_EQ(rec.written, with_pad(stream_bytes(0, BLOCK_BYTES + 10 * UNIT_BYTES)));
+  EXPECT_EQ(wave.output_count.load(), 32);
+}
+
+}  // namespace
