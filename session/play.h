@@ -65,14 +65,18 @@ void preread_file(std::FILE* file);
 // START_URL or START_OPEN_FAILED.
 int32_t start_play();
 
-// Calls from the play thread to the window; all optional. Each is called on the play thread, so a
-// front end must only queue work for its main thread.
+// Calls from the session to the window; all optional.
 struct PlayHooks {
-  // A new track starts: the title shows the current entry.
+  // Play thread (a front end must only queue work for its main thread from these two):
+  // a new track starts, and the title shows the current entry;
   void (*title_new_track)() = nullptr;
-  // The session moved on to the next entry by itself: the title's scroll offset starts over (and
-  // the scrolling title restarts if "Scroll" is on).
+  // the session moved on to the next entry by itself: the title's scroll offset starts over, and
+  // the scrolling title restarts if "Scroll" is on.
   void (*title_next_entry)() = nullptr;
+  // Main thread: rebuild the title (show: also put it on the window), after an entry was removed;
+  void (*set_title_display)(int32_t show) = nullptr;
+  // a start with a new title: the scroll-in starts over if "Scroll" is on.
+  void (*restart_title_scroll)() = nullptr;
 };
 extern PlayHooks play_hooks;
 
