@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <thread>
 
@@ -63,10 +64,13 @@ struct Life {
 
 // Polls wave_running until the wave thread is gone. False if the session was abandoned meanwhile.
 bool wait_wave_end(const Life& life) {
-  while (output::wave.wave_running.load(relaxed)) {
+  while (output::wave.wave_running.load(std::memory_order_acquire)) {
     if (!life.live()) return false;
     sleep_ms(WAVE_POLL_MS);
   }
+  // The wave thread's last copy out of the ring was made under ring_lock: taking the lock once
+  // orders it before the next track's writes into the ring, or the ring's release.
+  { std::lock_guard<std::mutex> lock(output::ring.ring_lock); }
   return life.live();
 }
 

@@ -163,7 +163,7 @@ TEST_F(PlaySession, ATrackShorterThanThePrimingDrainsWithItsLastBlockPadded) {
   add_track("tiny.mp2", silent_layer2(10));  // 46080 bytes: two and a half blocks
   output::test_device_set_player(1);
   ASSERT_EQ(session::start_play(), session::START_OK);
-  ASSERT_TRUE(wait_until([] { return state.decoder_running.load() == 0; }));
+  ASSERT_TRUE(wait_session_end());
   output::TestDeviceRecord r = output::test_device_record();
   ASSERT_EQ(r.played_blocks, 3);
   const size_t audio = 10 * STEREO_FRAME_BYTES;
@@ -181,7 +181,7 @@ TEST_F(PlaySession, RepeatOffStopsAtTheListsEndAndLeavesTheIndexAtZero) {
   add_track("b.mp2", silent_layer2(12, true));
   output::test_device_set_player(1);
   session::play_command(0);
-  ASSERT_TRUE(wait_until([] { return state.decoder_running.load() == 0; }));
+  ASSERT_TRUE(wait_session_end());
   output::TestDeviceRecord r = output::test_device_record();
   EXPECT_EQ(count_of(r.calls, 'O'), 2);  // a device of its own for each track, at its format
   EXPECT_EQ(r.format.channels, 1);
@@ -225,7 +225,7 @@ TEST_F(PlaySession, ANextEntryThatWontOpenEndsTheSessionSilently) {
   add_track("c.mp2", silent_layer2(8));
   output::test_device_set_player(1);
   session::play_command(0);
-  ASSERT_TRUE(wait_until([] { return state.decoder_running.load() == 0; }));
+  ASSERT_TRUE(wait_session_end());
   EXPECT_EQ(count_of(output::test_device_record().calls, 'O'), 1);
   EXPECT_EQ(library::playlist.current_entry.load(), 1);
   EXPECT_TRUE(library::slot_used(1));
@@ -237,7 +237,7 @@ TEST_F(PlaySession, AUrlInTheListEndsTheSessionAfterTheDrainAndStays) {
   library::append_entry("Mms://radio/stream");
   output::test_device_set_player(1);
   session::play_command(0);
-  ASSERT_TRUE(wait_until([] { return state.decoder_running.load() == 0; }));
+  ASSERT_TRUE(wait_session_end());
   std::vector<Box> b = boxes_shown();
   ASSERT_EQ(b.size(), 1u);
   EXPECT_EQ(b[0].caption, "TOVRA");

@@ -80,14 +80,24 @@ inline int count_of(const std::string& calls, char c) {
   return n;
 }
 
+// Waits until the session has ended by itself, and joins its thread: everything the thread did is
+// then visible to the test.
+inline bool wait_session_end(int ms = 5000) {
+  bool ended = wait_until([] { return session::state.decoder_running.load() == 0; }, ms);
+  if (ended) session::join_finished_play_thread();
+  return ended;
+}
+
 // Plays blocks one at a time until the session has ended by itself.
 inline bool play_out(int ms = 20000) {
-  return wait_until(
+  bool ended = wait_until(
       [] {
         output::test_device_play(1);
         return session::state.decoder_running.load() == 0;
       },
       ms);
+  if (ended) session::join_finished_play_thread();
+  return ended;
 }
 
 // Waits until the decoder is as far ahead as it can get: the wave thread has no free block left
