@@ -5,6 +5,7 @@
 // the same transport operations, and the elapsed time shown is display_seconds, the program's own
 // estimate from the blocks the device has handed back.
 #include <poll.h>
+#include <sys/resource.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -44,10 +45,34 @@ constexpr const char* usage_text =
     "  --repeat 0|1|2  stop at the list's end, wrap round, random\n"
     "  --no-emphasis   no de-emphasis\n"
     "  --hifi          the Hi-Fi treatment\n"
+    "  --timing        report the time to the first block at the device and the processor use\n"
     "keys: space pause, left/right skip back/forward, n/p next/previous, 0-9 seek to tenths, q stop\n";
 
 std::atomic<int32_t> interrupted{0};
 void on_signal(int) { interrupted.store(1); }
+
+using Clock = std::chrono::steady_clock;
+Clock::time_point started;
+// Milliseconds from the command's start to the first primed blocks running at the device, -1 before.
+std::atomic<int64_t> first_block_ms{-1};
+
+// The wave thread refreshes the title when it lets the device run after its priming.
+void on_device_running(int32_t) {
+  int64_t ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
+  int64_t none = -1;
+  first_block_ms.compare_exchange_strong(none, ms);
+}
+
+void report_timing() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  double cpu = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+               double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+  double wall = std::chrono::duration<double>(Clock::now() - started).count();
+  std::fprintf(stderr,
+               "timing: first block at the device after %lld ms; processor %.3f s over %.3f s (%.2f %% of one core)\n",
+               static_cast<long long>(first_block_ms.load()), cpu, wall, wall > 0 ? cpu * 100 / wall : 0.0);
+}
 
 bool parse_int(const char* text, int32_t lo, int32_t hi, int32_t& out) {
   char* end = nullptr;
@@ -123,12 +148,13 @@ void show_time() {
 }  // namespace
 
 int cmd_play(int argc, char** argv) {
+  started = Clock::now();
   session::detect_cpu();
   library::reset_settings();
   library::reset_playlist();
   session::OutputOptions& o = session::options;
   int32_t rate = 0, device = output::WAVE_MAPPER;
-  bool overdrive = false;
+  bool overdrive = false, timing = false;
   int files = 0;
   for (int i = 0; i < argc; ++i) {
     const char* a = argv[i];
@@ -149,6 +175,8 @@ int cmd_play(int argc, char** argv) {
       o.emphasis = 0;
     } else if (std::strcmp(a, "--hifi") == 0) {
       o.hi_fi = 1;
+    } else if (std::strcmp(a, "--timing") == 0) {
+      timing = true;
     } else if (std::strcmp(a, "--help") == 0 || std::strcmp(a, "-h") == 0) {
       std::fputs(usage_text, stdout);
       return 0;
@@ -187,6 +215,7 @@ int cmd_play(int argc, char** argv) {
   output::wave.render.store(0);  // no visualiser to step
   install_console(0);
   session::play_hooks.title_new_track = print_track;
+  if (timing) output::wave_hooks.refresh_title = on_device_running;
 
   std::signal(SIGINT, on_signal);
   std::signal(SIGTERM, on_signal);
@@ -231,6 +260,7 @@ int cmd_play(int argc, char** argv) {
   terminal.leave();
   if (interactive) std::fputs("\n", stderr);
   session::stop_play();  // a session that ended by itself: only joins its thread
+  if (timing) report_timing();
   // A refused start or device, a decode failure, a URL: each said so in a box.
   return user_stopped || console.boxes.load() == 0 ? 0 : 1;
 }
