@@ -12,6 +12,15 @@ constexpr size_t BLOCK_BYTES = 18432;
 
 std::string cli() { return test::cli_path(); }
 
+// The environment that sends tovra-cli's sound to a file through SDL2's disk driver. SDL keeps a
+// little of its audio state until the process ends, which a leak-checking build would report as
+// ours: that library's allocations are left out of the check.
+std::string disk_driver(const test::TempDir& dir, const std::string& capture) {
+  std::string supp = dir.file("lsan.supp");
+  test::write_file(supp, {'l', 'e', 'a', 'k', ':', 'l', 'i', 'b', 'S', 'D', 'L', '2', '\n'});
+  return "LSAN_OPTIONS=suppressions=" + supp + " SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE=" + capture + " ";
+}
+
 bool all_zero(const std::vector<uint8_t>& v, size_t from, size_t to) {
   return std::all_of(v.begin() + long(from), v.begin() + long(to), [](uint8_t b) { return b == 0; });
 }
@@ -29,8 +38,7 @@ void expect_capture_matches_decode(const std::string& in, const test::TempDir& d
   auto first_sound = std::find_if(raw.begin(), raw.end(), [](uint8_t b) { return b != 0; });
   if (first_sound == raw.end()) GTEST_SKIP() << "the decoders of this build put out silence";
 
-  int status = test::run("SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE=" + cap_path + " " + cli() + " play --rate 0 " + in +
-                         " 2>/dev/null");
+  int status = test::run(disk_driver(dir, cap_path) + cli() + " play --rate 0 " + in + " 2>/dev/null");
   ASSERT_EQ(status, 0);
   std::vector<uint8_t> cap = test::read_file(cap_path);
   auto cap_sound = std::find_if(cap.begin(), cap.end(), [](uint8_t b) { return b != 0; });
@@ -100,9 +108,8 @@ TEST(PlayCli, APlaylistPlaysToItsEndThroughTheDiskDriver) {
   test::write_file(dir.file("list.m3u"), {'a', '.', 'm', 'p', '2', '\n', 'b', '.', 'm', 'p', '2', '\n'});
   std::string cap = dir.file("cap.raw");
   int status = -1;
-  std::string err = test::run_output("cd / && SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE=" + cap + " " + cli() +
-                                         " play --mono --8bit " + dir.file("list.m3u") + " 2>&1",
-                                     &status);
+  std::string err = test::run_output(
+      "cd / && " + disk_driver(dir, cap) + cli() + " play --mono --8bit " + dir.file("list.m3u") + " 2>&1", &status);
   EXPECT_EQ(status, 0) << err;
   EXPECT_NE(err.find("1. "), std::string::npos) << err;
   EXPECT_NE(err.find("2. "), std::string::npos) << err;
