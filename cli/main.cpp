@@ -4,6 +4,7 @@
 
 #include "cli/commands.h"
 #include "decoder/decoder.h"
+#include "session/platform.h"
 
 namespace {
 
@@ -45,6 +46,8 @@ int main(int argc, char** argv) {
     usage(stdout);
     return 0;
   }
+  // Start-up order of the program: processor first (it picks the synthesis variant), then tables.
+  session::detect_cpu();
   decoder::init_decoder_tables();
   for (const Command& c : commands)
     if (std::strcmp(argv[1], c.name) == 0) return c.run(argc - 2, argv + 2);

@@ -190,6 +190,8 @@ bool replace_file(const std::string& path, std::string_view text) {
   // replaced one keeps its own.
   struct stat st;
   bool existed = stat(target.c_str(), &st) == 0;
+  // A file made read-only stays as it is, though its folder would allow the replacement.
+  if (existed && access(target.c_str(), W_OK) != 0) return false;
   static std::atomic<uint32_t> serial{0};
   char suffix[48];
   std::snprintf(suffix, sizeof suffix, ".%d-%u.tmp", int(getpid()), serial.fetch_add(1));

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "library/ini.h"
+#include "session/messages.h"
 
 namespace library {
 
@@ -342,6 +343,12 @@ int32_t scan_folder(const char* path) {
     if (ext_starts(ext, ".mp") || ext_is(ext, ".rmp")) append_entry(full.c_str());
   }
   return 1;
+}
+
+int32_t scan_folder_dialog(const char* path) {
+  int32_t result = scan_folder(path);
+  session::send_message(session::WINDOW_PLAYLIST, MSG_PLAYLIST_REFRESH, 1, 0);
+  return result;
 }
 
 int32_t pick_random_entry_at(uint32_t now_ms) {

@@ -72,8 +72,9 @@ enum WriteMode : int32_t {
   WRITE_RELATIVE = 2,     // entries in the list's folder as bare names, others as they stand
   WRITE_ONLY_FOLDER = 3,  // as 2, entries outside the list's folder left out
 };
-// Writes the list up to its first empty slot, one entry a line. Returns 1, or 0 when the file
-// couldn't be created.
+// Writes the list up to its first empty slot, one entry a line ended by "\n". The new list replaces
+// the old file whole (a full disk leaves the old list as it was). Returns 1, or 0 when the file
+// couldn't be written.
 int32_t write_playlist(const char* path, int32_t mode);
 
 // The command line of a start or of a second start handed over: paths, list files, "/A" (append),
@@ -86,6 +87,10 @@ void take_command_line(const char* text, bool shift_held);
 // subfolders in name order. Returns 1, or 0 when the folder (or any folder below it) couldn't be
 // read, which ends the scan there.
 int32_t scan_folder(const char* path);
+// The playlist editor's folder intake: the same scan, after which the editor is sent
+// MSG_PLAYLIST_REFRESH (first argument 1) once, when the outermost folder is done.
+constexpr int32_t MSG_PLAYLIST_REFRESH = 1042;
+int32_t scan_folder_dialog(const char* path);
 
 // The next entry of the random mode: an entry not played since the last reset, found from a start
 // index taken from the clock; when all are played, the counts are cleared and a new cycle starts,

@@ -5,12 +5,12 @@
 #include "output/shapers.h"
 
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <thread>
 
 #include "decoder/synth.h"
 #include "output/ring.h"
+#include "session/writers.h"
 
 namespace output {
 
@@ -50,10 +50,20 @@ void shape() {
   // block follow anyway, it starts over rather than writing outside the storage.
   if (at + stored > ring.ring_bytes.load(relaxed) + RING_SPARE) at = 0;
   uint8_t* out = ring.ring_base + at;
+  int count = Count;
+  if constexpr (stored > Counted) {
+    // The over-long rows: the surplus is garbage that the next call overwrites. Where the ring is
+    // too full to take it, storing it would cut into the oldest unread block (the next one the
+    // wave thread plays) while that thread may be copying it; there only as much is stored as the
+    // free room takes.
+    static_assert(O == COPY && Group == 1 && Width == 8, "one byte per value");
+    const int32_t room = (RING_UNITS - ring.ring_fill.load(std::memory_order_acquire)) * int32_t(UNIT_BYTES);
+    if (room < int32_t(stored)) count = room > int32_t(Counted) ? room : int32_t(Counted);
+  }
   if constexpr (O == COPY && Width == 16 && Group == Stride) {
     std::memcpy(out, v, stored);  // all values in order: a plain copy
   } else {
-    for (int j = 0; j < Count; ++j) {
+    for (int j = 0; j < count; ++j) {
       const int16_t* g = v + j * Stride;
       if constexpr (O == FOLD) {
         if constexpr (Width == 16)
@@ -154,8 +164,7 @@ void flush_layer1_tail(int32_t count) {
   if (count <= 0) count = 0;
   if (count > 1152) count = 1152;
   if (state.file_job_active.load(relaxed)) {
-    if (count && std::fwrite(decoder::pcm_block_l1, 2, size_t(count), state.out_file) != size_t(count))
-      state.write_failed.store(1, relaxed);
+    session::write_decoded_tail_l1(count);
     return;
   }
   if (!ring.ring_base) return;

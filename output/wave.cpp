@@ -474,7 +474,7 @@ void wave_abandon() {
 void wave_reset_state() {
   wave.style.store(0, relaxed);
   wave.render.store(1, relaxed);
-  wave.wait_ms.store(20, relaxed);
+  wave.wait_ms.store(33, relaxed);
   wave.wave_out_device.store(WAVE_MAPPER, relaxed);
   wave.volume_level.store(65535, relaxed);
   wave.pan_level.store(0, relaxed);

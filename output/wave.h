@@ -59,7 +59,7 @@ struct WaveState {
   // writes, the wave thread reads.
   Word style{0};
   Word render{1};
-  Word wait_ms{20};
+  Word wait_ms{33};
   Word wave_out_device{WAVE_MAPPER};
   Word volume_level{65535};
   Word pan_level{0};
@@ -77,7 +77,8 @@ struct WaveState {
   Word fade_needed{0};
   Word last_drawn_seconds{-1};
 
-  // The device's format and the position arithmetic, fixed by wave_open for the track.
+  // The device's format and the position arithmetic, fixed by wave_open for the track before the
+  // wave thread starts (the format for the wave thread's visualiser; nobody else should read it).
   WaveFormat format{};
   Word seconds_k{288};       // sample frames per unit of output_count (see wave_callback)
   Word seconds_rate{44100};  // the stream's sample rate

@@ -145,6 +145,15 @@ TEST_F(Shapers, ThinnedMonoEightBitStoresTwiceWhatItCounts) {
   EXPECT_EQ(ring.ring_write, 0u);
   EXPECT_EQ(u8(RING_BYTES + 287), uint8_t(((1150 << 4) >> 8) + 128));
 
+  // With the ring nearly full the surplus would land on the oldest unread block: it is left out.
+  std::memset(ring.ring_base, 0xEE, 1152);
+  ring.ring_write = 0;
+  ring.ring_fill = RING_UNITS - 2;
+  shape(2, 3, 1, true, false);
+  EXPECT_EQ(ring.ring_fill, RING_UNITS);
+  EXPECT_EQ(u8(287), uint8_t(((574 << 4) >> 8) + 128));
+  EXPECT_EQ(u8(288), 0xEE);
+
   // Quarter rate: every fourth of 1152, 288 stored, 144 counted.
   ring.ring_write = 0;
   ring.ring_fill = 0;

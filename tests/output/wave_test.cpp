@@ -190,6 +190,61 @@ TEST_F(WaveThread, PauseHoldsBlocksAndASeekResetsAndReprimes) {
   EXPECT_EQ(wave.wave_device.load(), 0);
 }
 
+std::atomic<int32_t> display_steps{0};
+std::atomic<int32_t> first_frame{-1};
+std::atomic<int32_t> last_frame{-1};
+std::atomic<int32_t> times_drawn{0};
+
+TEST_F(WaveThread, IdleTurnsStepTheVisualiserUnlessHidden) {
+  display_steps = 0;
+  first_frame = -1;
+  times_drawn = 0;
+  wave_hooks.draw_display = [](int32_t frame) {
+    if (display_steps++ == 0) first_frame = frame;
+    last_frame = frame;
+  };
+  wave_hooks.draw_time = [] { ++times_drawn; };
+  ASSERT_EQ(wave_open(44100, true), 0);
+  // 26 blocks fill what the device may hold: 32 less the six of the priming.
+  push(26 * BLOCK_BYTES);
+  ASSERT_TRUE(wait_until([] { return writes() == 26; }));
+  ASSERT_TRUE(wait_until([] { return display_steps.load() >= 5; }));
+  EXPECT_EQ(wave.free_blocks.load(), 0);
+  EXPECT_EQ(first_frame.load(), 0);
+  EXPECT_GE(last_frame.load(), 4);
+
+  // The position changes: the next turn after a write draws the time.
+  const int32_t drawn = times_drawn.load();
+  push(10 * BLOCK_BYTES);
+  EXPECT_EQ(test_device_play(10), 10);
+  ASSERT_TRUE(wait_until([] { return writes() == 36; }));
+  EXPECT_GT(times_drawn.load(), drawn);
+  EXPECT_EQ(wave.last_drawn_seconds.load(), 1);
+  // 36 blocks have gone round the 32-block ring in order.
+  EXPECT_EQ(test_device_record().written, stream_bytes(0, 36 * BLOCK_BYTES));
+
+  // Paused, or hidden in the tray: no steps.
+  toggle_pause();
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  int32_t steps = display_steps.load();
+  std::this_thread::sleep_for(std::chrono::milliseconds(60));
+  EXPECT_EQ(display_steps.load(), steps);
+  toggle_pause();
+  wave.style = 4;
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  steps = display_steps.load();
+  std::this_thread::sleep_for(std::chrono::milliseconds(60));
+  EXPECT_EQ(display_steps.load(), steps);
+
+  // A re-prime command starts a round without resetting the device.
+  wave.wave_command = WAVE_REPRIME;
+  ASSERT_TRUE(wait_until([] { return wave.wave_command.load() == WAVE_RUN; }));
+  const TestDeviceRecord rec = test_device_record();
+  EXPECT_EQ(rec.calls.substr(rec.calls.size() - 1), "P");
+  EXPECT_EQ(rec.reset_blocks, 0);
+  EXPECT_EQ(ring.ring_read.load(), 0u);
+}
+
 TEST_F(WaveThread, StopWhileDrainingResetsTheDevice) {
   ASSERT_EQ(wave_open(44100, true), 0);
   push(3 * BLOCK_BYTES);
