@@ -149,7 +149,6 @@ void show_time() {
 
 int cmd_play(int argc, char** argv) {
   started = Clock::now();
-  session::detect_cpu();
   library::reset_settings();
   library::reset_playlist();
   session::OutputOptions& o = session::options;

@@ -56,6 +56,9 @@ bool end_of_stream(int32_t code) { return code == FRAME_SHORT || code == FRAME_E
 // stream; abandoned means stop_play gave up on this thread, which must then touch nothing shared.
 enum TrackEnd { TRACK_STOPPED, TRACK_ENDED, TRACK_ABANDONED };
 
+// The generation of the play thread running on this thread; -1 on every other thread.
+thread_local int32_t thread_generation = -1;
+
 // One play thread's life: its generation tells whether it still owns the session.
 struct Life {
   int32_t generation;
@@ -72,6 +75,24 @@ bool wait_wave_end(const Life& life) {
   // orders it before the next track's writes into the ring, or the ring's release.
   { std::lock_guard<std::mutex> lock(output::ring.ring_lock); }
   return life.live();
+}
+
+// Hands the wave thread the command that ends its track (WAVE_DRAIN or WAVE_ABORT) and waits for it
+// to end. The wave thread turns a seek command back to WAVE_RUN once it has re-primed, so an end
+// written while a seek is still being handled would be overwritten and lost, and each thread would
+// then wait for the other for good; a pending seek is let through first. False if the session was
+// abandoned meanwhile.
+bool end_wave_track(int32_t command, const Life& life) {
+  for (;;) {
+    int32_t pending = output::wave.wave_command.load(relaxed);
+    if (pending < output::WAVE_JUMP || pending > output::WAVE_REPRIME) break;
+    if (!output::wave.wave_running.load(relaxed)) break;
+    if (!life.live()) return false;
+    output::wave.wave_event.set();
+    sleep_ms(WAVE_POLL_MS);
+  }
+  output::wave.wave_command.store(command, relaxed);
+  return wait_wave_end(life);
 }
 
 void close_input() {
@@ -232,10 +253,11 @@ bool open_next_entry() {
 
 void play_thread_main(int32_t generation) {
   const Life life{generation};
+  thread_generation = generation;
   set_current_thread_priority(options.prior_dec ? PRIORITY_ABOVE_NORMAL : PRIORITY_HIGHEST);
   state.decoder_running.store(1, relaxed);
   output::ring_allocate();
-  const int32_t family = output::wave.cpu_family.load(relaxed);
+  const int32_t family = cpu_family;
   output::wave.wave_wait_ms.store(wave_wait_for(family, options.prior_dec, state.rate_shift, options.sixteen_bit),
                                   relaxed);
 
@@ -263,14 +285,12 @@ void play_thread_main(int32_t generation) {
     if (end == TRACK_ABANDONED) return;
 
     if (end == TRACK_STOPPED) {
-      output::wave.wave_command.store(output::WAVE_ABORT, relaxed);
-      if (!wait_wave_end(life)) return;
+      if (!end_wave_track(output::WAVE_ABORT, life)) return;
       close_input();
       break;
     }
     // The wave thread plays out what is queued and closes the device.
-    output::wave.wave_command.store(output::WAVE_DRAIN, relaxed);
-    if (!wait_wave_end(life)) return;
+    if (!end_wave_track(output::WAVE_DRAIN, life)) return;
     close_input();
     if (!open_next_entry()) break;
   }
@@ -292,11 +312,11 @@ TrackRate track_rate(uint32_t rate_setting, int32_t mpeg_id, int32_t mpeg2_relie
   return {shift, rate_setting};
 }
 
-SynthChoice choose_synth(uint32_t selector, int32_t mode, int32_t cpu_family, int32_t pentium_synth) {
+SynthChoice choose_synth(uint32_t selector, int32_t mode, int32_t family, int32_t pentium_synth) {
   // Full-rate choice of selector 0: a processor below the Pentium class gets the cheaper variant
   // unless "Pentium" asks for the regular one.
   auto full_rate = [&]() -> SynthFn {
-    if (cpu_family < 5 && !pentium_synth) return decoder::synth_fast;
+    if (family < 5 && !pentium_synth) return decoder::synth_fast;
     return mode == 3 ? decoder::synth_mono : decoder::synth_full;
   };
   switch (selector) {
@@ -313,14 +333,14 @@ SynthChoice choose_synth(uint32_t selector, int32_t mode, int32_t cpu_family, in
     case 7:
       return {decoder::synth_overdrive, true};
     default:  // 4, and anything a hand-edited file puts above 7
-      if (cpu_family >= 5) return {full_rate(), false};
+      if (family >= 5) return {full_rate(), false};
       return {pentium_synth ? decoder::synth_fast : decoder::synth_overdrive, false};
   }
 }
 
-int32_t wave_wait_for(int32_t cpu_family, int32_t prior_dec, int32_t last_rate_shift, int32_t sixteen_bit) {
-  if (cpu_family >= 6) return prior_dec ? 100 : 1000;
-  if (cpu_family == 5) return prior_dec ? 100 : 500;
+int32_t wave_wait_for(int32_t family, int32_t prior_dec, int32_t last_rate_shift, int32_t sixteen_bit) {
+  if (family >= 6) return prior_dec ? 100 : 1000;
+  if (family == 5) return prior_dec ? 100 : 500;
   if (prior_dec) return 0;
   return last_rate_shift == 0 && sixteen_bit ? 20 : 50;
 }
@@ -399,6 +419,8 @@ int32_t start_play() {
 void join_finished_play_thread() {
   if (play_thread_object.joinable() && state.decoder_running.load(relaxed) == 0) play_thread_object.join();
 }
+
+bool play_thread_abandoned() { return thread_generation >= 0 && thread_generation != play_generation.load(relaxed); }
 
 void abandon_play_thread() {
   play_generation.fetch_add(1, relaxed);

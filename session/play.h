@@ -40,10 +40,10 @@ struct SynthChoice {
   SynthFn synth;
   bool shift_reset;
 };
-SynthChoice choose_synth(uint32_t selector, int32_t mode, int32_t cpu_family, int32_t pentium_synth);
+SynthChoice choose_synth(uint32_t selector, int32_t mode, int32_t family, int32_t pentium_synth);
 
 // The wave thread's wait for its event, in milliseconds, chosen once per session.
-int32_t wave_wait_for(int32_t cpu_family, int32_t prior_dec, int32_t last_rate_shift, int32_t sixteen_bit);
+int32_t wave_wait_for(int32_t family, int32_t prior_dec, int32_t last_rate_shift, int32_t sixteen_bit);
 
 // The wave position counter (1 = 1152 output bytes) that matches frame: frame x channels x (2 for
 // MPEG-1, 1 for MPEG-2), shifted right by the narrowing of mono, 8 bits and the rate shift.
@@ -84,6 +84,10 @@ extern PlayHooks play_hooks;
 // play_generation tells a live thread from one that stop_play abandoned.
 extern std::atomic<int32_t> play_thread_handle;  // 1 while a play thread exists, cleared as its last act
 extern std::atomic<int32_t> play_generation;
+
+// True on a play thread that stop_play has abandoned (false on every other thread). The shapers'
+// wait for room asks it, so that such a thread never writes into a later session's ring.
+bool play_thread_abandoned();
 
 // Blocks until a play thread that has finished (or is finishing) is joined; a thread still running
 // is left alone. For tests and front ends at exit.

@@ -148,7 +148,8 @@ TEST_F(PlaySession, JumpsAtAnyMomentPrimingIncludedLeaveTheSessionWhole) {
     output::test_device_play(1);
     return state.decoder_command.load() != session::CMD_JUMP;
   }));
-  ASSERT_TRUE(play_out());
+  ASSERT_TRUE(play_out()) << "wave command " << output::wave.wave_command.load() << ", ring fill "
+                          << output::ring.ring_fill.load();
   output::TestDeviceRecord r = output::test_device_record();
   EXPECT_GT(count_of(r.calls, 'X'), 1);
   EXPECT_EQ(r.calls.back(), 'C');
@@ -157,6 +158,33 @@ TEST_F(PlaySession, JumpsAtAnyMomentPrimingIncludedLeaveTheSessionWhole) {
   // The wave position follows the last jump: the 2900th frame of stereo MPEG-1 is unit 11600, and
   // what played afterwards only adds to it.
   EXPECT_GE(output::wave.output_count.load(), 2900 * 4);
+}
+
+// The wave thread turns a seek command back to WAVE_RUN once it has re-primed: an end of stream
+// that the decoder reaches while the wave thread handles a jump must not be overwritten by that,
+// or both threads wait for each other for good. The track ends in a long stretch without a sync
+// word, so that the end comes some tens of milliseconds after a jump to its last frames: the
+// stretch grows from round to round to sweep over the wave thread's handling of the jump.
+TEST_F(PlaySession, AnEndReachedWhileAJumpIsHandledStillEndsTheTrack) {
+  session::options.prior_dec = 1;  // short waits for data: quicker rounds
+  for (int round = 0; round < 8; ++round) {
+    std::vector<uint8_t> bytes = silent_layer2(300);
+    bytes.resize(bytes.size() + size_t(round + 1) * 256 * 1024, 0x11);
+    library::reset_playlist();
+    add_track("tail" + std::to_string(round) + ".mp2", bytes);
+    output::test_device_clear();
+    ASSERT_EQ(session::start_play(), session::START_OK);
+    ASSERT_TRUE(wait_until([] { return !output::test_device_record().lengths.empty(); }));
+    ASSERT_TRUE(wait_lead_full());
+    session::seek_frame(298);
+    ASSERT_TRUE(play_out(15000)) << "round " << round << ", wave command " << output::wave.wave_command.load();
+    output::TestDeviceRecord r = output::test_device_record();
+    EXPECT_EQ(r.calls.back(), 'C');
+    EXPECT_GT(r.reset_blocks, 0);
+    // The last block is the last frame and the padding.
+    ASSERT_GE(r.played.size(), output::BLOCK_BYTES);
+    EXPECT_EQ(r.played[r.played.size() - 2], 128) << "round " << round;
+  }
 }
 
 TEST_F(PlaySession, ATrackShorterThanThePrimingDrainsWithItsLastBlockPadded) {

@@ -17,6 +17,7 @@
 #include "output/wave.h"
 #include "output/wave_device_test.h"
 #include "session/messages.h"
+#include "session/platform.h"
 #include "session/play.h"
 #include "session/session.h"
 #include "session/transport.h"
@@ -122,6 +123,7 @@ class PlaySession : public ::testing::Test {
     output::wave_reset_state();
     // Short visualiser naps so that the wave thread refills the device promptly in tests.
     output::wave.wait_ms.store(2);
+    session::cpu_family = 6;
     output::wave.cpu_family.store(6);
     output::test_device_clear();
     output::test_device_set_player(0);
