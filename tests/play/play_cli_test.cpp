@@ -29,8 +29,9 @@ bool all_zero(const std::vector<uint8_t>& v, size_t from, size_t to) {
 // the driver would drain the device faster than any decoder fills it, and write silence in the
 // gaps), and checks the capture: silence while the device is held for its priming, then the very
 // bytes that `decode --format raw` writes, then the padding of the last block (alternating 128
-// and 0), then silence until the device closes.
-void expect_capture_matches_decode(const std::string& in, const test::TempDir& dir) {
+// and 0), then silence until the device closes. A Layer I track hands its last partial block to the
+// ring as a whole one (tail_bytes, 2304): the ring's untouched zeros stand before the padding.
+void expect_capture_matches_decode(const std::string& in, const test::TempDir& dir, size_t tail_bytes = 1) {
   std::string raw_path = dir.file("decoded.raw"), cap_path = dir.file("captured.raw");
   ASSERT_EQ(test::run(cli() + " decode " + in + " " + raw_path + " --format raw 2>/dev/null"), 0);
   std::vector<uint8_t> raw = test::read_file(raw_path);
@@ -53,10 +54,12 @@ void expect_capture_matches_decode(const std::string& in, const test::TempDir& d
   while (mismatch < raw.size() && cap[start + mismatch] == raw[mismatch]) ++mismatch;
   ASSERT_EQ(mismatch, raw.size()) << "first difference at byte " << mismatch << " of " << raw.size();
 
-  size_t padded = (raw.size() + BLOCK_BYTES - 1) / BLOCK_BYTES * BLOCK_BYTES;
+  size_t tail = (raw.size() + tail_bytes - 1) / tail_bytes * tail_bytes;
+  size_t padded = (tail + BLOCK_BYTES - 1) / BLOCK_BYTES * BLOCK_BYTES;
   ASSERT_GE(cap.size(), start + padded);
-  for (size_t i = raw.size(); i < padded; ++i)
-    ASSERT_EQ(cap[start + i], (i - raw.size()) % 2 == 0 ? 128 : 0) << "padding byte " << i - raw.size();
+  EXPECT_TRUE(all_zero(cap, start + raw.size(), start + tail));
+  for (size_t i = tail; i < padded; ++i)
+    ASSERT_EQ(cap[start + i], (i - tail) % 2 == 0 ? 128 : 0) << "padding byte " << i - tail;
   EXPECT_TRUE(all_zero(cap, start + padded, cap.size())) << "sound after the last block";
 }
 
@@ -78,6 +81,13 @@ TEST(PlayCli, LayerIIICaptureIsTheDecodedStreamAndItsPadding) {
   ASSERT_EQ(test::run("sox -q -n -r 44100 -c 2 -b 16 " + wav + " synth 1.5 sine 330 sine 550 vol 0.5"), 0);
   ASSERT_EQ(test::run("lame --quiet -b 128 " + wav + " " + mp3), 0);
   expect_capture_matches_decode(mp3, dir);
+}
+
+TEST(PlayCli, LayerICaptureIsTheDecodedStreamItsTailAndItsPadding) {
+  std::string vectors = test::vectors_dir();
+  if (vectors.empty() || test::read_file(vectors + "/l1-fl6.bit").empty()) GTEST_SKIP() << "no conformance vectors";
+  test::TempDir dir;
+  expect_capture_matches_decode(vectors + "/l1-fl6.bit", dir, 2304);
 }
 
 TEST(PlayCli, ExitStatusSaysHowTheSessionEnded) {
