@@ -107,6 +107,7 @@ bool add_argument(const char* arg) {
 void print_track() {
   int32_t index = library::playlist.current_entry.load(std::memory_order_relaxed);
   const char* path = library::slot_used(index) ? library::playlist.entries[index].path : "";
+  if (isatty(STDERR_FILENO)) std::fputs("\r\033[K", stderr);  // over the time line
   std::fprintf(stderr, "%d. %s (Layer %d, %d Hz, %d kbit/s)\n", index + 1, path, session::stream.layer,
                session::stream.sample_rate, session::stream.bitrate_kbps);
 }
