@@ -1,22 +1,49 @@
-// Placeholder Layer III step: reads the side information and loads the main data through the
-// reservoir so that a job walks every frame as it will when decoding, and emits silent blocks.
+// Layer III frame driver: side information from the file, main data through the reservoir, then per
+// granule the Huffman lines of each channel and the signal path.
+#include "decoder/layer3.h"
+
+#include <cstring>
+
 #include "decoder/decoder.h"
+#include "decoder/layer3_tables.h"
+#include "decoder/synth.h"
 #include "session/session.h"
 #include "session/stream.h"
 
 namespace decoder {
 
-void reset_layer3_state() {}
+Layer3State l3;
+
+void reset_layer3_state() {
+  std::memset(&l3, 0, sizeof l3);
+  l3.active_subbands = 32;
+  l3.sfb_long = sfb_long[3];
+  l3.sfb_short = sfb_short[3];
+  l3.table_row = 3;
+  std::memset(subband_samples, 0, sizeof subband_samples);
+}
 
 int32_t decode_layer3_frame(const session::FrameHeader& h) {
-  int32_t kbps = session::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
-  int32_t hz = session::sample_rate_table[h.id * 3 + h.sampling_index];
-  int32_t bytes = (h.id ? 144000 : 72000) * kbps / hz + h.padding_bit;
-  int32_t side = h.id ? (h.mode == 3 ? 17 : 32) : (h.mode == 3 ? 9 : 17);
-  session::read_frame_head(side);
-  session::load_reservoir(bytes - 4 - side - (h.protection_bit ? 0 : 2));
   session::state.decoded_channels = h.mode == 3 ? 1 : 2;
-  for (int g = 0; g < (h.id ? 2 : 1); ++g) session::state.shaper_slot();
+  read_side_info(h, l3.side);
+
+  // The frame's main data starts main_data_begin bytes before where this frame's bytes land. The
+  // ring is not asked how much it really holds: after a stream start or a seek, data reaching
+  // behind it decodes whatever the ring contains.
+  session::bits.reservoir_bits =
+      uint32_t((session::bits.reservoir_write - l3.side.main_data_begin) & (session::RESERVOIR_SIZE - 1)) * 8;
+  const int32_t row = (h.id & 1) * 3 + (h.sampling_index < 3 ? h.sampling_index : 0);
+  // The frame's size with padding, less the header, CRC and side information already read.
+  session::load_reservoir(session::frame_length(h) - layer3_head_size(h) - (h.protection_bit ? 0 : 2));
+
+  l3.table_row = row;
+  l3.sfb_long = sfb_long[row];
+  l3.sfb_short = sfb_short[row];
+  const int32_t channels = h.mode == 3 ? 1 : 2;
+  for (int32_t gr = 0; gr < (h.id ? 2 : 1); ++gr) {
+    for (int32_t ch = 0; ch < channels; ++ch) decode_huffman(h, l3.side, gr, ch);
+    decode_granule_signal(h, gr);
+  }
   return 0;
 }
 

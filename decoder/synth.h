@@ -12,6 +12,13 @@ extern int16_t pcm_block[1152];
 // The same for Layer I.
 extern int16_t pcm_block_l1[1152];
 
+// The synthesis ring: channel, bank (2c + b), 17 rows (transform outputs) by 16 columns (slots).
+extern float synth_banks[2][2][17][16];
+// Current ring column per channel (0-15) and the phase (0 or 1) that names the current bank; the
+// phase is shared by both channels and every call leaves it as it found it.
+extern uint32_t synth_column[2];
+extern int32_t synth_phase;
+
 void synth_full(int32_t channel);
 void synth_mono(int32_t channel);
 void synth_half(int32_t channel);

@@ -25,7 +25,7 @@ for fuzzer in build/asan/tests/fuzz_*; do
     "$corpus" >"build/asan/$name.log" 2>&1 || { tail -50 "build/asan/$name.log"; exit 1; }
 done
 
-# ThreadSanitizer over the tests of the threaded subsystems (session jobs, sound output).
+# ThreadSanitizer over the tests of the threaded subsystems (session jobs, sound output, file tools, play session).
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan -j "$jobs"
-ctest --preset tsan -j "$jobs" -L 'session|output' --no-tests=ignore
+ctest --preset tsan -j "$jobs" -L 'session|output|tools|play' --no-tests=ignore

@@ -1,0 +1,243 @@
+// The system stream splitter: streams built here byte by byte for the walk's rules, streams made
+// by ffmpeg compared with ffmpeg's own copy of their audio, messages, cancel and the CLI.
+#include "tools/split.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "tools_support.h"
+
+namespace {
+
+using namespace tools_test;
+using Bytes = std::vector<uint8_t>;
+
+Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+Bytes code(uint8_t c) { return {0, 0, 1, c}; }
+// An MPEG-1 pack header: start code and the 8 bytes of clock and rate.
+Bytes pack() { return code(0xBA) + Bytes{0x21, 0x00, 0x01, 0x00, 0x01, 0x80, 0x1B, 0x91}; }
+Bytes unit(uint8_t c, const Bytes& body) {
+  return code(c) + Bytes{uint8_t(body.size() >> 8), uint8_t(body.size())} + body;
+}
+Bytes system_header() {
+  return unit(0xBB, Bytes{0x80, 0x1B, 0x91, 0x04, 0xE1, 0xFF, 0xC0, 0xC0, 0x20, 0xE0, 0xE0, 0xE6});
+}
+Bytes padding(size_t n) { return unit(0xBE, Bytes(n, 0xFF)); }
+Bytes end_code() { return code(0xB9); }
+
+// Packet header forms of MPEG-1.
+const Bytes NO_STAMP = {0x0F};
+const Bytes STUFFED = {0xFF, 0xFF, 0xFF, 0x0F};
+const Bytes BUFFER_SIZE = {0x60, 0x20, 0x0F};
+const Bytes PTS = {0x21, 0x00, 0x01, 0x00, 0x01};
+const Bytes PTS_DTS = {0x31, 0x00, 0x01, 0x00, 0x01, 0x11, 0x00, 0x01, 0x00, 0x01};
+const Bytes BUFFER_PTS = {0xFF, 0x40, 0x10, 0x40, 0x10, 0x21, 0x00, 0x01, 0x00, 0x01};
+// The MPEG-2 form: '10' marker bits, flags, header length, PTS.
+const Bytes MPEG2_HEADER = {0x81, 0x80, 0x05, 0x21, 0x00, 0x01, 0x00, 0x01};
+
+class Split : public ToolsTest {
+ protected:
+  // Splits bytes; returns the result of message 1049 (or -100 when none came) and the output.
+  int32_t split(const Bytes& in, Bytes* out = nullptr) {
+    test::write_file(dir.file("in.mpg"), in);
+    return split_file(dir.file("in.mpg"), out);
+  }
+  int32_t split_file(const std::string& path, Bytes* out = nullptr) {
+    install_recorder();
+    int32_t started = tools::start_split(path.c_str(), dir.file("out.mpa").c_str());
+    EXPECT_EQ(started, 0);
+    if (started != 0) return -200;
+    tools::wait_split();
+    EXPECT_EQ(session::state.file_job_cancel.load(), 1);
+    if (out) *out = test::read_file(dir.file("out.mpa"));
+    std::vector<Message> ends = recorded(session::MSG_SPLIT_END);
+    return ends.size() == 1 ? int32_t(ends[0].wparam) : -100;
+  }
+  void TearDown() override { tools::wait_split(); }
+};
+
+TEST_F(Split, WritesTheAudioPayloadsAndSkipsEverythingElse) {
+  Bytes a1(300, 0x11);
+  Bytes a2(5000, 0x22);  // longer than the classic 4096-byte packet buffer
+  Bytes a3(17, 0x33), a4(100, 0x44), a5(64, 0x55), a6(1, 0x66);
+  for (size_t i = 0; i < a2.size(); ++i) a2[i] = uint8_t(i * 7);
+  Bytes stream = pack() + system_header() + unit(0xE0, PTS_DTS + Bytes(700, 0xAA)) + unit(0xC0, PTS + a1) +
+                 padding(50) + unit(0xC0, STUFFED + a2) + unit(0xD0, PTS + Bytes(90, 0xDD)) + pack() +
+                 unit(0xC1, BUFFER_SIZE + a3) + unit(0xE3, BUFFER_PTS + Bytes(9, 0xAB)) + unit(0xCF, BUFFER_PTS + a4) +
+                 unit(0xBD, Bytes(33, 0x01)) + unit(0xC0, NO_STAMP + a5) + Bytes(8, 0) + unit(0xC0, PTS_DTS + a6) +
+                 end_code();
+  Bytes out;
+  EXPECT_EQ(split(stream, &out), tools::SPLIT_OK);
+  EXPECT_EQ(out, a1 + a2 + a3 + a4 + a5 + a6);
+
+  // Progress with each audio packet, at the position behind it; the end with the bytes read.
+  std::vector<Message> progress = recorded(session::MSG_SPLIT_PROGRESS);
+  ASSERT_EQ(progress.size(), 7u);  // six audio packets and the end code
+  EXPECT_EQ(progress.back().wparam, int64_t(stream.size()));
+  EXPECT_EQ(progress.back().lparam, int64_t(stream.size()));
+  EXPECT_EQ(recorded(session::MSG_SPLIT_END)[0].lparam, int64_t(stream.size()));
+}
+
+TEST_F(Split, EndsWhereTheFileOrTheStreamEnds) {
+  Bytes out;
+  EXPECT_EQ(split({}, &out), tools::SPLIT_OK);
+  EXPECT_TRUE(out.empty());
+  // An end code stops the walk: what follows is not looked at.
+  EXPECT_EQ(split(pack() + unit(0xC0, PTS + Bytes(10, 1)) + end_code() + Bytes{0x12, 0x34, 0x56}, &out), 0);
+  EXPECT_EQ(out, Bytes(10, 1));
+  // A file may stop anywhere, inside a packet too: the audio that is there is kept.
+  Bytes whole = pack() + unit(0xC0, PTS + Bytes(10, 1)) + unit(0xC0, PTS + Bytes(100, 2));
+  EXPECT_EQ(split(Bytes(whole.begin(), whole.end() - 40), &out), 0);
+  EXPECT_EQ(out, Bytes(10, 1) + Bytes(60, 2));
+  for (size_t cut : {1, 3, 5, 7, 13, 17}) {
+    EXPECT_EQ(split(Bytes(whole.begin(), whole.begin() + long(cut)), &out), 0) << cut;
+    EXPECT_TRUE(out.empty()) << cut;
+  }
+}
+
+TEST_F(Split, RefusesWhatIsNotAnMpeg1SystemStream) {
+  // An MPEG audio file: refused at its first two bytes.
+  EXPECT_EQ(split(Bytes{0xFF, 0xFB, 0x90, 0x64, 0, 0, 0, 0}), tools::SPLIT_BAD_START_CODE);
+  // Zeros are stepped over four at a time: six zeros in front of a code put it out of step.
+  Bytes zeros4 = Bytes(4, 0) + pack() + unit(0xC0, PTS + Bytes(3, 9));
+  Bytes out;
+  EXPECT_EQ(split(zeros4, &out), tools::SPLIT_OK);
+  EXPECT_EQ(out, Bytes(3, 9));
+  EXPECT_EQ(split(Bytes(6, 0) + pack()), tools::SPLIT_BAD_START_CODE);
+  // A stray byte between units.
+  EXPECT_EQ(split(pack() + Bytes{0x47} + pack()), tools::SPLIT_BAD_START_CODE);
+
+  // The MPEG-2 packet header is the error of its packet's kind.
+  EXPECT_EQ(split(pack() + unit(0xE0, MPEG2_HEADER + Bytes(20, 0))), tools::SPLIT_BAD_VIDEO_HEADER);
+  EXPECT_EQ(split(pack() + unit(0xC0, MPEG2_HEADER + Bytes(20, 0)), &out), tools::SPLIT_BAD_AUDIO_HEADER);
+  EXPECT_TRUE(out.empty());
+  // A header that doesn't fit its packet, and one of stuffing alone, are bad headers too.
+  EXPECT_EQ(split(pack() + unit(0xC0, Bytes{0x21, 0x00})), tools::SPLIT_BAD_AUDIO_HEADER);
+  EXPECT_EQ(split(pack() + unit(0xE0, Bytes(30, 0xFF))), tools::SPLIT_BAD_VIDEO_HEADER);
+  EXPECT_EQ(split(pack() + unit(0xC0, Bytes{})), tools::SPLIT_BAD_AUDIO_HEADER);
+}
+
+TEST_F(Split, AudioNumberedD0IsNotTaken) {
+  Bytes out;
+  EXPECT_EQ(split(pack() + unit(0xD0, PTS + Bytes(400, 5)) + unit(0xE0, PTS + Bytes(40, 6)) + end_code(), &out), 0);
+  EXPECT_TRUE(out.empty());
+}
+
+TEST_F(Split, CancelRemovesThePartialOutputUnlessLeaveIsOn) {
+  Bytes stream = pack();
+  for (int i = 0; i < 50; ++i) stream = stream + unit(0xC0, PTS + Bytes(200, uint8_t(i)));
+  test::write_file(dir.file("in.mpg"), stream);
+  for (int32_t leave : {0, 1}) {
+    session::options.leave = leave;
+    install_recorder();
+    recorder.cancel_on.store(session::MSG_SPLIT_PROGRESS);  // Cancel as the first progress shows
+    ASSERT_EQ(tools::start_split(dir.file("in.mpg").c_str(), dir.file("out.mpa").c_str()), 0);
+    tools::wait_split();
+    EXPECT_EQ(recorded(session::MSG_SPLIT_END).size(), 0u);
+    EXPECT_EQ(session::state.file_job_cancel.load(), 1);
+    if (leave)
+      EXPECT_EQ(test::read_file(dir.file("out.mpa")), Bytes(200, 0));  // the packet in hand is written
+    else
+      EXPECT_NE(access(dir.file("out.mpa").c_str(), F_OK), 0);
+  }
+}
+
+TEST_F(Split, StartRefusesMissingFilesAndARunningJob) {
+  EXPECT_EQ(tools::start_split(dir.file("missing.mpg").c_str(), dir.file("o.mpa").c_str()), 2);
+  test::write_file(dir.file("in.mpg"), pack());
+  EXPECT_EQ(tools::start_split(dir.file("in.mpg").c_str(), dir.file("no/dir/o.mpa").c_str()), 3);
+  session::state.file_job_cancel.store(0);
+  EXPECT_EQ(tools::start_split(dir.file("in.mpg").c_str(), dir.file("o.mpa").c_str()), 1);
+  session::state.file_job_cancel.store(1);
+}
+
+// ffmpeg's system streams, split here and copied by ffmpeg itself.
+class SplitFfmpeg : public Split {
+ protected:
+  bool make(const std::string& out, const std::string& inputs, const std::string& options) {
+    return test::run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25 " + inputs + " -t 3 " + options +
+                     " " + out + " </dev/null") == 0;
+  }
+  Bytes copy_audio(const std::string& in, int stream) {
+    std::string out = dir.file("copy" + std::to_string(stream) + ".mp2");
+    EXPECT_EQ(test::run("ffmpeg -v error -y -i " + in + " -map 0:a:" + std::to_string(stream) + " -c:a copy -f mp2 " +
+                        out + " </dev/null"),
+              0);
+    return test::read_file(out);
+  }
+};
+
+TEST_F(SplitFfmpeg, OneAudioStreamIsByteIdenticalToFfmpegsCopy) {
+  REQUIRE_TOOL("ffmpeg");
+  const std::string sine = "-f lavfi -i sine=f=440:sample_rate=44100";
+  for (const char* format : {"-c:v mpeg1video -c:a mp2 -b:a 128k -f mpeg", "-c:v mpeg1video -c:a mp2 -f vcd"}) {
+    std::string in = dir.file("a.mpg");
+    ASSERT_TRUE(make(in, sine, format)) << format;
+    Bytes out;
+    EXPECT_EQ(split_file(in, &out), tools::SPLIT_OK) << format;
+    Bytes want = copy_audio(in, 0);
+    ASSERT_GT(want.size(), 40000u);
+    EXPECT_TRUE(out == want) << format << ": " << out.size() << " bytes, ffmpeg " << want.size();
+  }
+}
+
+TEST_F(SplitFfmpeg, TwoAudioStreamsGoToTheSameOutput) {
+  REQUIRE_TOOL("ffmpeg");
+  std::string in = dir.file("two.mpg");
+  ASSERT_TRUE(make(in, "-f lavfi -i sine=f=440:sample_rate=44100 -f lavfi -i sine=f=660:sample_rate=48000",
+                   "-map 0:v -map 1:a -map 2:a -c:v mpeg1video -c:a mp2 -f mpeg"));
+  Bytes out;
+  EXPECT_EQ(split_file(in, &out), tools::SPLIT_OK);
+  Bytes first = copy_audio(in, 0), second = copy_audio(in, 1);
+  EXPECT_EQ(out.size(), first.size() + second.size());
+  // Both streams' frames are there, interleaved: each stream's first frame appears.
+  auto contains = [&](const Bytes& part) {
+    return std::search(out.begin(), out.end(), part.begin(), part.begin() + 200) != out.end();
+  };
+  EXPECT_TRUE(contains(first));
+  EXPECT_TRUE(contains(second));
+}
+
+TEST_F(SplitFfmpeg, AnMpeg2ProgramStreamIsRefused) {
+  REQUIRE_TOOL("ffmpeg");
+  std::string in = dir.file("b.vob");
+  ASSERT_TRUE(make(in, "-f lavfi -i sine=f=440:sample_rate=48000", "-c:v mpeg2video -c:a mp2 -f vob"));
+  // Its 14-byte pack header puts the walk out of step before any packet is seen.
+  EXPECT_EQ(split_file(in), tools::SPLIT_BAD_START_CODE);
+}
+
+TEST_F(Split, CommandLineSpeaksTheSystemsTexts) {
+  const std::string cli = test::cli_path() + " split ";
+  test::write_file(dir.file("in.mpg"), pack() + unit(0xC0, PTS + Bytes(10, 1)) + end_code());
+  int status = -1;
+  test::run_output(cli + dir.file("in.mpg") + " " + dir.file("o.mpa") + " 2>&1", &status);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(test::read_file(dir.file("o.mpa")), Bytes(10, 1));
+
+  test::write_file(dir.file("bad.mpg"), Bytes{0xFF, 0xFB, 0x90, 0x64});
+  std::string said = test::run_output(cli + dir.file("bad.mpg") + " " + dir.file("o.mpa") + " 2>&1", &status);
+  EXPECT_EQ(status, 1);
+  EXPECT_NE(said.find("TOVRA Error: MPEGﾌｧｲﾙではない"), std::string::npos) << said;
+
+  said = test::run_output(cli + dir.file("missing.mpg") + " " + dir.file("o.mpa") + " 2>&1", &status);
+  EXPECT_EQ(status, 1);
+  EXPECT_NE(said.find("が開けない"), std::string::npos) << said;
+}
+
+TEST(SplitTexts, EachResultHasItsText) {
+  EXPECT_EQ(tools::split_result_text(0), nullptr);
+  EXPECT_STREQ(tools::split_result_text(1), "読み込みエラー");
+  EXPECT_STREQ(tools::split_result_text(4), "MPEGﾌｧｲﾙではない");
+  EXPECT_STREQ(tools::split_result_text(5), "ビデオフレームにエラー");
+  EXPECT_STREQ(tools::split_result_text(6), "オーディオフレームにエラー");
+  EXPECT_STREQ(tools::split_result_text(7), "ビデオフレーム書込みエラー");
+  EXPECT_STREQ(tools::split_result_text(8), "オーディオフレーム書込みエラー");
+}
+
+}  // namespace

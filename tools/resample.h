@@ -1,0 +1,71 @@
+// The high-quality resampler: a PCM WAVE file in, a PCM WAVE file out at another sampling rate,
+// bit depth or channel count, on a job thread of its own. There is no stored filter: at each output
+// instant one of three kernels (linear, cubic convolution, truncated sinc) is evaluated directly on
+// the input samples.
+//
+// Threads: start_resample runs on the main thread while no job exists, sets the job up and starts
+// resample_thread, which from then on owns the WAVE reader and writer and everything below. The
+// main thread stops it only through session::state.file_job_cancel, which the job reads every 4096
+// output frames. The job reports by posting MSG_RESAMPLE_PROGRESS (frames done, frames in all),
+// MSG_PROGRESS_STATUS (result code, 0) and MSG_PROGRESS_END to the progress window, and in a batch
+// MSG_BATCH_RESAMPLE_STATE to the batch window.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace tools {
+
+// resample_quality: 0 linear, 1 cubic, 2 and up the sinc's taps; the job cuts it to this.
+constexpr int32_t RESAMPLE_QUALITY_MAX = 102;
+// Output frames between progress messages (and looks at the cancel flag).
+constexpr int64_t RESAMPLE_PROGRESS_MASK = 0xFFF;
+// start_resample while another converter runs (the callers test first; this guards the state).
+constexpr int32_t RESAMPLE_BUSY = -1;
+
+// A kernel: the output frame at an input position, on the 16-bit scale, truncated towards zero.
+using KernelFn = void (*)(double position, int32_t& left, int32_t& right);
+
+struct ResampleState {
+  int32_t quality = 0;  // resample_quality
+  double step = 1.0;    // input rate / output rate
+  int64_t total = 0;    // output frames
+  int64_t limit = 0;    // input frames
+  KernelFn kernel = nullptr;
+  std::string out_path;   // deleted on cancel unless "Leave"
+  int32_t job_index = 0;  // the batch entry being worked on
+};
+
+extern ResampleState resample;
+
+// Prepares the job on the caller's thread and starts the thread. Returns 0, RESAMPLE_BUSY, or a
+// WaveCode: the input's, WAVE_NO_MEMORY, WAVE_READ_ERROR when the output cannot be created,
+// WAVE_WRITE_ERROR when its header cannot be written, WAVE_BAD_FORMAT for an output format other
+// than 8 or 16 bits, 1 or 2 channels and a positive rate.
+int32_t start_resample(const char* input_path, const char* output_path, int32_t rate, int32_t bits, int32_t channels,
+                       int32_t quality);
+// Waits for the job thread, if any, to end. For front ends without a message loop, and tests.
+void wait_resample();
+
+// The kernels. All read through read_wave_frame; kernel_sinc takes resample.quality taps.
+void kernel_linear(double position, int32_t& left, int32_t& right);
+void kernel_cubic(double position, int32_t& left, int32_t& right);
+void kernel_sinc(double position, int32_t& left, int32_t& right);
+// kernel_sinc for count consecutive positions at once; the same values as count calls of it, in a
+// fraction of the time.
+void kernel_sinc_block(const double* positions, int32_t count, int32_t* left, int32_t* right);
+// Rounds to the nearest single-precision value (ties to even) and back: float(v) for every v whose
+// float is normal, which the sinc's sums and divisors always are.
+double round_to_single(double v);
+// The cubic convolution weight (parameter -1) at distance x.
+double cubic_weight(double x);
+// The sine used by kernel_sinc, for arguments within (-2 pi, 2 pi): a fixed polynomial, so that
+// outputs are the same on every machine and in the scalar and vector paths.
+double sinc_sine(double x);
+
+// Hooks to the batch window: the next entry's paths and choices. Returns 0 when no entry is left.
+// Stubs until the batch window exists: never a batch.
+int32_t next_resample_job(std::string& input_path, std::string& output_path, int32_t& rate, int32_t& bits,
+                          int32_t& channels, int32_t& quality, int32_t row);
+
+}  // namespace tools

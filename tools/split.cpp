@@ -1,0 +1,203 @@
+// The splitter's walk.
+//
+// A unit starts at the present file position with two zero bytes, then two more bytes: 00 means
+// more zeros (the walk goes round again, so it steps over runs of zeros four bytes at a time and
+// no finer), 01 is followed by the start code:
+//
+//   00 00 01 BA  pack header: 8 more bytes (the fixed MPEG-1 form)
+//   00 00 01 BB  system header: 16-bit length, then that many bytes
+//   00 00 01 B9  end of the stream
+//   00 00 01 BE  padding packet: 16-bit length, bytes
+//   00 00 01 Cx  audio packet: 16-bit length, packet header, payload (written out)
+//   00 00 01 Ex  video packet: 16-bit length, packet header, payload (checked, not written)
+//   anything else: 16-bit length, bytes (so the audio ids D0 to DF are not taken)
+//
+// The MPEG-1 packet header, in the packet's first bytes:
+//
+//   1111 1111                                   stuffing, any number
+//   01ss ssss ssss ssss                         buffer scale and size, optional (2 bytes)
+//   then one of
+//   0000 1111                                   no time stamp (1 byte)
+//   0010 xxx1 xxxx xxxx xxxx xxx1 xxxx xxxx xxxx xxx1                presentation stamp (5 bytes)
+//   0011 xxx1 ... (5 bytes) 0001 xxx1 ... (5 bytes)                  presentation and decoding
+//
+// Anything else, the MPEG-2 form 10xx xxxx among them, is the error of the packet's kind.
+// Skipped bytes are read rather than sought over, so that a pipe works as input too; every read
+// counts in bytes_read, which thus is the file position. A read that comes back short means the
+// file ended, wherever that happens: result 0.
+#include "tools/split.h"
+
+#include <array>
+#include <thread>
+
+#include "session/messages.h"
+#include "session/platform.h"
+#include "session/session.h"
+#include "tools/resample.h"
+
+namespace tools {
+
+SplitState split;
+
+namespace {
+
+constexpr auto relaxed = std::memory_order_relaxed;
+
+std::thread job_thread;
+
+bool cancelled() { return session::state.file_job_cancel.load(relaxed) != 0; }
+
+enum ReadEnd { READ_OK, READ_SHORT, READ_FAILED };
+
+// Reads n bytes; READ_SHORT when the file ended first (got tells how many came).
+ReadEnd read_bytes(std::FILE* in, uint8_t* to, size_t n, int64_t& bytes_read, size_t& got) {
+  got = std::fread(to, 1, n, in);
+  bytes_read += int64_t(got);
+  if (got == n) return READ_OK;
+  return std::ferror(in) ? READ_FAILED : READ_SHORT;
+}
+
+void post_progress(int64_t position, int64_t file_size) {
+  session::post_message(session::WINDOW_PROGRESS, session::MSG_SPLIT_PROGRESS, position, file_size);
+}
+
+void split_thread() {
+  using namespace session;
+  if (options.prior_cnv && !is_not_win9x()) set_current_thread_priority(PRIORITY_ABOVE_NORMAL);
+  // The whole of a packet fits, whatever its length field says.
+  std::array<uint8_t, SPLIT_PACKET_BUFFER_BYTES> packet;
+  int32_t result = split_stream(split.in, split.out, split.file_size, split.bytes_read, packet.data());
+  std::fclose(split.in);
+  // Buffered bytes go out at the close: a disk that fills there fails the job like a write.
+  if (std::fclose(split.out) != 0 && result == SPLIT_OK) result = SPLIT_AUDIO_WRITE_ERROR;
+  split.in = split.out = nullptr;
+  if (result == SPLIT_CANCELLED && !options.leave) std::remove(split.out_path.c_str());
+  state.file_job_cancel.store(1, relaxed);
+  if (result != SPLIT_CANCELLED) post_message(WINDOW_PROGRESS, MSG_SPLIT_END, result, split.bytes_read);
+}
+
+}  // namespace
+
+const char* split_result_text(int32_t result) {
+  switch (result) {
+    case SPLIT_READ_ERROR:
+      return "読み込みエラー";
+    case SPLIT_BAD_START_CODE:
+      return "MPEGﾌｧｲﾙではない";
+    case SPLIT_BAD_VIDEO_HEADER:
+      return "ビデオフレームにエラー";
+    case SPLIT_BAD_AUDIO_HEADER:
+      return "オーディオフレームにエラー";
+    case SPLIT_VIDEO_WRITE_ERROR:
+      return "ビデオフレーム書込みエラー";
+    case SPLIT_AUDIO_WRITE_ERROR:
+      return "オーディオフレーム書込みエラー";
+    default:
+      return nullptr;
+  }
+}
+
+int32_t packet_header_length(const uint8_t* packet, int32_t length) {
+  int32_t at = 0;
+  for (;;) {
+    while (at < length && packet[at] == 0xFF) ++at;
+    if (at >= length) return SPLIT_HEADER_SHORT;
+    const uint8_t b = packet[at];
+    if (b == 0x0F) return at + 1;
+    if ((b & 0xC0) == 0x40) {
+      at += 2;
+      if (cancelled()) return SPLIT_HEADER_CANCELLED;
+      continue;
+    }
+    int32_t size = (b & 0xF0) == 0x20 ? 5 : (b & 0xF0) == 0x30 ? 10 : 0;
+    if (size == 0) return SPLIT_HEADER_BAD;
+    return at + size <= length ? at + size : SPLIT_HEADER_SHORT;
+  }
+}
+
+int32_t split_stream(std::FILE* in, std::FILE* out, int64_t file_size, int64_t& bytes_read, uint8_t* packet) {
+  uint8_t word[8];
+  size_t got = 0;
+  for (;;) {
+    if (cancelled()) return SPLIT_CANCELLED;
+    ReadEnd e = read_bytes(in, word, 2, bytes_read, got);
+    if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
+    if (word[0] != 0 || word[1] != 0) return SPLIT_BAD_START_CODE;
+    e = read_bytes(in, word, 2, bytes_read, got);
+    if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
+    if (word[0] == 0) continue;
+    if (word[0] != 1) return SPLIT_BAD_START_CODE;
+    const uint8_t code = word[1];
+
+    if (code == 0xB9) {
+      post_progress(bytes_read, file_size);
+      return SPLIT_OK;
+    }
+    if (code == 0xBA) {
+      e = read_bytes(in, word, 8, bytes_read, got);
+      if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
+      continue;
+    }
+
+    // Every other unit has a 16-bit big-endian length and that many bytes.
+    e = read_bytes(in, word, 2, bytes_read, got);
+    if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
+    const int32_t length = word[0] << 8 | word[1];
+    e = read_bytes(in, packet, size_t(length), bytes_read, got);
+    if (e == READ_FAILED) return SPLIT_READ_ERROR;
+    const bool truncated = e == READ_SHORT;
+
+    const bool video = code >= 0xE0 && code <= 0xEF;
+    const bool audio = code >= 0xC0 && code <= 0xCF;
+    if (!video && !audio) {
+      if (truncated) return SPLIT_OK;
+      continue;
+    }
+    if (audio) post_progress(bytes_read, file_size);
+    // The file may end inside the last packet: its header is judged on what is there, and the
+    // audio that is there is kept.
+    int32_t header = packet_header_length(packet, int32_t(got));
+    if (header == SPLIT_HEADER_CANCELLED) return SPLIT_CANCELLED;
+    if (header == SPLIT_HEADER_SHORT && truncated) return SPLIT_OK;
+    if (header < 0) return video ? SPLIT_BAD_VIDEO_HEADER : SPLIT_BAD_AUDIO_HEADER;
+    if (audio) {
+      size_t payload = got - size_t(header);
+      if (std::fwrite(packet + header, 1, payload, out) != payload) return SPLIT_AUDIO_WRITE_ERROR;
+    }
+    if (truncated) return SPLIT_OK;
+  }
+}
+
+int32_t start_split(const char* input_path, const char* output_path) {
+  if (session::state.file_job_cancel.load(relaxed) == 0) return session::START_BUSY;
+  // A finished (or cancelled and still closing) tool job's thread: the flag it clears at its end
+  // must not land on the new job.
+  wait_split();
+  wait_resample();
+  split.in = std::fopen(input_path, "rb");
+  if (!split.in) return session::START_NO_INPUT;
+  split.out = std::fopen(output_path, "wb");
+  if (!split.out) {
+    std::fclose(split.in);
+    split.in = nullptr;
+    return session::START_NO_OUTPUT;
+  }
+  // The size is for the progress bar only; an input that cannot seek (a pipe) shows none.
+  split.file_size = 0;
+  if (std::fseek(split.in, 0, SEEK_END) == 0) {
+    long size = std::ftell(split.in);
+    split.file_size = size > 0 ? size : 0;
+    if (std::fseek(split.in, 0, SEEK_SET) != 0) split.file_size = 0;
+  }
+  split.bytes_read = 0;
+  split.out_path = output_path;
+  session::state.file_job_cancel.store(0, relaxed);
+  job_thread = std::thread(split_thread);
+  return 0;
+}
+
+void wait_split() {
+  if (job_thread.joinable()) job_thread.join();
+}
+
+}  // namespace tools
