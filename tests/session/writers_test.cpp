@@ -30,9 +30,10 @@ struct WriterRun {
   Bytes file;
 
   void run(int32_t ext_filter, int32_t channels, int32_t blocks, int32_t id, int32_t sampling_index,
-           bool layer1 = false) {
+           bool layer1 = false, const char* path = nullptr) {
     using namespace session;
-    state.out_file = std::fopen(dir.file("out").c_str(), "w+b");
+    const std::string out = path ? path : dir.file("out");
+    state.out_file = std::fopen(out.c_str(), "w+b");
     ASSERT_NE(state.out_file, nullptr);
     options.ext_filter = ext_filter;
     state.decoded_channels = channels;
@@ -50,120 +51,72 @@ struct WriterRun {
     finish_header(ext_filter, last);
     std::fclose(state.out_file);
     state.out_file = nullptr;
-    file = test::read_file(dir.file("out"));
+    if (!path) file = test::read_file(out);
   }
 };
 
-TEST(Writers, MonoWaveHeaderCountsTheTrailerInTheRiffSize) {
-  WriterRun w;
-  w.run(session::EXT_WAV, 1, 2, 1, 0);  // 44100 Hz, two mono blocks of 1152 bytes
-  const uint32_t end = 44 + 2304;
-  ASSERT_EQ(w.file.size(), end + 88);
-  const Bytes header = {'R',  'I',  'F',  'F',  0x7C, 0x09, 0,   0,                             // end + 80 = 2428
-                        'W',  'A',  'V',  'E',  'f',  'm',  't', ' ', 16, 0, 0, 0, 1, 0, 1, 0,  // one channel
-                        0x44, 0xAC, 0,    0,                                                    // 44100
-                        0x88, 0x58, 0x01, 0x00,                                                 // 88200 bytes a second
-                        2,    0,    16,   0,                          // block align 2, 16 bits
-                        'd',  'a',  't',  'a',  0x00, 0x09, 0,   0};  // 2304, the samples alone
-  EXPECT_EQ(slice(w.file, 0, 44), header);
-  const Bytes trailer = cat({text("LIST", 4),
-                             {74, 0, 0, 0},
-                             text("INFOISFT", 8),
-                             {18, 0, 0, 0},
-                             text("TOVRA for Windows", 18),
-                             text("ICMT", 4),
-                             {42, 0, 0, 0},
-                             text("Converted by TOVRA from MPEG/Audio stream", 42)});
-  EXPECT_EQ(slice(w.file, end, 88), trailer);
-  // Samples little-endian, straight from the block.
-  EXPECT_EQ(w.file[44], 0x02);
-  EXPECT_EQ(w.file[45], 0x01);
-}
-
-TEST(Writers, StereoAiffAt48kHasTheMantissaBB80AndBigEndianSamples) {
-  WriterRun w;
-  w.run(session::EXT_AIF, 2, 2, 1, 1);  // 48000 Hz, two stereo blocks of 2304 bytes
-  const uint32_t end = 54 + 4608;
-  ASSERT_EQ(w.file.size(), end);
-  const Bytes header = {'F',  'O',  'R',  'M',  0,   0,   0x12, 0x2E,                     // end - 8 = 4654
-                        'A',  'I',  'F',  'F',  'C', 'O', 'M',  'M',  0, 0, 0, 18, 0, 2,  // channels
-                        0,    0,    0x04, 0x7E,                              // (end - 62) / 4 = 1150 frames
-                        0,    16,                                            // bits
-                        0x40, 0x0E, 0xBB, 0x80, 0,   0,   0,    0,    0, 0,  // 48000 as an 80-bit number
-                        'S',  'S',  'N',  'D',  0,   0,   0x11, 0xF8,        // end - 62 = 4600
-                        0,    0,    0,    0,    0,   0,   0,    0};
-  EXPECT_EQ(slice(w.file, 0, 54), header);
-  EXPECT_EQ(w.file[54], 0x01);
-  EXPECT_EQ(w.file[55], 0x02);
-  EXPECT_EQ(w.file[56], 0x01);
-  EXPECT_EQ(w.file[57], 0x03);
-}
-
-TEST(Writers, AuHeaderAndBigEndianSamples) {
-  WriterRun w;
-  w.run(session::EXT_AU, 1, 1, 1, 2);  // 32000 Hz mono
-  ASSERT_EQ(w.file.size(), 24u + 1152);
-  const Bytes header = {'.', 's', 'n', 'd', 0, 0, 0,    24,   0, 0, 0x04, 0x80,  // 1152 bytes of data
-                        0,   0,   0,   3,   0, 0, 0x7D, 0x00, 0, 0, 0,    1};
-  EXPECT_EQ(slice(w.file, 0, 24), header);
-  EXPECT_EQ(w.file[24], 0x01);
-  EXPECT_EQ(w.file[25], 0x02);
-}
-
-TEST(Writers, VocHeaderAndTerminator) {
-  WriterRun w;
-  w.run(session::EXT_VOC, 2, 1, 0, 0);  // MPEG-2, 22050 Hz, stereo
-  const uint32_t end = 42 + 2304;
-  ASSERT_EQ(w.file.size(), end + 1);
-  const Bytes header = cat(
-      {text("Creative Voice File", 19), {0x1A, 26,   0, 0x14, 0x01, 0x1F, 0x11, 9, 0x0C, 0x09, 0x00,  // end - 30 = 2316
-                                         0x22, 0x56, 0, 0,                                            // 22050
-                                         16,   2,    4, 0,    0,    0,    0,    0}});
-  EXPECT_EQ(slice(w.file, 0, 42), header);
-  EXPECT_EQ(w.file[end], 0);
-  EXPECT_EQ(w.file[42], 0x02);
-  EXPECT_EQ(w.file[43], 0x01);
-}
-
-TEST(Writers, RawHasNoHeader) {
-  WriterRun w;
-  w.run(session::EXT_RAW, 2, 3, 1, 0);
-  ASSERT_EQ(w.file.size(), 3u * 2304);
-  EXPECT_EQ(w.file[0], 0x02);
-  EXPECT_EQ(w.file[1], 0x01);
-}
-
-TEST(Writers, LayerOneBlocksGoOutLittleEndianInEveryFormat) {
-  for (int32_t format : {session::EXT_RAW, session::EXT_WAV, session::EXT_AIF, session::EXT_AU, session::EXT_VOC}) {
-    SCOPED_TRACE(format);
+// Each format's header byte for byte, the samples' byte order (from pcm_block, 0x0102 then 0x0103)
+// and what follows the samples.
+TEST(Writers, HeadersAndSampleByteOrder) {
+  const Bytes wave = {'R',  'I',  'F',  'F',  0x7C, 0x09, 0,   0,                             // 44 + 2304 + 80
+                      'W',  'A',  'V',  'E',  'f',  'm',  't', ' ', 16, 0, 0, 0, 1, 0, 1, 0,  // one channel
+                      0x44, 0xAC, 0,    0,                                                    // 44100
+                      0x88, 0x58, 0x01, 0x00,                                                 // 88200 bytes a second
+                      2,    0,    16,   0,                                                    // block align 2, 16 bits
+                      'd',  'a',  't',  'a',  0x00, 0x09, 0,   0};                            // 2304, the samples alone
+  const Bytes wave_trailer = text(
+      "LIST\x4A\0\0\0INFOISFT\x12\0\0\0TOVRA for Windows\0ICMT\x2A\0\0\0"
+      "Converted by TOVRA from MPEG/Audio stream",
+      88);
+  const Bytes aiff = {'F',  'O',  'R',  'M',  0,   0,   0x12, 0x2E,                     // 54 + 4608 - 8
+                      'A',  'I',  'F',  'F',  'C', 'O', 'M',  'M',  0, 0, 0, 18, 0, 2,  // channels
+                      0,    0,    0x04, 0x7E,                                           // (4662 - 62) / 4 = 1150 frames
+                      0,    16,                                                         // bits
+                      0x40, 0x0E, 0xBB, 0x80, 0,   0,   0,    0,    0, 0,               // 48000 as an 80-bit number
+                      'S',  'S',  'N',  'D',  0,   0,   0x11, 0xF8,                     // 4662 - 62 = 4600
+                      0,    0,    0,    0,    0,   0,   0,    0};
+  const Bytes au = {'.', 's', 'n', 'd', 0, 0, 0,    24,   0, 0, 0x04, 0x80,  // 1152 bytes of data
+                    0,   0,   0,   3,   0, 0, 0x7D, 0x00, 0, 0, 0,    1};
+  const Bytes voc = cat({text("Creative Voice File", 19),
+                         {0x1A, 26,   0, 0x14, 0x01, 0x1F, 0x11, 9, 0x0C, 0x09, 0x00,  // 42 + 2304 - 30 = 2316
+                          0x22, 0x56, 0, 0,                                            // 22050
+                          16,   2,    4, 0,    0,    0,    0,    0}});
+  struct Case {
+    const char* name;
+    int32_t format, channels, blocks, id, sampling_index;
+    Bytes header, samples_start, trailer;  // samples from pcm_block: 0x0102, 0x0103, ...
+  };
+  const Case cases[] = {
+      {"mono WAVE, 44100 Hz", session::EXT_WAV, 1, 2, 1, 0, wave, {0x02, 0x01}, wave_trailer},
+      {"stereo AIFF, 48000 Hz", session::EXT_AIF, 2, 2, 1, 1, aiff, {0x01, 0x02, 0x01, 0x03}, {}},
+      {"mono AU, 32000 Hz", session::EXT_AU, 1, 1, 1, 2, au, {0x01, 0x02}, {}},
+      {"stereo VOC, MPEG-2 22050 Hz", session::EXT_VOC, 2, 1, 0, 0, voc, {0x02, 0x01}, {0}},
+      {"raw", session::EXT_RAW, 2, 3, 1, 0, {}, {0x02, 0x01}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
     WriterRun w;
-    // Mono or stereo, a Layer I block is always 1152 values.
-    w.run(format, 1, 2, 1, 0, true);
-    const size_t head[] = {0, 44, 54, 24, 42};
-    const size_t at = head[format];
-    ASSERT_GE(w.file.size(), at + 2 * 2304);
-    EXPECT_EQ(w.file[at], 0x0B);
-    EXPECT_EQ(w.file[at + 1], 0x0A);
-    EXPECT_EQ(w.file[at + 2 * 2304 - 2], uint8_t((0x0A0B + 1151) & 0xFF));
+    w.run(c.format, c.channels, c.blocks, c.id, c.sampling_index);
+    const size_t h = c.header.size(), samples = size_t(c.blocks * c.channels) * 1152;
+    ASSERT_EQ(w.file.size(), h + samples + c.trailer.size());
+    EXPECT_EQ(slice(w.file, 0, h), c.header);
+    EXPECT_EQ(slice(w.file, h, c.samples_start.size()), c.samples_start);
+    EXPECT_EQ(slice(w.file, h + samples, c.trailer.size()), c.trailer);
+    // Layer I blocks (pcm_block_l1: 0x0A0B, ...) are 1152 values even for mono, little-endian in every format.
+    WriterRun l1;
+    l1.run(c.format, 1, 2, c.id, c.sampling_index, true);
+    ASSERT_EQ(l1.file.size(), h + 2 * 2304 + c.trailer.size());
+    EXPECT_EQ(slice(l1.file, h, 2), (Bytes{0x0B, 0x0A}));
+    EXPECT_EQ(l1.file[h + 2 * 2304 - 2], uint8_t((0x0A0B + 1151) & 0xFF));
   }
 }
 
 TEST(Writers, FullDeviceRaisesTheWriteFailureAndTheJobGoesOn) {
-  using namespace session;
-  state.out_file = std::fopen("/dev/full", "w+b");
-  if (!state.out_file) GTEST_SKIP() << "no /dev/full";
-  options.ext_filter = EXT_WAV;
-  state.decoded_channels = 2;
-  state.write_failed.store(0);
-  reserve_header(EXT_WAV);
+  if (test::run("test -w /dev/full") != 0) GTEST_SKIP() << "no /dev/full";
+  WriterRun w;
   // Enough blocks to overflow any stream buffer; every call returns.
-  for (int i = 0; i < 64; ++i) write_decoded_block();
-  FrameHeader last{};
-  last.id = 1;
-  finish_header(EXT_WAV, last);
-  std::fclose(state.out_file);
-  state.out_file = nullptr;
-  EXPECT_EQ(state.write_failed.load(), 1);
+  w.run(session::EXT_WAV, 2, 64, 1, 0, false, "/dev/full");
+  EXPECT_EQ(session::state.write_failed.load(), 1);
 }
 
 // Files from the file job, read back by sox: its idea of rate, channels and length must be ours.
@@ -189,11 +142,8 @@ TEST(Writers, FileJobOutputIsReadableBySox) {
       SCOPED_TRACE(ext);
       const std::string out = tmp.file(std::string("out.") + ext);
       ASSERT_EQ(test::run(test::cli_path() + " decode '" + mp2 + "' '" + out + "' 2>/dev/null"), 0);
-      auto info = [&](const char* what) {
-        return test::run_output("sox --i " + std::string(what) + " '" + out + "' 2>/dev/null");
-      };
-      EXPECT_EQ(info("-r"), std::to_string(c.rate) + "\n");
-      EXPECT_EQ(info("-c"), std::to_string(c.channels) + "\n");
+      EXPECT_EQ(test::run_output("(sox --i -r '" + out + "' && sox --i -c '" + out + "') 2>/dev/null"),
+                std::to_string(c.rate) + "\n" + std::to_string(c.channels) + "\n");
       // What sox reads back, as 16-bit little-endian samples, must be what the raw job wrote.
       const std::string back = tmp.file("back.raw");
       ASSERT_EQ(test::run("sox -q '" + out + "' -t raw -e signed -b 16 -L '" + back + "' 2>/dev/null"), 0);
