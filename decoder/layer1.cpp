@@ -23,6 +23,7 @@
 #include "decoder/decoder.h"
 #include "decoder/layer1_tables.h"
 #include "decoder/synth.h"
+#include "output/shapers.h"
 #include "session/messages.h"
 #include "session/session.h"
 #include "session/stream.h"
@@ -394,11 +395,13 @@ void move_out(Layer1Track& t, const Output& out, int32_t channels) {
     for (int32_t ch = 0; ch < channels; ++ch) put_value(t, out, t.pcm_line[ch][j]);
 }
 
-// The last, incomplete block. A file job writes its values straight to the file. In a play session
-// the output stage's flush_layer1_tail copies them to the ring; that stage is not part of this
-// library yet, so a played Layer I track drops its last partial block until it is.
+// The last, incomplete block. A file job writes its values straight to the file; in a play session
+// the output stage's flush_layer1_tail copies them to the ring.
 void flush_tail(const Layer1Track& t, const Output& out) {
-  if (out.to_file) session::write_decoded_tail_l1(t.pcm_fill);
+  if (out.to_file)
+    session::write_decoded_tail_l1(t.pcm_fill);
+  else
+    output::flush_layer1_tail(t.pcm_fill);
 }
 
 // --- Track ----------------------------------------------------------------------------------------

@@ -10,6 +10,7 @@
 
 #include "decoder/synth.h"
 #include "output/ring.h"
+#include "session/play.h"
 #include "session/writers.h"
 
 namespace output {
@@ -22,9 +23,10 @@ enum Source { PCM, PCM_L1 };
 enum Op { COPY, FOLD };
 
 // While the whole ring is full the decoder sleeps; the wave thread taking a block (or a seek
-// zeroing the count) is the only way on.
+// zeroing the count) is the only way on. A play thread that stop_play gave up on stays here for
+// good: the next session's ring is not its to write.
 inline void wait_for_room() {
-  while (ring.ring_fill.load(std::memory_order_acquire) >= RING_UNITS)
+  while (ring.ring_fill.load(std::memory_order_acquire) >= RING_UNITS || session::play_thread_abandoned())
     std::this_thread::sleep_for(std::chrono::milliseconds(40));
 }
 

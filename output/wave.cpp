@@ -304,7 +304,7 @@ void wave_thread(Track t) {
   const bool closed = t.command() == WAVE_ABORT ? close_at_once(t, i) : close_after_draining(t);
   if (!closed) return;
   if (wave_hooks.clear_display) wave_hooks.clear_display();
-  wave.wave_running.store(0, relaxed);
+  wave.wave_running.store(0, std::memory_order_release);  // the close is done: the session may go on
   wave.wave_event.set();
   sleep_ms(200);
 }

@@ -1,0 +1,132 @@
+// tovra-cli play end to end: the SDL2 device on its disk driver captures exactly what the decoder
+// puts out, and the exit status says how the session ended.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "support/support.h"
+
+namespace {
+
+constexpr size_t BLOCK_BYTES = 18432;
+
+std::string cli() { return test::cli_path(); }
+
+// The environment that sends tovra-cli's sound to a file through SDL2's disk driver. SDL keeps a
+// little of its audio state until the process ends, which a leak-checking build would report as
+// ours: that library's allocations are left out of the check.
+std::string disk_driver(const test::TempDir& dir, const std::string& capture) {
+  std::string supp = dir.file("lsan.supp");
+  test::write_file(supp, {'l', 'e', 'a', 'k', ':', 'l', 'i', 'b', 'S', 'D', 'L', '2', '\n'});
+  return "LSAN_OPTIONS=suppressions=" + supp + " SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE=" + capture + " ";
+}
+
+bool all_zero(const std::vector<uint8_t>& v, size_t from, size_t to) {
+  return std::all_of(v.begin() + long(from), v.begin() + long(to), [](uint8_t b) { return b == 0; });
+}
+
+// Plays one file at rate 0, 16-bit stereo, through the disk driver in real time (with no delay
+// the driver would drain the device faster than any decoder fills it, and write silence in the
+// gaps), and checks the capture: silence while the device is held for its priming, then the very
+// bytes that `decode --format raw` writes, then the padding of the last block (alternating 128
+// and 0), then silence until the device closes. A Layer I track hands its last partial block to the
+// ring as a whole one (tail_bytes, 2304): the ring's untouched zeros stand before the padding.
+void expect_capture_matches_decode(const std::string& in, const test::TempDir& dir, size_t tail_bytes = 1) {
+  std::string raw_path = dir.file("decoded.raw"), cap_path = dir.file("captured.raw");
+  ASSERT_EQ(test::run(cli() + " decode " + in + " " + raw_path + " --format raw 2>/dev/null"), 0);
+  std::vector<uint8_t> raw = test::read_file(raw_path);
+  ASSERT_FALSE(raw.empty());
+  auto first_sound = std::find_if(raw.begin(), raw.end(), [](uint8_t b) { return b != 0; });
+  if (first_sound == raw.end()) GTEST_SKIP() << "the decoders of this build put out silence";
+
+  int status = test::run(disk_driver(dir, cap_path) + cli() + " play --rate 0 " + in + " 2>/dev/null");
+  ASSERT_EQ(status, 0);
+  std::vector<uint8_t> cap = test::read_file(cap_path);
+  auto cap_sound = std::find_if(cap.begin(), cap.end(), [](uint8_t b) { return b != 0; });
+  ASSERT_NE(cap_sound, cap.end()) << "nothing but silence captured";
+  size_t raw_lead = size_t(first_sound - raw.begin()), cap_lead = size_t(cap_sound - cap.begin());
+  ASSERT_GE(cap_lead, raw_lead);
+  size_t start = cap_lead - raw_lead;
+  ASSERT_EQ(start % 4, 0u) << "the capture is not aligned to stereo frames";
+  ASSERT_GE(cap.size(), start + raw.size());
+  EXPECT_TRUE(all_zero(cap, 0, start));
+  size_t mismatch = 0;
+  while (mismatch < raw.size() && cap[start + mismatch] == raw[mismatch]) ++mismatch;
+  ASSERT_EQ(mismatch, raw.size()) << "first difference at byte " << mismatch << " of " << raw.size();
+
+  size_t tail = (raw.size() + tail_bytes - 1) / tail_bytes * tail_bytes;
+  size_t padded = (tail + BLOCK_BYTES - 1) / BLOCK_BYTES * BLOCK_BYTES;
+  ASSERT_GE(cap.size(), start + padded);
+  EXPECT_TRUE(all_zero(cap, start + raw.size(), start + tail));
+  for (size_t i = tail; i < padded; ++i)
+    ASSERT_EQ(cap[start + i], (i - tail) % 2 == 0 ? 128 : 0) << "padding byte " << i - tail;
+  EXPECT_TRUE(all_zero(cap, start + padded, cap.size())) << "sound after the last block";
+}
+
+TEST(PlayCli, LayerIICaptureIsTheDecodedStreamAndItsPadding) {
+  REQUIRE_TOOL("sox");
+  REQUIRE_TOOL("twolame");
+  test::TempDir dir;
+  std::string wav = dir.file("in.wav"), mp2 = dir.file("in.mp2");
+  ASSERT_EQ(test::run("sox -q -n -r 44100 -c 2 -b 16 " + wav + " synth 1.5 sine 440 sine 660 vol 0.5"), 0);
+  ASSERT_EQ(test::run("twolame --quiet -b 192 " + wav + " " + mp2), 0);
+  expect_capture_matches_decode(mp2, dir);
+}
+
+TEST(PlayCli, LayerIIICaptureIsTheDecodedStreamAndItsPadding) {
+  REQUIRE_TOOL("sox");
+  REQUIRE_TOOL("lame");
+  test::TempDir dir;
+  std::string wav = dir.file("in.wav"), mp3 = dir.file("in.mp3");
+  ASSERT_EQ(test::run("sox -q -n -r 44100 -c 2 -b 16 " + wav + " synth 1.5 sine 330 sine 550 vol 0.5"), 0);
+  ASSERT_EQ(test::run("lame --quiet -b 128 " + wav + " " + mp3), 0);
+  expect_capture_matches_decode(mp3, dir);
+}
+
+TEST(PlayCli, LayerICaptureIsTheDecodedStreamItsTailAndItsPadding) {
+  std::string vectors = test::vectors_dir();
+  if (vectors.empty() || test::read_file(vectors + "/l1-fl6.bit").empty()) GTEST_SKIP() << "no conformance vectors";
+  test::TempDir dir;
+  expect_capture_matches_decode(vectors + "/l1-fl6.bit", dir, 2304);
+}
+
+TEST(PlayCli, ExitStatusSaysHowTheSessionEnded) {
+  test::TempDir dir;
+  // The entry won't open: the message, and a failure.
+  std::string missing = dir.file("missing.mp2");
+  std::string err = test::run_output(cli() + " play " + missing + " 2>&1");
+  EXPECT_NE(err.find("TOVRA: '" + missing + "'が開けない"), std::string::npos) << err;
+  EXPECT_EQ(test::run(cli() + " play " + missing + " 2>/dev/null"), 1);
+  // A URL is refused before anything is opened.
+  err = test::run_output(cli() + " play http://example.invalid/a.mp3 2>&1");
+  EXPECT_NE(err.find("URL'http://example.invalid/a.mp3'は使えない"), std::string::npos) << err;
+  // Usage errors.
+  EXPECT_EQ(test::run(cli() + " play --rate 9 a.mp2 2>/dev/null"), 2);
+  EXPECT_EQ(test::run(cli() + " play --nonsense 2>/dev/null"), 2);
+  EXPECT_EQ(test::run(cli() + " play --help >/dev/null"), 0);
+}
+
+TEST(PlayCli, APlaylistPlaysToItsEndThroughTheDiskDriver) {
+  REQUIRE_TOOL("sox");
+  REQUIRE_TOOL("twolame");
+  test::TempDir dir;
+  std::string wav = dir.file("in.wav");
+  ASSERT_EQ(test::run("sox -q -n -r 32000 -c 1 -b 16 " + wav + " synth 0.3 sine 440"), 0);
+  ASSERT_EQ(test::run("twolame --quiet -m m -b 64 " + wav + " " + dir.file("a.mp2")), 0);
+  ASSERT_EQ(test::run("cp " + dir.file("a.mp2") + " " + dir.file("b.mp2")), 0);
+  // Relative entries are taken from the list's folder.
+  test::write_file(dir.file("list.m3u"), {'a', '.', 'm', 'p', '2', '\n', 'b', '.', 'm', 'p', '2', '\n'});
+  std::string cap = dir.file("cap.raw");
+  int status = -1;
+  std::string err = test::run_output(
+      "cd / && " + disk_driver(dir, cap) + cli() + " play --mono --8bit " + dir.file("list.m3u") + " 2>&1", &status);
+  EXPECT_EQ(status, 0) << err;
+  EXPECT_NE(err.find("1. "), std::string::npos) << err;
+  EXPECT_NE(err.find("2. "), std::string::npos) << err;
+  EXPECT_EQ(err.find("TOVRA"), std::string::npos) << err;
+  // The second track's device replaces the first one's file: one track of 8-bit mono, whole blocks.
+  std::vector<uint8_t> captured = test::read_file(cap);
+  EXPECT_GE(captured.size(), BLOCK_BYTES);
+}
+
+}  // namespace

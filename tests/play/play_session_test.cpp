@@ -1,0 +1,324 @@
+// The play session on the recording test device: pause, stop, the transport's skips and jumps,
+// the drain at a track's end, and the rules for the next entry.
+#include "play_support.h"
+
+namespace {
+
+using namespace play_test;
+using session::state;
+
+TEST_F(PlaySession, PauseHoldsTheDeviceAndPlayResumesTheSameTrack) {
+  add_track("a.mp2", silent_layer2(400));
+  output::test_device_set_player(2);
+  session::play_command(0);
+  ASSERT_TRUE(wait_until([] { return output::test_device_record().played_blocks >= 3; }));
+  EXPECT_EQ(state.play_requested.load(), 0);  // cleared once the device was open
+  EXPECT_EQ(session::start_play(), session::START_BUSY);
+
+  session::pause_command();
+  EXPECT_EQ(state.paused.load(), 1);
+  EXPECT_TRUE(output::test_device_record().paused);
+  int32_t held = output::test_device_record().played_blocks;
+  sleep_ms(60);
+  EXPECT_EQ(output::test_device_record().played_blocks, held);
+
+  // Play on a paused session only leaves the pause: no new device, no restart of the track.
+  session::play_command(0);
+  EXPECT_EQ(state.paused.load(), 0);
+  ASSERT_TRUE(wait_until([&] { return output::test_device_record().played_blocks > held; }));
+  EXPECT_EQ(count_of(output::test_device_record().calls, 'O'), 1);
+  // The same goes for start_play itself.
+  session::pause_command();
+  EXPECT_EQ(session::start_play(), session::START_OK);
+  EXPECT_EQ(state.paused.load(), 0);
+
+  EXPECT_EQ(session::stop_play(), 1);
+  EXPECT_EQ(state.decoder_running.load(), 0);
+  EXPECT_EQ(state.decoder_command.load(), session::CMD_STOP);
+  EXPECT_FALSE(output::test_device_record().open);
+}
+
+TEST_F(PlaySession, StopWhilePausedMutesAtOnceAndFadesInAtTheClose) {
+  add_track("a.mp2", silent_layer2(400));
+  output::test_device_set_player(2);
+  ASSERT_EQ(session::start_play(), session::START_OK);
+  ASSERT_TRUE(wait_until([] { return output::test_device_record().played_blocks >= 2; }));
+  size_t opened_volumes = output::test_device_record().volumes.size();
+  session::pause_command();
+  ASSERT_EQ(state.paused.load(), 1);
+
+  EXPECT_EQ(session::stop_play(), 1);
+  EXPECT_EQ(state.paused.load(), 0);
+  EXPECT_EQ(output::wave.fade_needed.load(), 0);
+  std::vector<uint32_t> v = output::test_device_record().volumes;
+  ASSERT_GT(v.size(), opened_volumes);
+  // Silence first; then, at the close, the normal level rises again from nothing for the next use.
+  EXPECT_EQ(v[opened_volumes], 0u);
+  std::vector<uint32_t> after(v.begin() + long(opened_volumes) + 1, v.end());
+  ASSERT_GE(after.size(), 3u);
+  EXPECT_EQ(after.back(), 0xFFFFFFFFu);
+  EXPECT_NE(std::find(after.begin(), after.end(), 0x20002000u), after.end()) << "no fade at the close";
+
+  // A stop without pause puts the device's own volume back and does not fade.
+  output::test_device_clear();  // forgets the player too
+  output::test_device_set_player(2);
+  ASSERT_EQ(session::start_play(), session::START_OK);
+  ASSERT_TRUE(wait_until([] { return output::test_device_record().played_blocks >= 1; }));
+  opened_volumes = output::test_device_record().volumes.size();
+  EXPECT_EQ(session::stop_play(), 1);
+  v = output::test_device_record().volumes;
+  EXPECT_EQ(std::count(v.begin() + long(opened_volumes), v.end(), 0u), 0);
+  EXPECT_LE(v.size() - opened_volumes, 1u);
+}
+
+TEST_F(PlaySession, ForwardNeedsMoreThanTheStepLeft) {
+  // 401 frames: with the decoder about 232 frames ahead of the listener it is within the last 320,
+  // so a forward changes nothing and the whole track is heard.
+  add_track("short.mp2", silent_layer2(401));
+  ASSERT_EQ(session::start_play(), session::START_OK);
+  ASSERT_TRUE(wait_lead_full());
+  int32_t count = output::wave.output_count.load();
+  session::seek_forward();
+  EXPECT_EQ(state.decoder_command.load(), session::CMD_FORWARD);
+  output::test_device_play(1);  // room in the ring: the decoder reads on and takes the word
+  ASSERT_TRUE(wait_until([] { return state.decoder_command.load() == session::CMD_RUN; }));
+  EXPECT_EQ(output::wave.output_count.load(), count + 16);  // only the block just played
+  EXPECT_EQ(output::wave.wave_command.load(), output::WAVE_RUN);
+  ASSERT_TRUE(play_out());
+  output::TestDeviceRecord r = output::test_device_record();
+  EXPECT_EQ(r.reset_blocks, 0);
+  EXPECT_EQ(r.played.size(), padded_length(401 * STEREO_FRAME_BYTES));
+
+  // With more than 320 frames ahead the decoded lead is thrown away and the device reset.
+  output::test_device_clear();
+  library::reset_playlist();
+  add_track("long.mp2", silent_layer2(2000));
+  ASSERT_EQ(session::start_play(), session::START_OK);
+  ASSERT_TRUE(wait_lead_full());
+  session::seek_forward();
+  output::test_device_play(1);
+  ASSERT_TRUE(wait_until([] { return state.decoder_command.load() == session::CMD_RUN; }));
+  ASSERT_TRUE(play_out());
+  r = output::test_device_record();
+  EXPECT_GT(r.reset_blocks, 0);
+  EXPECT_LT(r.played.size(), padded_length(2000 * STEREO_FRAME_BYTES));
+}
+
+TEST_F(PlaySession, BackNeedsTheStepBehind) {
+  add_track("long.mp2", silent_layer2(2000));
+  ASSERT_EQ(session::start_play(), session::START_OK);
+  ASSERT_TRUE(wait_lead_full());
+  // About 232 frames decoded: too few to go back 320. Nothing happens, and the word returns.
+  session::seek_back();
+  output::test_device_play(1);
+  ASSERT_TRUE(wait_until([] { return state.decoder_command.load() == session::CMD_RUN; }));
+  EXPECT_EQ(output::test_device_record().reset_blocks, 0);
+
+  // Let the listener get 30 blocks in (the decoder then at about 350 frames) and go back: 320
+  // frames are heard again, more than the thrown-away lead of about 232.
+  for (int i = 0; i < 30; ++i) {
+    ASSERT_TRUE(wait_until([] { return output::test_device_record().queued > 0; }));
+    output::test_device_play(1);
+  }
+  ASSERT_TRUE(wait_lead_full());
+  session::seek_back();
+  output::test_device_play(1);
+  ASSERT_TRUE(wait_until([] { return state.decoder_command.load() == session::CMD_RUN; }));
+  ASSERT_TRUE(play_out());
+  output::TestDeviceRecord r = output::test_device_record();
+  EXPECT_GT(r.reset_blocks, 0);
+  EXPECT_GT(r.played.size(), padded_length(2000 * STEREO_FRAME_BYTES));
+}
+
+TEST_F(PlaySession, JumpsAtAnyMomentPrimingIncludedLeaveTheSessionWhole) {
+  add_track("long.mp2", silent_layer2(3000));
+  ASSERT_EQ(session::start_play(), session::START_OK);
+  // A jump before the first frame would stop the session; the first block at the device means the
+  // frame loop runs.
+  ASSERT_TRUE(wait_until([] { return !output::test_device_record().lengths.empty(); }));
+  // Jumps in quick succession land while the wave thread re-primes after the one before, while it
+  // waits for data and while the decoder is blocked on a full ring.
+  for (int i = 0; i < 40; ++i) {
+    session::seek_frame(i * 61 % 2900);
+    output::test_device_play(i % 3);
+    sleep_ms(i % 4);
+  }
+  session::seek_frame(2900);
+  ASSERT_TRUE(wait_until([] {
+    output::test_device_play(1);
+    return state.decoder_command.load() != session::CMD_JUMP;
+  }));
+  ASSERT_TRUE(play_out()) << "wave command " << output::wave.wave_command.load() << ", ring fill "
+                          << output::ring.ring_fill.load();
+  output::TestDeviceRecord r = output::test_device_record();
+  EXPECT_GT(count_of(r.calls, 'X'), 1);
+  EXPECT_EQ(r.calls.back(), 'C');
+  EXPECT_EQ(state.decoder_command.load(), session::CMD_STOP);
+  EXPECT_TRUE(boxes_shown().empty());
+  // The wave position follows the last jump: the 2900th frame of stereo MPEG-1 is unit 11600, and
+  // what played afterwards only adds to it.
+  EXPECT_GE(output::wave.output_count.load(), 2900 * 4);
+}
+
+// The wave thread turns a seek command back to WAVE_RUN once it has re-primed: an end of stream
+// that the decoder reaches while the wave thread handles a jump must not be overwritten by that,
+// or both threads wait for each other for good. The track ends in a long stretch without a sync
+// word, so that the end comes some tens of milliseconds after a jump to its last frames: the
+// stretch grows from round to round to sweep over the wave thread's handling of the jump.
+TEST_F(PlaySession, AnEndReachedWhileAJumpIsHandledStillEndsTheTrack) {
+  session::options.prior_dec = 1;  // short waits for data: quicker rounds
+  for (int round = 0; round < 8; ++round) {
+    std::vector<uint8_t> bytes = silent_layer2(300);
+    bytes.resize(bytes.size() + size_t(round + 1) * 256 * 1024, 0x11);
+    library::reset_playlist();
+    add_track("tail" + std::to_string(round) + ".mp2", bytes);
+    output::test_device_clear();
+    ASSERT_EQ(session::start_play(), session::START_OK);
+    ASSERT_TRUE(wait_until([] { return !output::test_device_record().lengths.empty(); }));
+    ASSERT_TRUE(wait_lead_full());
+    session::seek_frame(298);
+    ASSERT_TRUE(play_out(15000)) << "round " << round << ", wave command " << output::wave.wave_command.load();
+    output::TestDeviceRecord r = output::test_device_record();
+    EXPECT_EQ(r.calls.back(), 'C');
+    EXPECT_GT(r.reset_blocks, 0);
+    // The last block is the last frame and the padding.
+    ASSERT_GE(r.played.size(), output::BLOCK_BYTES);
+    EXPECT_EQ(r.played[r.played.size() - 2], 128) << "round " << round;
+  }
+}
+
+TEST_F(PlaySession, ATrackShorterThanThePrimingDrainsWithItsLastBlockPadded) {
+  add_track("tiny.mp2", silent_layer2(10));  // 46080 bytes: two and a half blocks
+  output::test_device_set_player(1);
+  ASSERT_EQ(session::start_play(), session::START_OK);
+  ASSERT_TRUE(wait_session_end());
+  output::TestDeviceRecord r = output::test_device_record();
+  ASSERT_EQ(r.played_blocks, 3);
+  const size_t audio = 10 * STEREO_FRAME_BYTES;
+  ASSERT_EQ(r.played.size(), 3 * output::BLOCK_BYTES);
+  // Behind the audio: alternating 128 and 0, a 16-bit value of 128.
+  for (size_t i = audio; i < r.played.size(); ++i) ASSERT_EQ(r.played[i], (i - audio) % 2 == 0 ? 128 : 0) << i;
+  EXPECT_EQ(r.calls.back(), 'C');
+  EXPECT_EQ(state.decoder_command.load(), session::CMD_STOP);
+  EXPECT_EQ(library::playlist.current_entry.load(), 0);
+  EXPECT_EQ(library::playlist.play_counts[0].load(), 2);  // counted at its start and at its end
+}
+
+TEST_F(PlaySession, RepeatOffStopsAtTheListsEndAndLeavesTheIndexAtZero) {
+  add_track("a.mp2", silent_layer2(10));
+  add_track("b.mp2", silent_layer2(12, true));
+  output::test_device_set_player(1);
+  session::play_command(0);
+  ASSERT_TRUE(wait_session_end());
+  output::TestDeviceRecord r = output::test_device_record();
+  EXPECT_EQ(count_of(r.calls, 'O'), 2);  // a device of its own for each track, at its format
+  EXPECT_EQ(r.format.channels, 1);
+  EXPECT_EQ(library::playlist.current_entry.load(), 0);
+  EXPECT_EQ(library::playlist.play_counts[0].load(), 2);
+  EXPECT_EQ(library::playlist.play_counts[1].load(), 2);
+  EXPECT_TRUE(boxes_shown().empty());
+  EXPECT_EQ(state.decoder_command.load(), session::CMD_STOP);
+}
+
+TEST_F(PlaySession, RepeatOnWrapsRoundAndRandomPlaysASingleEntryAgain) {
+  add_track("a.mp2", silent_layer2(8));
+  add_track("b.mp2", silent_layer2(8));
+  session::options.repeat = 1;
+  output::test_device_set_player(1);
+  session::play_command(0);
+  ASSERT_TRUE(wait_until([] { return count_of(output::test_device_record().calls, 'O') >= 3; }))
+      << output::test_device_record().calls << " entry " << library::playlist.current_entry.load() << " running "
+      << state.decoder_running.load() << " cmd " << state.decoder_command.load();
+  EXPECT_EQ(session::stop_play(), 1);
+  EXPECT_GE(library::playlist.play_counts[0].load(), 3);
+
+  library::reset_playlist();
+  output::test_device_clear();
+  output::test_device_set_player(1);
+  add_track("only.mp2", silent_layer2(8));
+  session::random_command();
+  ASSERT_EQ(session::options.repeat, 2);
+  session::play_command(0);
+  ASSERT_TRUE(wait_until([] { return count_of(output::test_device_record().calls, 'O') >= 3; }));
+  EXPECT_EQ(session::stop_play(), 1);
+  EXPECT_EQ(library::playlist.current_entry.load(), 0);
+  // The counts start a new cycle each time the one entry has played.
+  EXPECT_LE(library::playlist.play_counts[0].load(), 3);
+  EXPECT_TRUE(boxes_shown().empty());
+}
+
+TEST_F(PlaySession, ANextEntryThatWontOpenEndsTheSessionSilently) {
+  add_track("a.mp2", silent_layer2(8));
+  library::append_entry(dir.file("missing.mp2").c_str());
+  add_track("c.mp2", silent_layer2(8));
+  output::test_device_set_player(1);
+  session::play_command(0);
+  ASSERT_TRUE(wait_session_end());
+  EXPECT_EQ(count_of(output::test_device_record().calls, 'O'), 1);
+  EXPECT_EQ(library::playlist.current_entry.load(), 1);
+  EXPECT_TRUE(library::slot_used(1));
+  EXPECT_TRUE(boxes_shown().empty());
+}
+
+TEST_F(PlaySession, AUrlInTheListEndsTheSessionAfterTheDrainAndStays) {
+  add_track("a.mp2", silent_layer2(8));
+  library::append_entry("Mms://radio/stream");
+  output::test_device_set_player(1);
+  session::play_command(0);
+  ASSERT_TRUE(wait_session_end());
+  std::vector<Box> b = boxes_shown();
+  ASSERT_EQ(b.size(), 1u);
+  EXPECT_EQ(b[0].caption, "TOVRA");
+  EXPECT_EQ(b[0].text, "URL'Mms://radio/stream'は使えない");
+  EXPECT_EQ(output::test_device_record().played_blocks, 2);  // the track before it drained
+  EXPECT_EQ(library::playlist.current_entry.load(), 1);
+  EXPECT_STREQ(library::playlist.entries[1].path, "Mms://radio/stream");
+}
+
+TEST_F(PlaySession, AStartThatFailsRemovesTheEntryOrNotByItsCode) {
+  std::string a = add_track("a.mp2", silent_layer2(8));
+  library::append_entry("HTTP://host/a.mp3");
+  std::string missing = dir.file("missing.mp2");
+  library::append_entry(missing.c_str());
+  std::string junk = add_track("junk.mp2", std::vector<uint8_t>(3000, 0x11));
+
+  // A URL as the entry to start: refused, told, removed; the index stays on a used slot.
+  library::playlist.current_entry.store(1);
+  session::play_command(session::START_KEEP_INDEX);
+  EXPECT_EQ(state.decoder_running.load(), 0);
+  EXPECT_EQ(state.play_requested.load(), 0);
+  std::vector<Box> b = boxes_shown();
+  ASSERT_EQ(b.size(), 1u);
+  EXPECT_EQ(b[0].caption, "TOVRA");
+  EXPECT_EQ(b[0].text, "URL'HTTP://host/a.mp3'は使えない");
+  EXPECT_EQ(library::playlist_length(), 3);
+  EXPECT_EQ(std::string(library::playlist.entries[1].path), missing);
+
+  // A file that won't open: the same, with its own text.
+  library::playlist.current_entry.store(1);
+  session::play_command(session::START_KEEP_INDEX);
+  b = boxes_shown();
+  ASSERT_EQ(b.size(), 2u);
+  EXPECT_EQ(b[1].text, "'" + missing + "'が開けない");
+  EXPECT_EQ(library::playlist_length(), 2);
+  EXPECT_EQ(std::string(library::playlist.entries[1].path), junk);
+  EXPECT_EQ(library::playlist.current_entry.load(), 1);
+
+  // Not MPEG audio: the stream opening has its say, the entry stays.
+  size_t before = boxes_shown().size();
+  session::play_command(session::START_KEEP_INDEX);
+  EXPECT_EQ(library::playlist_length(), 2);
+  EXPECT_EQ(state.play_requested.load(), 0);
+  b = boxes_shown();
+  for (size_t i = before; i < b.size(); ++i) EXPECT_EQ(b[i].text.find("が開けない"), std::string::npos) << b[i].text;
+
+  // The last entry removed from the end of the list walks the index back to the one before.
+  library::playlist.current_entry.store(1);
+  std::remove(junk.c_str());
+  session::play_command(session::START_KEEP_INDEX);
+  EXPECT_EQ(library::playlist_length(), 1);
+  EXPECT_EQ(library::playlist.current_entry.load(), 0);
+  EXPECT_EQ(std::string(library::playlist.entries[0].path), a);
+}
+
+}  // namespace
