@@ -189,8 +189,9 @@ int cmd_play(int argc, char** argv) {
       ++files;
     }
   }
-  // Without a file: the demo stream the build made.
-  if (files == 0) library::append_entry(demo_stream_path());
+  // Without a file: the demo playlist the build made.
+  if (files == 0 && !add_argument(demo_playlist_path()))
+    std::fprintf(stderr, "tovra-cli play: the demo playlist '%s' is missing\n", demo_playlist_path());
   if (!library::slot_used(0)) {
     std::fputs("tovra-cli play: nothing to play\n", stderr);
     return 1;

@@ -33,7 +33,7 @@ void usage(std::FILE* to) {
 
 namespace cli {
 
-const char* demo_stream_path() { return TOVRA_DEMO_DIR "/demo.mp2"; }
+const char* demo_playlist_path() { return TOVRA_DEMO_DIR "/demo.m3u"; }
 
 }  // namespace cli
 
