@@ -21,35 +21,57 @@ std::string disk_driver(const test::TempDir& dir, const std::string& capture) {
   return "LSAN_OPTIONS=suppressions=" + supp + " SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE=" + capture + " ";
 }
 
-bool all_zero(const std::vector<uint8_t>& v, size_t from, size_t to) {
-  return std::all_of(v.begin() + long(from), v.begin() + long(to), [](uint8_t b) { return b == 0; });
+bool all_silent(const std::vector<uint8_t>& v, size_t from, size_t to, uint8_t silence = 0) {
+  return std::all_of(v.begin() + long(from), v.begin() + long(to), [=](uint8_t b) { return b == silence; });
 }
 
-// Plays one file at rate 0, 16-bit stereo, through the disk driver in real time (with no delay
-// the driver would drain the device faster than any decoder fills it, and write silence in the
-// gaps), and checks the capture: silence while the device is held for its priming, then the very
-// bytes that `decode --format raw` writes, then the padding of the last block (alternating 128
-// and 0), then silence until the device closes. A Layer I track hands its last partial block to the
-// ring as a whole one (tail_bytes, 2304): the ring's untouched zeros stand before the padding.
-void expect_capture_matches_decode(const std::string& in, const test::TempDir& dir, size_t tail_bytes = 1) {
+// An output form of the play command and what the shapers make of a full-rate stereo decode.
+struct Form {
+  const char* options;
+  size_t frame_bytes;  // bytes of one sample time at the device
+  uint8_t silence;     // the device's silence: 128 for 8-bit
+  std::vector<uint8_t> (*shape)(const std::vector<int16_t>& stereo);
+};
+
+void put16(std::vector<uint8_t>& out, int32_t v) {
+  out.push_back(uint8_t(v & 0xFF));
+  out.push_back(uint8_t((v >> 8) & 0xFF));
+}
+
+const Form full_rate_stereo = {"--rate 0", 4, 0, [](const std::vector<int16_t>& s) {
+                                 std::vector<uint8_t> out;
+                                 for (int16_t v : s) put16(out, v);
+                                 return out;
+                               }};
+
+// Plays one file through the disk driver in real time (with no delay the driver would drain the
+// device faster than any decoder fills it, and write silence in the gaps), and checks the capture:
+// silence while the device is held for its priming, then the very bytes that the shapers make of
+// what `decode --format raw` writes, then the padding of the last block (alternating 128 and 0),
+// then silence until the device closes. A Layer I track hands its last partial block to the ring as
+// a whole one (tail_bytes, 2304): the ring's untouched zeros stand before the padding.
+void expect_capture_matches_decode(const std::string& in, const test::TempDir& dir, size_t tail_bytes = 1,
+                                   const Form& form = full_rate_stereo) {
+  SCOPED_TRACE(form.options);
   std::string raw_path = dir.file("decoded.raw"), cap_path = dir.file("captured.raw");
   ASSERT_EQ(test::run(cli() + " decode " + in + " " + raw_path + " --format raw 2>/dev/null"), 0);
-  std::vector<uint8_t> raw = test::read_file(raw_path);
+  std::vector<uint8_t> raw = form.shape(test::read_pcm16(raw_path));
   ASSERT_FALSE(raw.empty());
-  auto first_sound = std::find_if(raw.begin(), raw.end(), [](uint8_t b) { return b != 0; });
+  auto sound = [&](uint8_t b) { return b != form.silence; };
+  auto first_sound = std::find_if(raw.begin(), raw.end(), sound);
   if (first_sound == raw.end()) GTEST_SKIP() << "the decoders of this build put out silence";
 
-  int status = test::run(disk_driver(dir, cap_path) + cli() + " play --rate 0 " + in + " 2>/dev/null");
+  int status = test::run(disk_driver(dir, cap_path) + cli() + " play " + form.options + " " + in + " 2>/dev/null");
   ASSERT_EQ(status, 0);
   std::vector<uint8_t> cap = test::read_file(cap_path);
-  auto cap_sound = std::find_if(cap.begin(), cap.end(), [](uint8_t b) { return b != 0; });
+  auto cap_sound = std::find_if(cap.begin(), cap.end(), sound);
   ASSERT_NE(cap_sound, cap.end()) << "nothing but silence captured";
   size_t raw_lead = size_t(first_sound - raw.begin()), cap_lead = size_t(cap_sound - cap.begin());
   ASSERT_GE(cap_lead, raw_lead);
   size_t start = cap_lead - raw_lead;
-  ASSERT_EQ(start % 4, 0u) << "the capture is not aligned to stereo frames";
+  ASSERT_EQ(start % form.frame_bytes, 0u) << "the capture is not aligned to sample times";
   ASSERT_GE(cap.size(), start + raw.size());
-  EXPECT_TRUE(all_zero(cap, 0, start));
+  EXPECT_TRUE(all_silent(cap, 0, start, form.silence));
   size_t mismatch = 0;
   while (mismatch < raw.size() && cap[start + mismatch] == raw[mismatch]) ++mismatch;
   ASSERT_EQ(mismatch, raw.size()) << "first difference at byte " << mismatch << " of " << raw.size();
@@ -57,10 +79,10 @@ void expect_capture_matches_decode(const std::string& in, const test::TempDir& d
   size_t tail = (raw.size() + tail_bytes - 1) / tail_bytes * tail_bytes;
   size_t padded = (tail + BLOCK_BYTES - 1) / BLOCK_BYTES * BLOCK_BYTES;
   ASSERT_GE(cap.size(), start + padded);
-  EXPECT_TRUE(all_zero(cap, start + raw.size(), start + tail));
+  EXPECT_TRUE(all_silent(cap, start + raw.size(), start + tail));
   for (size_t i = tail; i < padded; ++i)
     ASSERT_EQ(cap[start + i], (i - tail) % 2 == 0 ? 128 : 0) << "padding byte " << i - tail;
-  EXPECT_TRUE(all_zero(cap, start + padded, cap.size())) << "sound after the last block";
+  EXPECT_TRUE(all_silent(cap, start + padded, cap.size(), form.silence)) << "sound after the last block";
 }
 
 TEST(PlayCli, LayerIICaptureIsTheDecodedStreamAndItsPadding) {
@@ -81,6 +103,42 @@ TEST(PlayCli, LayerIIICaptureIsTheDecodedStreamAndItsPadding) {
   ASSERT_EQ(test::run("sox -q -n -r 44100 -c 2 -b 16 " + wav + " synth 1.5 sine 330 sine 550 vol 0.5"), 0);
   ASSERT_EQ(test::run("lame --quiet -b 128 " + wav + " " + mp3), 0);
   expect_capture_matches_decode(mp3, dir);
+}
+
+// The narrowed, folded and thinned forms are the shaper table applied to the same decode: 8-bit is
+// the value shifted right by 8 plus 128, the fold is the mean of the pair rounded down, and the
+// half rate keeps the first pair of every two (the half-rate synthesis computes exactly those).
+TEST(PlayCli, EightBitFoldAndHalfRateCapturesAreTheShapedDecode) {
+  REQUIRE_TOOL("sox");
+  REQUIRE_TOOL("twolame");
+  test::TempDir dir;
+  std::string wav = dir.file("in.wav"), mp2 = dir.file("in.mp2");
+  ASSERT_EQ(test::run("sox -q -n -r 44100 -c 2 -b 16 " + wav + " synth 1.5 sine 440 sine 550 vol 0.5"), 0);
+  ASSERT_EQ(test::run("twolame --quiet -b 192 " + wav + " " + mp2), 0);
+  const Form forms[] = {
+      {"--rate 0 --8bit", 2, 128,
+       [](const std::vector<int16_t>& s) {
+         std::vector<uint8_t> out;
+         for (int16_t v : s) out.push_back(uint8_t((v >> 8) + 128));
+         return out;
+       }},
+      {"--rate 0 --mono", 2, 0,
+       [](const std::vector<int16_t>& s) {
+         std::vector<uint8_t> out;
+         for (size_t i = 0; i + 1 < s.size(); i += 2) put16(out, (int32_t(s[i]) + s[i + 1]) >> 1);
+         return out;
+       }},
+      {"--rate 1", 4, 0,
+       [](const std::vector<int16_t>& s) {
+         std::vector<uint8_t> out;
+         for (size_t i = 0; i + 1 < s.size(); i += 4) {
+           put16(out, s[i]);
+           put16(out, s[i + 1]);
+         }
+         return out;
+       }},
+  };
+  for (const Form& form : forms) expect_capture_matches_decode(mp2, dir, 1, form);
 }
 
 TEST(PlayCli, LayerICaptureIsTheDecodedStreamItsTailAndItsPadding) {
