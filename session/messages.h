@@ -21,16 +21,16 @@ enum Window : int32_t {
 
 // Message numbers shared by the job threads, the batch list and the windows.
 enum MessageId : int32_t {
-  MSG_PROGRESS_END = 1046,        // 0, 0
-  MSG_PROGRESS_FRAMES = 1047,     // frames done, sampling rate of the MPEG-1 row
-  MSG_SPLIT_PROGRESS = 1048,      // file position, file size
-  MSG_SPLIT_END = 1049,           // result code, bytes read
-  MSG_RESAMPLE_PROGRESS = 1050,   // frames done, frames in all
-  MSG_PROGRESS_STATUS = 1051,     // result code of the resampler (0 for success); the encoder clears with 0
-  MSG_PROGRESS_NEXT = 1053,       // 0, 0
-  MSG_BATCH_JOB_STATE = 1057,     // state, job index
+  MSG_PROGRESS_END = 1046,          // 0, 0
+  MSG_PROGRESS_FRAMES = 1047,       // frames done, sampling rate of the MPEG-1 row
+  MSG_SPLIT_PROGRESS = 1048,        // file position, file size
+  MSG_SPLIT_END = 1049,             // result code, bytes read
+  MSG_RESAMPLE_PROGRESS = 1050,     // frames done, frames in all
+  MSG_PROGRESS_STATUS = 1051,       // result code of the resampler (0 for success); the encoder clears with 0
+  MSG_PROGRESS_NEXT = 1053,         // 0, 0
+  MSG_BATCH_JOB_STATE = 1057,       // state, job index
   MSG_BATCH_RESAMPLE_STATE = 1061,  // state as batch_job_state (0 meaning resampling), entry index
-  MSG_BATCH_PROGRESS_GONE = 1064  // 0, 0; sent, not posted
+  MSG_BATCH_PROGRESS_GONE = 1064    // 0, 0; sent, not posted
 };
 
 // batch_job_state values.
