@@ -63,9 +63,6 @@ struct Layer3State {
 
 extern Layer3State l3;
 
-// Frame-head sizes (header and side information, without CRC) by id and channel count.
-int32_t layer3_head_size(const session::FrameHeader& header);
-
 // Reads and parses the side information into side; reads it from the input file into frame_head.
 void read_side_info(const session::FrameHeader& header, SideInfo& side);
 // Parses side information already in frame_head from its current bit position.

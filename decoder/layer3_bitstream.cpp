@@ -118,11 +118,6 @@ int32_t huffman_symbol(int32_t table, int32_t& x, int32_t& y) {
   return len;
 }
 
-int32_t layer3_head_size(const session::FrameHeader& h) {
-  if (h.id) return h.mode == 3 ? 21 : 36;
-  return h.mode == 3 ? 13 : 21;
-}
-
 void parse_side_info(const session::FrameHeader& h, SideInfo& si) {
   const int32_t channels = h.mode == 3 ? 1 : 2;
   const int32_t granules = h.id ? 2 : 1;
@@ -165,7 +160,7 @@ void parse_side_info(const session::FrameHeader& h, SideInfo& si) {
 }
 
 void read_side_info(const session::FrameHeader& h, SideInfo& si) {
-  session::read_frame_head(layer3_head_size(h) - 4);
+  session::read_frame_head(session::header_and_side_info_bytes(h) - 4);
   parse_side_info(h, si);
 }
 

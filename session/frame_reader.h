@@ -85,12 +85,15 @@ void sync_reservoir_guard();
 // leave zeros. Returns the bytes read.
 int32_t read_frame_head(int32_t n);
 
-// Bytes of header and side information (with the CRC when protection_bit is 0) before a frame's
-// main data. The Layer III decoder reads the side information by these; the frame walks of the
-// transport use the same numbers for every layer.
+// Bytes of the header and the side information of a frame, without the CRC: the side information
+// of Layer III ends there. The frame walks of the transport use the same numbers for every layer.
+inline int32_t header_and_side_info_bytes(const FrameHeader& h) {
+  if (h.id) return h.mode == 3 ? 21 : 36;
+  return h.mode == 3 ? 13 : 21;
+}
+// The same with the CRC when protection_bit is 0: where a frame's main data begins.
 inline int32_t head_and_side_bytes(const FrameHeader& h) {
-  int32_t n = h.id ? (h.mode == 3 ? 21 : 36) : (h.mode == 3 ? 13 : 21);
-  return h.protection_bit ? n : n + 2;
+  return header_and_side_info_bytes(h) + (h.protection_bit ? 0 : 2);
 }
 
 // Bit reads from the reservoir, n from 1 to 25.
