@@ -61,7 +61,9 @@ int cmd_decode(int argc, char** argv) {
   session::options.ext_filter = format >= 0 ? format : format_from_extension(out);
 
   install_console(0);
+  cancel_job_on_interrupt(true);
   int32_t code = session::start_decode_file(in, out);
+  if (code != session::START_OK) cancel_job_on_interrupt(false);
   switch (code) {
     case session::START_OK:
       break;
@@ -78,7 +80,9 @@ int cmd_decode(int argc, char** argv) {
   }
   console.total.store(session::stream.frame_count);
   session::wait_file_job();
+  cancel_job_on_interrupt(false);
   finish_progress();
+  if (interrupted()) return 130;
   if (session::state.write_failed.load()) {
     std::fprintf(stderr, "%s: 書込みエラー\n", session::CAPTION_ERROR);
     return 1;

@@ -48,8 +48,8 @@ constexpr const char* usage_text =
     "  --timing        report the time to the first block at the device and the processor use\n"
     "keys: space pause, left/right skip back/forward, n/p next/previous, 0-9 seek to tenths, q stop\n";
 
-std::atomic<int32_t> interrupted{0};
-void on_signal(int) { interrupted.store(1); }
+std::atomic<int32_t> stop_signal{0};
+void on_signal(int) { stop_signal.store(1); }
 
 using Clock = std::chrono::steady_clock;
 Clock::time_point started;
@@ -228,7 +228,7 @@ int cmd_play(int argc, char** argv) {
   library::playlist.current_entry.store(0);
   session::play_command(session::START_NEW_TITLE);
   while (session::state.decoder_running.load()) {
-    if (interrupted.load()) {
+    if (stop_signal.load()) {
       session::stop_command();
       user_stopped = true;
       break;

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,13 +25,6 @@ constexpr int32_t MIN_RATE = 2000;
 constexpr int32_t MAX_RATE = 96000;
 
 std::atomic<int32_t> job_result{-1};
-volatile std::sig_atomic_t interrupted = 0;
-
-void on_interrupt(int) {
-  interrupted = 1;
-  session::state.file_job_cancel.store(1, std::memory_order_relaxed);
-}
-
 bool on_resample_message(int32_t msg, int64_t wparam, int64_t lparam) {
   if (msg == session::MSG_RESAMPLE_PROGRESS) {
     console.done.store(wparam);
@@ -136,19 +128,18 @@ int cmd_resample(int argc, char** argv) {
   install_console(0);
   console.on_message = on_resample_message;
   job_result.store(-1);
-  interrupted = 0;
-  std::signal(SIGINT, on_interrupt);
+  cancel_job_on_interrupt(true);
   int32_t code = tools::start_resample(in, out, rate, bits, channels, quality);
   if (code != tools::WAVE_OK) {
-    std::signal(SIGINT, SIG_DFL);
+    cancel_job_on_interrupt(false);
     const char* text = tools::wave_code_text(code);
     session::message_box(session::CAPTION_ERROR, text ? text : "ファイルオープンに失敗");
     return 1;
   }
   tools::wait_resample();
-  std::signal(SIGINT, SIG_DFL);
+  cancel_job_on_interrupt(false);
   finish_progress();
-  if (interrupted) return 130;
+  if (interrupted()) return 130;
   int32_t result = job_result.load();
   if (result != tools::WAVE_OK) {
     const char* text = tools::wave_code_text(result);

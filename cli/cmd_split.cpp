@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -18,13 +17,6 @@ namespace cli {
 namespace {
 
 std::atomic<int32_t> split_result{-1};
-volatile std::sig_atomic_t interrupted = 0;
-
-void on_interrupt(int) {
-  interrupted = 1;
-  session::state.file_job_cancel.store(1, std::memory_order_relaxed);
-}
-
 bool on_split_message(int32_t msg, int64_t wparam, int64_t lparam) {
   if (msg == session::MSG_SPLIT_PROGRESS) {
     console.done.store(wparam);
@@ -60,11 +52,10 @@ int cmd_split(int argc, char** argv) {
   install_console(0);
   console.on_message = on_split_message;
   split_result.store(-1);
-  interrupted = 0;
-  std::signal(SIGINT, on_interrupt);
+  cancel_job_on_interrupt(true);
   int32_t code = tools::start_split(in, out);
   if (code != 0) {
-    std::signal(SIGINT, SIG_DFL);
+    cancel_job_on_interrupt(false);
     if (code == session::START_NO_INPUT || code == session::START_NO_OUTPUT)
       std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, code == session::START_NO_INPUT ? in : out);
     else
@@ -72,9 +63,9 @@ int cmd_split(int argc, char** argv) {
     return 1;
   }
   tools::wait_split();
-  std::signal(SIGINT, SIG_DFL);
+  cancel_job_on_interrupt(false);
   finish_progress();
-  if (interrupted) return 130;
+  if (interrupted()) return 130;
   int32_t result = split_result.load();
   if (result != tools::SPLIT_OK) {
     const char* text = tools::split_result_text(result);

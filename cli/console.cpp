@@ -2,16 +2,26 @@
 
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <mutex>
 
 #include "session/messages.h"
+#include "session/session.h"
 
 namespace cli {
 
 Console console;
 
 namespace {
+
+volatile std::sig_atomic_t interrupt_seen = 0;
+
+void on_interrupt(int) {
+  interrupt_seen = 1;
+  // A lock-free atomic store is safe in a signal handler.
+  session::state.file_job_cancel.store(1, std::memory_order_relaxed);
+}
 
 std::mutex print_lock;  // messages arrive on job threads; keep lines whole
 bool bar_shown = false;
@@ -65,5 +75,12 @@ void finish_progress() {
   if (bar_shown) std::fputs("\r\033[K", stderr);
   bar_shown = false;
 }
+
+void cancel_job_on_interrupt(bool on) {
+  if (on) interrupt_seen = 0;
+  std::signal(SIGINT, on ? on_interrupt : SIG_DFL);
+}
+
+bool interrupted() { return interrupt_seen != 0; }
 
 }  // namespace cli

@@ -26,4 +26,10 @@ void draw_progress(int64_t done, int64_t total);
 // Clears the bar line.
 void finish_progress();
 
+// While on, Ctrl+C presses the running job's Cancel (file_job_cancel) instead of killing the process,
+// so that the job removes its partial output as a cancel does. Off restores the default.
+void cancel_job_on_interrupt(bool on);
+// Whether Ctrl+C was pressed since the last cancel_job_on_interrupt(true).
+bool interrupted();
+
 }  // namespace cli

@@ -41,4 +41,21 @@ TEST(DecodeCli, UnwritableOutputIsTheSystemsMessage) {
   EXPECT_EQ(test::run(cli() + " decode " + mp2 + " " + dir.file("ok.wav") + " 2>/dev/null"), 0);
 }
 
+// Ctrl+C presses Cancel: the job ends, its partial output is removed, and the status says so.
+TEST(DecodeCli, InterruptCancelsAndRemovesThePartialOutput) {
+  REQUIRE_TOOL("sox");
+  REQUIRE_TOOL("twolame");
+  test::TempDir dir;
+  std::string wav = dir.file("in.wav"), part = dir.file("part.mp2"), mp2 = dir.file("in.mp2");
+  ASSERT_EQ(test::run("sox -q -n -r 44100 -c 2 -b 16 " + wav + " synth 10 sine 440"), 0);
+  ASSERT_EQ(test::run("twolame --quiet -b 192 " + wav + " " + part), 0);
+  // A quarter of an hour of frames, so that the job is still running when the signal comes.
+  ASSERT_EQ(test::run("for i in $(seq 90); do cat " + part + "; done > " + mp2), 0);
+  std::string out = dir.file("out.wav");
+  int status =
+      test::run(cli() + " decode " + mp2 + " " + out + " 2>/dev/null & pid=$!; sleep 0.1; kill -INT $pid; wait $pid");
+  EXPECT_EQ(status, 130);
+  EXPECT_NE(test::run("test -e " + out), 0) << "the partial output was left behind";
+}
+
 }  // namespace
