@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -21,8 +22,9 @@
 
 namespace session {
 
-// id * 3 + sampling_index. Source: ISO 11172-3 and 13818-3, sampling_frequency.
-constexpr int32_t sample_rate_table[6] = {22050, 24000, 16000, 44100, 48000, 32000};
+// id * 3 + sampling_index. Source: ISO 11172-3 and 13818-3, sampling_frequency; behind them the
+// rates of MPEG 2.5, half those of MPEG-2.
+constexpr int32_t sample_rate_table[9] = {22050, 24000, 16000, 44100, 48000, 32000, 11025, 12000, 8000};
 
 namespace {
 
@@ -78,6 +80,9 @@ static_assert(frame_size_at(0, 0, 3, 0) == 0 && frame_size_at(1, 2, 1, 0) == 0);
 static_assert(frame_size_at(1, 2, 3, 14) == 2016);  // the largest entry: within the reservoir's guard
 
 constexpr int32_t TAG_BYTES = 128;
+// How much of a stream without a header frame open_stream walks for its length: the rest of a
+// longer file is measured by the average of this much.
+constexpr int64_t WALK_BOUND = 64 << 20;
 
 uint32_t le16(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8; }
 uint32_t le32(const uint8_t* p) { return le16(p) | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
@@ -313,6 +318,34 @@ const int32_t* const frame_size_table = frame_size_rows.data() + 3 * 15;
 
 int32_t stream_wrapper = 0;
 
+void walk_frames(int32_t start, int32_t end, int64_t max_bytes, FrameWalk& walk, std::vector<int32_t>* offsets) {
+  std::FILE* f = reader.file;
+  std::fseek(f, start, SEEK_SET);
+  int64_t expected = start;
+  walk.walked_to = start;
+  FrameHeader h;
+  for (;;) {
+    const int32_t code = read_frame(h);
+    if (code != FRAME_OK && code != FRAME_LAYER1) return;
+    const long at = std::ftell(f) - 4;
+    if (at >= end) return;
+    if (max_bytes > 0 && at - start >= max_bytes) {
+      walk.bounded = true;
+      return;
+    }
+    if (at != expected) ++walk.damaged;
+    ++walk.frames;
+    walk.samples += frame_samples(h);
+    walk.seconds += double(frame_samples(h)) / header_hz(h);
+    if (offsets) offsets->push_back(int32_t(at));
+    const int32_t length = frame_length(h);
+    // A header shorter than itself (Layer I free format unmeasured) is stepped over by the search.
+    expected = at + std::max(length, 4);
+    walk.walked_to = expected;
+    if (length > 4) std::fseek(f, long(expected), SEEK_SET);
+  }
+}
+
 int32_t open_stream() {
   std::FILE* f = reader.file;
   // Everything but the tag record, which a file shorter than a tag keeps from the file before.
@@ -357,7 +390,20 @@ int32_t open_stream() {
       return STREAM_NO_DATA;
     }
   }
+  // A bare stream: the ID3v2 tags in front are skipped by their own sizes before the sync search
+  // (their bytes can look like frame headers), and no header is taken inside the tags at the tail.
   // A RIFF file of any other form type is searched for frames from behind its head.
+  reader.free_key = -1;
+  reader.free_bytes = 0;
+  reader.end_limit = 0x7FFFFFFF;
+  if (at.riff == RIFF_NONE) {
+    const int32_t behind = skip_id3v2(f, at.data_start, at.file_size);
+    if (behind != at.data_start) stream.id3v2_start = at.data_start;
+    at.data_start = behind;
+    at.data_end = std::max(at.data_start, strip_tail_tags(f, at.data_start, at.data_end));
+    reader.end_limit = at.data_end;
+    std::fseek(f, at.data_start, SEEK_SET);
+  }
   stream_wrapper = at.wrapper;
   stream.data_start = at.data_start;
   stream.data_end = at.data_end;
@@ -369,15 +415,67 @@ int32_t open_stream() {
     if (const char* text = frame_failure_text(code)) message_box(CAPTION_INFORMATION, text);
     return -1;
   }
+  const int32_t first_at = int32_t(std::ftell(f)) - 4;
+  const int32_t hz = header_hz(h);
+  stream.frame_bytes = frame_length(h);
+  stream.free_format = h.bitrate_index == 0;
+  int32_t kbps = header_kbps(h);
 
-  const int32_t kbps = bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
-  const int32_t hz = sample_rate_table[h.id * 3 + h.sampling_index];
-  stream.frame_bytes = first_frame_bytes(h.id, h.layer_code, kbps, hz, h.padding_bit);
+  // A Xing/Info or VBRI frame stands in place of the first audio frame: it is no audio, and it
+  // tells the length (and the Info frame the encoder's delay and padding).
+  VbrFrame vbr;
+  if (h.layer_code == 1 && stream.frame_bytes > 4) {
+    std::vector<uint8_t> frame(size_t(stream.frame_bytes), 0);
+    std::fseek(f, first_at, SEEK_SET);
+    const size_t got = std::fread(frame.data(), 1, frame.size(), f);
+    if (read_vbr_frame(frame.data(), int32_t(got), h, vbr)) stream.data_start = first_at + stream.frame_bytes;
+  }
+  stream.vbr_kind = vbr.kind;
+  stream.encoder_delay = vbr.delay;
+  stream.encoder_padding = vbr.padding;
   stream.data_size = int32_t(uint32_t(stream.data_end) - uint32_t(stream.data_start));
-  stream.frame_count = stream.data_size / stream.frame_bytes;
+  if (vbr.frames > 0) {
+    stream.frame_count = vbr.frames;
+    stream.total_samples = int64_t(vbr.frames) * frame_samples(h);
+    stream.total_seconds = double(stream.total_samples) / hz;
+    const int32_t base = vbr.kind == VBR_VBRI ? stream.data_start : first_at;
+    const int32_t bytes = vbr.bytes > 0 ? vbr.bytes : stream.data_end - base;
+    for (int32_t p = 0; p < 100; ++p)
+      stream.seek_points[p] = base + int32_t(int64_t(vbr.has_toc ? vbr.toc[p] : p * 256 / 100) * bytes / 256);
+    stream.seek_points[0] = stream.data_start;
+    stream.seek_points[100] = base + bytes;
+    const double audio_bytes = double(base + bytes - stream.data_start);
+    const int32_t average =
+        stream.total_seconds > 0 ? int32_t(audio_bytes * 8 / stream.total_seconds / 1000 + 0.5) : kbps;
+    if (std::abs(average - kbps) > 1) kbps = average;
+  } else {
+    // No header frame: the frames are walked for the length and the seek points, as far as a
+    // bound; a longer file is measured by the average of what was walked.
+    FrameWalk walk;
+    std::vector<int32_t> offsets;
+    walk_frames(stream.data_start, stream.data_end, WALK_BOUND, walk, &offsets);
+    const int64_t walked = walk.walked_to - stream.data_start;
+    const int64_t whole = stream.data_end - stream.data_start;
+    const double scale = walk.bounded && walked > 0 ? double(whole) / double(walked) : 1.0;
+    stream.frame_count = int32_t(walk.frames * scale);
+    stream.total_samples = int64_t(double(walk.samples) * scale);
+    stream.total_seconds = walk.seconds * scale;
+    const int32_t n = int32_t(offsets.size());
+    for (int32_t p = 0; p <= 100 && n > 0; ++p) {
+      const int64_t frame = int64_t(p) * stream.frame_count / 100;
+      stream.seek_points[p] =
+          frame < n ? offsets[size_t(frame)] : int32_t(stream.data_start + double(frame) * double(walked) / n);
+    }
+    // A variable rate shows as the average; a constant one keeps the header's rate.
+    const int32_t average =
+        stream.total_seconds > 0 ? int32_t(double(walked) * scale * 8 / stream.total_seconds / 1000 + 0.5) : kbps;
+    if (std::abs(average - kbps) > 1) kbps = average;
+  }
+  if (stream.encoder_delay >= 0)
+    stream.total_samples = std::max<int64_t>(0, stream.total_samples - stream.encoder_delay - stream.encoder_padding);
+  if (stream.encoder_delay >= 0) stream.total_seconds = double(stream.total_samples) / hz;
   stream.bitrate_kbps = kbps;
-  // A variable-rate stream is measured by its first frame: length and time are estimates.
-  stream.play_seconds = kbps ? std::max(1, stream.data_size / (kbps * 125)) : 0;
+  stream.play_seconds = stream.frame_count > 0 ? std::max(1, int32_t(stream.total_seconds)) : 0;
   stream.sample_rate = hz;
   stream.sample_rate_khz = hz / 1000;
   stream.mpeg_id = h.id;
