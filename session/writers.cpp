@@ -220,7 +220,8 @@ void finish_header(int32_t ext_filter, const FrameHeader& last) {
   // The end of the audio first: every size is measured from it.
   const int32_t end = int32_t(std::ftell(state.out_file));
   const int32_t rate = header_rate(last);
-  const int32_t channels = state.decoded_channels;
+  // A stream of no audio frames (a lone Info frame) still gets a valid header: its first frame's.
+  const int32_t channels = state.decoded_channels ? state.decoded_channels : stream.mode == 3 ? 1 : 2;
   switch (ext_filter) {
     case EXT_WAV:
       finish_wave(end, rate, channels);
