@@ -12,7 +12,6 @@
 #include "session/stream.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -42,42 +41,6 @@ constexpr int32_t bitrate_rows[BITRATE_ROWS * 15] = {
 };
 static_assert(sizeof bitrate_rows == BITRATE_ROWS * 15 * sizeof(int32_t));
 static_assert(bitrate_rows[4 * 15 + 14] == 384 && bitrate_rows[5 * 15 + 9] == 128 && bitrate_rows[1 * 15 + 8] == 64);
-
-// Frame bytes without padding, floor(K * kbit/s / Hz), K = 144000 for MPEG-1 and 72000 for MPEG-2,
-// with the same K for every layer: the Layer I rows are three times the real frames and the MPEG-2
-// Layer II rows half of them. That is how the seek arithmetic has always counted; Layer I is never
-// seeked and the readers find the real frames by sync search. Column 0 (free format) is 0.
-// Storage row s = ((id * 3 + sampling_index) * 3 - layer_code) + 3, that is group s / 3 (the
-// index of sample_rate_table) and layer_code 3 - s % 3.
-constexpr int32_t FRAME_SIZE_ROWS = 18;
-constexpr std::array<int32_t, FRAME_SIZE_ROWS * 15> make_frame_size_rows() {
-  std::array<int32_t, FRAME_SIZE_ROWS * 15> rows{};
-  for (int32_t s = 0; s < FRAME_SIZE_ROWS; ++s) {
-    const int32_t group = s / 3;
-    const int32_t layer_code = 3 - s % 3;
-    const int32_t id = group / 3;
-    const int32_t hz = sample_rate_table[group];
-    const int32_t k = id ? 144000 : 72000;
-    for (int32_t b = 1; b < 15; ++b)
-      rows[size_t(s * 15 + b)] = k * bitrate_rows[(id * 3 - layer_code + 3) * 15 + b] / hz;
-  }
-  return rows;
-}
-constexpr std::array<int32_t, FRAME_SIZE_ROWS* 15> frame_size_rows = make_frame_size_rows();
-
-// Index as the table's users compute it, into the storage.
-constexpr int32_t frame_size_at(int32_t id, int32_t sampling_index, int32_t layer_code, int32_t bitrate_index) {
-  return frame_size_rows[size_t((((id * 3 + sampling_index) * 3 - layer_code) + 3) * 15 + bitrate_index)];
-}
-static_assert(frame_size_at(1, 0, 1, 9) == 417);    // MPEG-1 Layer III, 128 kbit/s, 44100 Hz
-static_assert(frame_size_at(1, 1, 1, 9) == 384);    // 48000 Hz
-static_assert(frame_size_at(1, 2, 1, 9) == 576);    // 32000 Hz
-static_assert(frame_size_at(1, 1, 2, 14) == 1152);  // MPEG-1 Layer II, 384 kbit/s, 48000 Hz
-static_assert(frame_size_at(1, 0, 3, 2) == 208);    // MPEG-1 Layer I, 64 kbit/s, 44100 Hz: three times 69
-static_assert(frame_size_at(0, 0, 1, 8) == 208);    // MPEG-2 Layer III, 64 kbit/s, 22050 Hz
-static_assert(frame_size_at(0, 2, 2, 14) == 720);   // MPEG-2 Layer II, 160 kbit/s, 16000 Hz: half the real frame
-static_assert(frame_size_at(0, 0, 3, 0) == 0 && frame_size_at(1, 2, 1, 0) == 0);
-static_assert(frame_size_at(1, 2, 3, 14) == 2016);  // the largest entry: within the reservoir's guard
 
 constexpr int32_t TAG_BYTES = 128;
 // How much of a stream without a header frame open_stream walks for its length: the rest of a
@@ -304,17 +267,9 @@ const char* frame_failure_text(int32_t code) {
   }
 }
 
-// Frame bytes as the stream facts count them: the whole file is measured with the first frame's
-// length and padding. Layer I counts in bytes too, one padding byte though its slot is four.
-int32_t first_frame_bytes(int32_t id, int32_t layer_code, int32_t kbps, int32_t hz, int32_t padding) {
-  int32_t k = layer_code == 3 ? (id ? 48000 : 24000) : (id ? 144000 : 72000);
-  return k * kbps / hz + padding;
-}
-
 }  // namespace
 
 const int32_t* const bitrate_table = bitrate_rows + 3 * 15;
-const int32_t* const frame_size_table = frame_size_rows.data() + 3 * 15;
 
 int32_t stream_wrapper = 0;
 
@@ -539,7 +494,15 @@ int32_t probe(std::FILE* f, ProbeInfo& info, bool& closed) {
   // The reserved layer is not refused, but it has no bit-rate row: it reports 0 kbit/s.
   const int32_t kbps = layer_code == 0 ? 0 : bitrate_table[(id * 3 - layer_code) * 15 + bitrate_index];
   const int32_t hz = sample_rate_table[id * 3 + sampling_index];
-  const int32_t frame_bytes = first_frame_bytes(id, layer_code, kbps, hz, padding);
+  // The probe measures the file by its first frame; a free-format or reserved-layer frame has no
+  // length it could know without reading on.
+  FrameHeader first{};
+  first.id = id;
+  first.layer_code = layer_code;
+  first.bitrate_index = bitrate_index;
+  first.sampling_index = sampling_index;
+  first.padding_bit = padding;
+  const int32_t frame_bytes = layer_code == 0 || bitrate_index == 0 ? 0 : frame_length(first);
   const int32_t data_size = int32_t(uint32_t(at.data_end) - uint32_t(at.data_start));
 
   info.id = id;

@@ -24,10 +24,6 @@ extern const int32_t sample_rate_table[9];
 // The row index runs from -3 (MPEG-2 Layer I) to 2 (MPEG-1 Layer III), so the name points at the
 // fourth row of the storage: rows MPEG-2 Layer I, II, III, then MPEG-1 Layer I, II, III.
 extern const int32_t* const bitrate_table;
-// frame_size_table[((id * 3 + sampling_index) * 3 - layer_code) * 15 + bitrate_index], bytes
-// without padding, floor(K * kbit/s / Hz) with K = 144000 (MPEG-1) or 72000 (MPEG-2) for every layer.
-// The row index runs from -3 to 14, so the name points at the fourth of 18 rows.
-extern const int32_t* const frame_size_table;
 
 // Works on reader.file. Returns STREAM_OK, -1 (first read_frame failed), a RIFF WAVE format tag
 // outside 80-85, or STREAM_NO_DATA.
