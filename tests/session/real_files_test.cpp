@@ -227,12 +227,13 @@ TEST_F(RealFiles, FreeFormatMixedAndLowRateStreams) {
   EXPECT_HAS(info(path("free.mp3")), "bitrate: free format, 320 kbit/s\n");
 
   if (test::have_tool("twolame")) {
-    // Layer II free format decodes as its fixed-rate twin (the same bits but for the padding).
+    // Layer II free format decodes as its fixed-rate twin (the same bits but for the padding); mpg123
+    // is no reference here, it picks another allocation table for free format.
     sh("twolame --quiet -m s --freeformat -b 320 " + path("in.wav") + " " + path("free.mp2"));
     sh("twolame --quiet -m s -b 320 " + path("in.wav") + " " + path("fixed.mp2"));
     const std::vector<int16_t> free2 = pcm(decode(path("free.mp2"))), fixed2 = pcm(decode(path("fixed.mp2")));
     ASSERT_EQ(free2.size(), fixed2.size());
-    EXPECT_LE(test::max_abs_diff(free2, fixed2), 64);
+    EXPECT_LE(test::max_abs_diff(free2, fixed2), 2);
 
     // MPEG-2 Layer II frames are read whole at every rate.
     for (const char* rate : {"16000", "22050", "24000"}) {
