@@ -389,7 +389,10 @@ int32_t open_stream() {
   stream.encoder_delay = vbr.delay;
   stream.encoder_padding = vbr.padding;
   stream.data_size = int32_t(uint32_t(stream.data_end) - uint32_t(stream.data_start));
-  if (vbr.frames > 0) {
+  // A count that the bytes behind the header frame cannot hold (24 bytes is the shortest frame)
+  // is a damaged header frame: the frames are walked instead.
+  const bool count_fits = int64_t(vbr.frames) * 24 <= int64_t(stream.data_size) + 24;
+  if (vbr.frames > 0 && count_fits) {
     stream.frame_count = vbr.frames;
     stream.total_samples = int64_t(vbr.frames) * frame_samples(h);
     stream.total_seconds = double(stream.total_samples) / hz;
