@@ -22,9 +22,8 @@ namespace {
 constexpr const char* mode_names[4] = {"stereo", "joint stereo", "dual channel", "single channel"};
 constexpr const char* vbr_names[4] = {"none", "Xing", "Info", "VBRI"};
 
-const char* version_name(int32_t id, int32_t sampling_index) {
-  return id ? "MPEG-1" : sampling_index >= 3 ? "MPEG-2.5" : "MPEG-2";
-}
+// MPEG-2.5's rates (8000-12000 Hz) lie below every MPEG-2 rate.
+const char* version_name(int32_t id, int32_t hz) { return id ? "MPEG-1" : hz < 16000 ? "MPEG-2.5" : "MPEG-2"; }
 
 // The RIFF item identifiers of list_info's slots (slot 6 holds "ISFT" or "IPCD").
 constexpr const char* info_names[session::LIST_INFO_SLOTS] = {"INAM", "IART", "ICMT", "IGNR", "ICRD",
@@ -92,7 +91,7 @@ void print_frames() {
     const long offset = std::ftell(session::reader.file) - 4;
     int32_t length = session::frame_length(h);
     std::printf("frame %d: offset %ld, %s Layer %d, %d kbit/s%s, %d Hz, %s, %d bytes%s\n", index, offset,
-                version_name(h.id, h.sampling_index), 4 - h.layer_code, session::header_kbps(h),
+                version_name(h.id, session::header_hz(h)), 4 - h.layer_code, session::header_kbps(h),
                 h.bitrate_index == 0 ? " (free format)" : "", session::header_hz(h), mode_names[h.mode], length,
                 h.protection_bit ? "" : ", CRC");
     // A header whose length is shorter than itself (Layer I free format) is stepped over.
@@ -151,7 +150,7 @@ int cmd_info(int argc, char** argv) {
       if (!text.artist.empty()) std::printf("artist: %s\n", text.artist.c_str());
       if (!text.album.empty()) std::printf("album: %s\n", text.album.c_str());
     }
-    std::printf("format: %s Layer %d\n", version_name(s.mpeg_id, s.sample_rate < 16000 ? 3 : 0), s.layer);
+    std::printf("format: %s Layer %d\n", version_name(s.mpeg_id, s.sample_rate), s.layer);
     if (s.free_format) {
       std::printf("bitrate: free format, %d kbit/s\n", s.bitrate_kbps);
     } else {
