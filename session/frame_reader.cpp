@@ -57,13 +57,27 @@ int32_t candidate_length(const FrameHeader& c, int32_t free_bytes) {
   return free_bytes + padding_bytes(c);
 }
 
+// Whether the kept measure ends the frame at file offset `at` where a header of its kind begins, or
+// where the file or the stream ends. The file position is restored.
+bool kept_measure_fits(const FrameHeader& h, long at) {
+  const long next = at + reader.free_bytes + padding_bytes(h);
+  if (next >= reader.end_limit) return true;
+  uint8_t head[4];
+  std::fseek(reader.file, next, SEEK_SET);
+  const size_t got = std::fread(head, 1, 4, reader.file);
+  std::fseek(reader.file, at + 4, SEEK_SET);
+  FrameHeader n;
+  return got < 4 || (header_at(head, n) && free_key(n) == free_key(h));
+}
+
 // A free-format header h starts at file offset at, and the file stands behind its 4 bytes. Measures
 // the frame length without padding as the distance to the next header of the same id, layer and
 // rate, which must itself be followed by a header (or by the end of the file) where its own length
 // says: a stray sync in the audio data is not taken for the next frame. The measure is kept for the
-// stream; the file position is restored. Returns false when no length can be found.
+// stream, and measured again when the frame it gives does not end at a header (another free-format
+// run of another rate); the file position is restored. Returns false when no length can be found.
 bool measure_free_format(const FrameHeader& h, long at) {
-  if (reader.free_key == free_key(h)) return true;
+  if (reader.free_key == free_key(h) && kept_measure_fits(h, at)) return true;
   uint8_t ahead[2 * MAX_FREE_BYTES + 8];
   const size_t got = std::fread(ahead, 1, sizeof ahead, reader.file);
   std::fseek(reader.file, at + 4, SEEK_SET);
@@ -81,6 +95,8 @@ bool measure_free_format(const FrameHeader& h, long at) {
     reader.free_bytes = bytes;
     return true;
   }
+  // Nothing new found: a damaged frame follows, and the kept measure stands.
+  if (reader.free_key == free_key(h)) return true;
   // No header behind it: a stream of one free-format frame, which runs to the end of the file.
   if (whole && avail >= MIN_FREE_BYTES) {
     reader.free_key = free_key(h);

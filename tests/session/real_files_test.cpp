@@ -170,7 +170,7 @@ TEST_F(RealFiles, VbrLengthAndSeekingByPercent) {
   // Quiet, then loud: the frames of the second half are several times those of the first, so a
   // jump by the average frame size would land far from the middle.
   sh("sox -q -n -r 44100 -c 2 -b 16 " + path("a.wav") + " synth 6 sine 300 vol 0.01");
-  sh("sox -q -n -r 44100 -c 2 -b 16 " + path("b.wav") + " synth 6 whitenoise vol 0.5");
+  sh("sox -R -q -n -r 44100 -c 2 -b 16 " + path("b.wav") + " synth 6 whitenoise vol 0.5");
   sh("sox -q " + path("a.wav") + " " + path("b.wav") + " " + path("in.wav"));
   sh("lame --quiet -V 2 " + path("in.wav") + " " + path("xing.mp3"));
   sh("lame --quiet -V 2 -t " + path("in.wav") + " " + path("bare.mp3"));
@@ -224,6 +224,10 @@ TEST_F(RealFiles, FreeFormatMixedAndLowRateStreams) {
     SCOPED_TRACE(name);
     EXPECT_EQ(long(decode(path(name)).size()) / 4, mpg123_frames(path(name), 2));
   }
+  // A second free-format run of another rate is measured anew (mpg123 stops there).
+  sh("lame --quiet -t --freeformat -b 256 " + path("in.wav") + " " + path("free256.mp3"));
+  test::write_file(path("two_rates.mp3"), cat({free3, test::read_file(path("free256.mp3"))}));
+  EXPECT_EQ(decode(path("two_rates.mp3")).size(), decode(path("free.mp3")).size() + decode(path("free256.mp3")).size());
   EXPECT_HAS(info(path("free.mp3")), "bitrate: free format, 320 kbit/s\n");
 
   if (test::have_tool("twolame")) {
