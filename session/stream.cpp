@@ -392,6 +392,7 @@ int32_t open_stream() {
   // A count that the bytes behind the header frame cannot hold (24 bytes is the shortest frame)
   // is a damaged header frame: the frames are walked instead.
   const bool count_fits = int64_t(vbr.frames) * 24 <= int64_t(stream.data_size) + 24;
+  double audio_bytes = 0;
   if (vbr.frames > 0 && count_fits) {
     stream.frame_count = vbr.frames;
     stream.total_samples = int64_t(vbr.frames) * frame_samples(h);
@@ -402,10 +403,7 @@ int32_t open_stream() {
       stream.seek_points[p] = base + int32_t(int64_t(vbr.has_toc ? vbr.toc[p] : p * 256 / 100) * bytes / 256);
     stream.seek_points[0] = stream.data_start;
     stream.seek_points[100] = base + bytes;
-    const double audio_bytes = double(base + bytes - stream.data_start);
-    const int32_t average =
-        stream.total_seconds > 0 ? int32_t(audio_bytes * 8 / stream.total_seconds / 1000 + 0.5) : kbps;
-    if (std::abs(average - kbps) > 1) kbps = average;
+    audio_bytes = double(base + bytes - stream.data_start);
   } else {
     // No header frame: the frames are walked for the length and the seek points, as far as a
     // bound; a longer file is measured by the average of what was walked.
@@ -424,14 +422,17 @@ int32_t open_stream() {
       stream.seek_points[p] =
           frame < n ? offsets[size_t(frame)] : int32_t(stream.data_start + double(frame) * double(walked) / n);
     }
-    // A variable rate shows as the average; a constant one keeps the header's rate.
-    const int32_t average =
-        stream.total_seconds > 0 ? int32_t(double(walked) * scale * 8 / stream.total_seconds / 1000 + 0.5) : kbps;
+    audio_bytes = double(walked) * scale;
+  }
+  // A variable rate shows as the average; a constant one keeps the header's rate.
+  if (stream.total_seconds > 0) {
+    const int32_t average = int32_t(audio_bytes * 8 / stream.total_seconds / 1000 + 0.5);
     if (std::abs(average - kbps) > 1) kbps = average;
   }
-  if (stream.encoder_delay >= 0)
+  if (stream.encoder_delay >= 0) {
     stream.total_samples = std::max<int64_t>(0, stream.total_samples - stream.encoder_delay - stream.encoder_padding);
-  if (stream.encoder_delay >= 0) stream.total_seconds = double(stream.total_samples) / hz;
+    stream.total_seconds = double(stream.total_samples) / hz;
+  }
   stream.bitrate_kbps = kbps;
   stream.play_seconds = stream.frame_count > 0 ? std::max(1, int32_t(stream.total_seconds)) : 0;
   stream.sample_rate = hz;
