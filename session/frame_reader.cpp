@@ -98,7 +98,7 @@ bool measure_free_format(const FrameHeader& h, long at) {
   // Nothing new found: a damaged frame follows, and the kept measure stands.
   if (reader.free_key == free_key(h)) return true;
   // No header behind it: a stream of one free-format frame, which runs to the end of the file.
-  if (whole && avail >= MIN_FREE_BYTES) {
+  if (whole && avail >= MIN_FREE_BYTES && avail <= MAX_FREE_BYTES) {
     reader.free_key = free_key(h);
     reader.free_bytes = avail - padding_bytes(h);
     return true;
