@@ -9,6 +9,7 @@
 // always written them, so the asymmetry is kept.
 #include "session/writers.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdio>
 #include <cstring>
@@ -55,9 +56,10 @@ struct Bytes {
 
 int32_t header_rate(const FrameHeader& h) {
   // Only checked headers reach a finish; a stray index falls back to the first rate of its row.
-  int32_t id = h.id == 0 ? 0 : 1;
-  int32_t index = h.sampling_index >= 0 && h.sampling_index <= 2 ? h.sampling_index : 0;
-  return sample_rate_table[id * 3 + index];
+  FrameHeader checked = h;
+  checked.id = h.id == 0 ? 0 : 1;
+  if (checked.sampling_index < 0 || checked.sampling_index > (checked.id ? 2 : 5)) checked.sampling_index = 0;
+  return header_hz(checked);
 }
 
 // Headers and trailers are written without looking at the result: the sample writes decide whether
@@ -158,20 +160,42 @@ void finish_voc(int32_t end, int32_t rate, int32_t channels) {
   write_header_at_start(h);
 }
 
+// The samples a file job drops at the start and keeps after them (-1: all), when the stream's Info
+// frame recorded the encoder's delay and padding. The synthesis and the overlap of Layer III delay
+// the output by 529 samples, as in every decoder of the standard's structure.
+constexpr int64_t DECODER_DELAY = 529;
+constexpr int64_t BLOCK_FRAMES = 576;  // sample frames in pcm_block
+struct Trim {
+  int64_t skip = 0;
+  int64_t keep = -1;
+};
+Trim trim;
+
 }  // namespace
 
 void write_decoded_block() {
-  const size_t bytes = state.decoded_channels == 2 ? 2304 : 1152;
+  // Gapless: the encoder's delay and the decoder's own at the start are dropped, and what stands
+  // behind the stream's real length.
+  const size_t frame = state.decoded_channels == 2 ? 4 : 2;
+  int64_t first = std::min<int64_t>(BLOCK_FRAMES, trim.skip);
+  trim.skip -= first;
+  int64_t count = BLOCK_FRAMES - first;
+  if (trim.keep >= 0) {
+    count = std::min(count, trim.keep);
+    trim.keep -= count;
+  }
+  if (count <= 0) return;
+  const auto* src = reinterpret_cast<const uint8_t*>(decoder::pcm_block) + size_t(first) * frame;
+  const size_t bytes = size_t(count) * frame;
   if (options.ext_filter == EXT_AIF || options.ext_filter == EXT_AU) {
     uint8_t swapped[2304];
-    const auto* src = reinterpret_cast<const uint8_t*>(decoder::pcm_block);
     for (size_t i = 0; i < bytes; i += 2) {
       swapped[i] = src[i + 1];
       swapped[i + 1] = src[i];
     }
     write_or_flag(swapped, bytes);
   } else {
-    write_or_flag(decoder::pcm_block, bytes);
+    write_or_flag(src, bytes);
   }
 }
 
@@ -182,6 +206,11 @@ void write_decoded_tail_l1(int32_t count) {
 }
 
 void reserve_header(int32_t ext_filter) {
+  trim = Trim{};
+  if (options.gapless && stream.encoder_delay >= 0) {
+    trim.skip = stream.encoder_delay + DECODER_DELAY;
+    trim.keep = stream.total_samples;
+  }
   if (ext_filter < EXT_WAV || ext_filter > EXT_VOC) return;
   static const uint8_t zeros[64] = {};
   write_or_flag(zeros, size_t(header_bytes[ext_filter]));
@@ -191,7 +220,8 @@ void finish_header(int32_t ext_filter, const FrameHeader& last) {
   // The end of the audio first: every size is measured from it.
   const int32_t end = int32_t(std::ftell(state.out_file));
   const int32_t rate = header_rate(last);
-  const int32_t channels = state.decoded_channels;
+  // A stream of no audio frames (a lone Info frame) still gets a valid header: its first frame's.
+  const int32_t channels = state.decoded_channels ? state.decoded_channels : stream.mode == 3 ? 1 : 2;
   switch (ext_filter) {
     case EXT_WAV:
       finish_wave(end, rate, channels);

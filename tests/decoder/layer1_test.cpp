@@ -245,15 +245,4 @@ TEST(Layer1, WrongCrcStopsTheTrackAndLostSyncFlushes) {
   EXPECT_EQ(out[22], 1);  // the channel count of the frames decoded
 }
 
-TEST(Layer1, ShortFrameCountEndsAfterTheFirstBlockOf200Frames) {
-  // A loud first frame makes the stream's frame count small: 18 by the first frame's length.
-  StreamSpec s{
-      .sampling_index = 2, .bitrate_index = 1, .mode = 3, .frames = 260, .seed = 24, .first_bitrate_index = 14};
-  test::TempDir tmp;
-  test::write_file(tmp.file("in.mp1"), make_layer1_stream(s));
-  ASSERT_EQ(run_cli_decode(tmp.file("in.mp1"), tmp.file("out.raw"), "raw"), 0);
-  // 200 mono frames are 76800 values: 66 whole blocks; the track ends by the count, without a flush.
-  EXPECT_EQ(test::read_file(tmp.file("out.raw")).size(), 66u * 2304);
-}
-
 }  // namespace
