@@ -7,14 +7,13 @@
 // writes the frames one by one with the stop test, the progress message and the cancel test in
 // their places; frames worked out past the stop are dropped.
 //
-// kernel_sinc is the plain truncated sinc at the input's Nyquist rate, no window, no
-// normalisation. Its arithmetic is fixed in detail, because users compare outputs: the argument
-// d * pi is reduced by repeated steps of 2 pi, the divisor is the single-precision copy of d * pi
-// taken before that reduction, and the two sums are floats, each product added in turn. Its sine
-// is our own polynomial (sinc_sine), not the C library's, whose last bit differs between library
-// versions and processors. kernel_sinc_block computes the same numbers for eight output frames at
-// once, one frame per vector lane and every lane doing the scalar operations in the scalar order;
-// tests hold the two paths to bit equality.
+// kernel_sinc, for rates that rise or stay, is the plain truncated sinc at the input's Nyquist
+// rate (then the lower of the two), no window, no normalisation. Its arithmetic is fixed in detail, because users
+// compare outputs: the argument d * pi is reduced by repeated steps of 2 pi, the divisor is the single-precision copy
+// of d * pi taken before that reduction, and the two sums are floats, each product added in turn. Its sine is our own
+// polynomial (sinc_sine), not the C library's, whose last bit differs between library versions and processors.
+// kernel_sinc_block computes the same numbers for eight output frames at once, one frame per vector lane and every lane
+// doing the scalar operations in the scalar order; tests hold the two paths to bit equality.
 #include "tools/resample.h"
 
 #include <algorithm>
@@ -129,7 +128,7 @@ VECTOR_INLINE VecD round_to_float(VecD v) {
 // Input frames converted once, for the taps of many output frames. Filled in rising index order
 // through read_wave_frame, so the reader sees what a frame-by-frame kernel would show it.
 struct SampleWindow {
-  static constexpr int64_t CAPACITY = 4096;
+  static constexpr int64_t CAPACITY = 8192;
   int64_t base = 0;     // index of left[0]
   int64_t end = 0;      // first index not held
   uint32_t serial = 0;  // the input file the values came from
@@ -278,6 +277,66 @@ TOVRA_VECTOR_CLONES void sinc_lanes_shuffled(const double* pos, const double* fi
 }
 #endif
 
+// --- The low-pass kernel for downsampling -------------------------------------------------------
+
+// Below the input's rate the sinc must cut at the output's Nyquist frequency, or everything between
+// the two Nyquist frequencies folds back as aliases. kernel_lowpass evaluates a Kaiser-windowed
+// sinc stretched by the step, from a table of its values filled once per job, with linear
+// interpolation between entries. The window makes the stopband real (70 dB), and its transition
+// band lies just below the output's Nyquist frequency, so that nothing above it comes through.
+//
+// The table is in output samples: entry i holds h(i / LOWPASS_RESOLUTION) / step. The kernel spans
+// `span` output samples, the quality or LOWPASS_MIN_SPAN if that is more: fewer could not hold the
+// stopband with a passband worth the name.
+constexpr int32_t LOWPASS_MIN_SPAN = 80;
+constexpr int32_t LOWPASS_RESOLUTION = 256;
+constexpr double LOWPASS_ATTENUATION = 70.0;  // dB
+constexpr int32_t LOWPASS_TABLE_SIZE = (RESAMPLE_QUALITY_MAX / 2 + 1) * LOWPASS_RESOLUTION + 2;
+
+struct Lowpass {
+  double reach = 0.0;  // input frames to either side that the kernel touches: half the span times the step
+  float scale = 0.0f;  // table entries per input frame of distance
+  float table[LOWPASS_TABLE_SIZE];
+};
+Lowpass lowpass;
+
+// The modified Bessel function of order 0, by its power series.
+double bessel_i0(double x) {
+  double sum = 1.0, term = 1.0;
+  const double q = x * x / 4.0;
+  for (int32_t k = 1; k < 200 && term > sum * 1e-20; ++k) {
+    term *= q / (double(k) * double(k));
+    sum += term;
+  }
+  return sum;
+}
+
+// Fills the table for a step above 1 and a quality of 2 and up.
+void make_lowpass(double step, int32_t quality) {
+  const int32_t span = std::max(quality, LOWPASS_MIN_SPAN);
+  const double half = span / 2.0;
+  // Kaiser's estimates: the transition width that the span buys at the attenuation, and the
+  // window's shape for that attenuation. The transition ends at the output's Nyquist frequency.
+  const double transition = (LOWPASS_ATTENUATION - 8.0) / (2.285 * 2.0 * PI * span);
+  const double cutoff = 0.5 - transition / 2.0;  // cycles per output sample
+  const double beta = 0.1102 * (LOWPASS_ATTENUATION - 8.7);
+  const double i0_beta = bessel_i0(beta);
+  const int32_t last = int32_t(half * LOWPASS_RESOLUTION);
+  for (int32_t i = 0; i < LOWPASS_TABLE_SIZE; ++i) {
+    double h = 0.0;
+    if (i <= last) {
+      const double u = double(i) / LOWPASS_RESOLUTION;
+      const double x = 2.0 * PI * cutoff * u;
+      const double sinc = i == 0 ? 1.0 : sinc_sine(x - TWO_PI * std::floor(x / TWO_PI)) / x;
+      const double r = u / half;
+      h = 2.0 * cutoff * sinc * bessel_i0(beta * std::sqrt(std::max(0.0, 1.0 - r * r))) / i0_beta;
+    }
+    lowpass.table[i] = float(h / step);
+  }
+  lowpass.reach = half * step;
+  lowpass.scale = float(LOWPASS_RESOLUTION / step);
+}
+
 // --- The job ------------------------------------------------------------------------------------
 
 int32_t setup_job(const char* input_path, const char* output_path, int32_t rate, int32_t bits, int32_t channels,
@@ -287,16 +346,28 @@ int32_t setup_job(const char* input_path, const char* output_path, int32_t rate,
   uint32_t data_size;
   int32_t code = open_wave_input(input_path, in_rate, in_bits, in_channels, data_size);
   if (code != WAVE_OK) return code;
-  resample.limit = int64_t(data_size) / (in_bits * in_channels / 8);
+  resample.limit = wave_in.frames;
   resample.step = double(in_rate) / double(rate);
   resample.total = int64_t(rate) * resample.limit / in_rate;
-  code = open_wave_output(output_path, rate, bits, channels, data_size);
+  // A file without a single frame to write makes no output: the job is refused before one exists.
+  if (resample.total == 0) {
+    close_wave_input();
+    return WAVE_NO_DATA;
+  }
+  // The estimate in the first header is the output's own size, which a reader of a file left by a
+  // crash finds closest to the truth.
+  const int64_t estimate = resample.total * (bits / 8) * channels;
+  code = open_wave_output(output_path, rate, bits, channels, uint32_t(std::min<int64_t>(estimate, 0xFFFFFFD0)));
   if (code != WAVE_OK) {
     close_wave_input();
     return code;
   }
   resample.quality = std::clamp(quality, 0, RESAMPLE_QUALITY_MAX);
   resample.kernel = resample.quality == 0 ? kernel_linear : resample.quality == 1 ? kernel_cubic : kernel_sinc;
+  if (resample.quality >= 2 && resample.step > 1.0) {
+    make_lowpass(resample.step, resample.quality);
+    resample.kernel = kernel_lowpass;
+  }
   resample.out_path = output_path;
   return WAVE_OK;
 }
@@ -368,7 +439,7 @@ void resample_thread() {
     if (end == LOOP_CANCELLED) {
       close_wave_output();
       close_wave_input();
-      if (!options.leave) std::remove(resample.out_path.c_str());
+      if (!options.leave) remove_partial_output(resample.out_path.c_str());
       if (in_batch) {
         post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_CANCELLED, resample.job_index);
         post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_LIST_FINISHED, resample.job_index);
@@ -382,6 +453,8 @@ void resample_thread() {
     int32_t closed = close_wave_output();
     if (result == WAVE_OK) result = closed;
     close_wave_input();
+    // A failed job leaves nothing behind: a cut-off file would pass for a whole one.
+    if (result != WAVE_OK) remove_partial_output(resample.out_path.c_str());
     post_message(WINDOW_PROGRESS, MSG_PROGRESS_STATUS, result, 0);
     if (!in_batch) break;
     post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, result == WAVE_OK ? JOB_DONE : JOB_FAILED, resample.job_index);
@@ -451,6 +524,37 @@ void kernel_sinc(double position, int32_t& left, int32_t& right) {
     double w = sinc_weight(position - double(index));
     sum_l = round_to_single(sum_l + double(l) * w);
     sum_r = round_to_single(sum_r + double(r) * w);
+  }
+  left = to_int(sum_l);
+  right = to_int(sum_r);
+}
+
+void kernel_lowpass(double position, int32_t& left, int32_t& right) {
+  const Lowpass& lp = lowpass;
+  const int64_t i = int64_t(position);
+  const int64_t first = int64_t(std::ceil(position - lp.reach));
+  const int64_t last = int64_t(std::floor(position + lp.reach));
+  // Distances are measured from the position's fraction, so that they stay exact in single
+  // precision however far into the file the position lies.
+  const float fraction = float(position - double(i));
+  float sum_l = 0.0f, sum_r = 0.0f;
+  const bool windowed = fill_window(first, last + 1);
+  for (int64_t k = first; k <= last; ++k) {
+    const float t = std::fabs(fraction - float(k - i)) * lp.scale;
+    const int32_t at = int32_t(t);
+    const float w = lp.table[at] + (t - float(at)) * (lp.table[at + 1] - lp.table[at]);
+    float l, r;
+    if (windowed) {
+      l = float(window.left[k - window.base]);
+      r = float(window.right[k - window.base]);
+    } else {
+      int32_t li, ri;
+      read_wave_frame(k, li, ri);
+      l = float(li);
+      r = float(ri);
+    }
+    sum_l += l * w;
+    sum_r += r * w;
   }
   left = to_int(sum_l);
   right = to_int(sum_r);
