@@ -83,31 +83,6 @@ TEST_F(Resample, ImpulsesShowTheKernelsReach) {
   }
 }
 
-TEST_F(Resample, SineKeepsItsFrequencyDownAndUp) {
-  const int32_t rate = 44100;
-  const double freq = 1000.0;
-  std::vector<int16_t> in(static_cast<size_t>(rate));  // one second
-  for (size_t i = 0; i < in.size(); ++i) in[i] = int16_t(12000 * std::sin(2 * M_PI * freq * double(i) / rate));
-  std::vector<int16_t> down = resample(in, rate, 22050, 21);
-  ASSERT_EQ(down.size(), 22050u);
-  std::vector<int16_t> up = resample(down, 22050, rate, 21);
-  ASSERT_EQ(up.size(), size_t(rate));
-  // Rising zero crossings over the middle, away from the edges where the taps see silence.
-  int crossings = 0;
-  double first = -1, last = -1;
-  for (size_t i = 1000; i + 1000 < up.size(); ++i) {
-    if (up[i - 1] < 0 && up[i] >= 0) {
-      last = double(i - 1) + double(-up[i - 1]) / double(up[i] - up[i - 1]);
-      if (first < 0) first = last;
-      ++crossings;
-    }
-  }
-  ASSERT_GT(crossings, 900);
-  EXPECT_NEAR((crossings - 1) * double(rate) / (last - first), freq, 0.5);
-  // The amplitude stays within the sinc's ripple.
-  EXPECT_NEAR(*std::max_element(up.begin() + 1000, up.end() - 1000), 12000, 1200);
-}
-
 TEST_F(Resample, DownsamplingCutsAtTheOutputsNyquistFrequency) {
   // An exponential sweep from 20 Hz to 20 kHz, to 16 kHz: while the sweep is above 8 kHz (with a
   // little room for the sweep's own spread) the output must stay 60 dB below its passband level.
@@ -126,6 +101,8 @@ TEST_F(Resample, DownsamplingCutsAtTheOutputsNyquistFrequency) {
     if (f > 8400) stop += v, ++stop_n;
   }
   EXPECT_LT(10 * std::log10((stop / double(stop_n)) / (pass / double(pass_n))), -60.0);
+  // The passband keeps its level (a sine's mean square is half its peak's square).
+  EXPECT_NEAR(std::sqrt(2 * pass / double(pass_n)), 16000, 160);
 }
 
 // WAVE files as ffmpeg, sox and other programs write them resample to what the plain 16-bit file
@@ -194,11 +171,6 @@ TEST_F(Resample, OutputsFollowTheWritersRulesAndTheRates) {
     ASSERT_EQ(s8.data[2 * i], (l >> 8) + 128) << i;
     ASSERT_EQ(s8.data[2 * i + 1], (r >> 8) + 128) << i;
   }
-  // An 8-bit input comes back unchanged through 16 bits and back.
-  write_wave(dir.file("in8.wav"), 8000, 8, 2, v);
-  ASSERT_EQ(run(dir.file("in8.wav"), "back8.wav", 8000, 8, 2, 0), 0);
-  Bytes in8 = test::read_file(dir.file("in8.wav"));
-  EXPECT_EQ(check_written_wave(dir.file("back8.wav")).data, Bytes(in8.begin() + 44, in8.end()));
 
   // Lengths follow the rates; progress ends on the count reached; empty input gives a bare header.
   write_wave(dir.file("in.wav"), 44100, 16, 2, noise(2 * 44100, 3));
@@ -241,23 +213,6 @@ TEST_F(Resample, SincBlockGivesTheFrameByFrameKernelsValues) {
     }
   }
   tools::close_wave_input();
-}
-
-TEST(ResampleArithmetic, SineAndSingleRoundingMatchTheLibrary) {
-  double worst = 0;
-  for (int i = -200000; i <= 200000; ++i) {
-    const double x = i * (2 * M_PI / 200001.0);
-    worst = std::max(worst, std::fabs(tools::sinc_sine(x) - std::sin(x)));
-  }
-  EXPECT_LT(worst, 4e-16);
-  uint32_t s = 5;
-  for (int i = 0; i < 200000; ++i) {
-    s = s * 1664525u + 1013904223u;
-    const double v = (double(s) - 2147483648.0) / double(1 + (s & 0xFFFF)) * 3.0;
-    ASSERT_EQ(tools::round_to_single(v), double(float(v))) << v;
-  }
-  for (double v : {1.0 + 0x1p-24, 1.0 + 3 * 0x1p-24, -(1.0 + 0x1p-24), 16777217.0, 0.0})  // ties to even
-    EXPECT_EQ(tools::round_to_single(v), double(float(v))) << v;
 }
 
 TEST_F(Resample, CancelFailuresAndBusy) {
@@ -308,6 +263,11 @@ TEST_F(Resample, CommandLineRunsTheJobAndSpeaksTheSystemsTexts) {
   EXPECT_EQ(f.rate, 44100);
   EXPECT_EQ(f.channels, 1);  // bits and channels default to the input's
   EXPECT_EQ(f.data.size(), 44100u * 2);
+  // info describes a WAVE file rather than looking for MPEG audio in it.
+  EXPECT_NE(
+      test::run_output(test::cli_path() + " info " + dir.file("out.wav"))
+          .find("format: WAVE PCM\nsample_rate: 44100 Hz\nchannels: 1\nbits: 16\nframes: 44100\nlength: 1.000 s\n"),
+      std::string::npos);
 
   struct Case {
     const char *in, *out, *rate;

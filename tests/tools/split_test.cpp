@@ -179,31 +179,6 @@ TEST_F(SplitFfmpeg, OneAudioStreamIsByteIdenticalToFfmpegsCopy) {
   EXPECT_TRUE(out == want) << out.size() << " bytes, ffmpeg " << want.size();
 }
 
-TEST_F(SplitFfmpeg, TwoAudioStreamsGoToTheSameOutput) {
-  REQUIRE_TOOL("ffmpeg");
-  std::string in = dir.file("two.mpg");
-  ASSERT_TRUE(make(in, "-f lavfi -i sine=f=440:sample_rate=44100 -f lavfi -i sine=f=660:sample_rate=48000",
-                   "-map 0:v -map 1:a -map 2:a -c:v mpeg1video -c:a mp2 -f mpeg"));
-  Bytes out;
-  EXPECT_EQ(split_file(in, &out), tools::SPLIT_OK);
-  Bytes first = copy_audio(in, 0), second = copy_audio(in, 1);
-  EXPECT_EQ(out.size(), first.size() + second.size());
-  // Both streams' frames are there, interleaved: each stream's first frame appears.
-  auto contains = [&](const Bytes& part) {
-    return std::search(out.begin(), out.end(), part.begin(), part.begin() + 200) != out.end();
-  };
-  EXPECT_TRUE(contains(first));
-  EXPECT_TRUE(contains(second));
-}
-
-TEST_F(SplitFfmpeg, AnMpeg2ProgramStreamIsRefused) {
-  REQUIRE_TOOL("ffmpeg");
-  std::string in = dir.file("b.vob");
-  ASSERT_TRUE(make(in, "-f lavfi -i sine=f=440:sample_rate=48000", "-c:v mpeg2video -c:a mp2 -f vob"));
-  // Its 14-byte pack header puts the walk out of step before any packet is seen.
-  EXPECT_EQ(split_file(in), tools::SPLIT_BAD_START_CODE);
-}
-
 TEST_F(Split, CommandLineSpeaksTheSystemsTexts) {
   test::write_file(dir.file("in.mpg"), pack() + unit(0xC0, PTS + Bytes(10, 1)) + end_code());
   test::write_file(dir.file("bad.mpg"), Bytes{0xFF, 0xFB, 0x90, 0x64});
