@@ -20,6 +20,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -280,23 +281,26 @@ TOVRA_VECTOR_CLONES void sinc_lanes_shuffled(const double* pos, const double* fi
 // --- The low-pass kernel for downsampling -------------------------------------------------------
 
 // Below the input's rate the sinc must cut at the output's Nyquist frequency, or everything between
-// the two Nyquist frequencies folds back as aliases. kernel_lowpass evaluates a Kaiser-windowed
-// sinc stretched by the step, from a table of its values filled once per job, with linear
-// interpolation between entries. The window makes the stopband real (70 dB), and its transition
-// band lies just below the output's Nyquist frequency, so that nothing above it comes through.
+// the two Nyquist frequencies folds back as aliases. kernel_lowpass applies a Kaiser-windowed sinc
+// stretched by the step. The window makes the stopband real (70 dB), and its transition band lies
+// just below the output's Nyquist frequency, so that nothing above it comes through. The kernel
+// spans `span` output samples, the quality or LOWPASS_MIN_SPAN if that is more: fewer could not
+// hold the stopband with a passband worth the name.
 //
-// The table is in output samples: entry i holds h(i / LOWPASS_RESOLUTION) / step. The kernel spans
-// `span` output samples, the quality or LOWPASS_MIN_SPAN if that is more: fewer could not hold the
-// stopband with a passband worth the name.
+// The weights come from a polyphase table filled once per job: row p holds the weights of the
+// taps i - before, i - before + 1, ... for a position of i + p / phases, and a position between
+// two rows takes the weights linearly between them. Rows are padded with zero weights to a
+// multiple of LANES taps, so that the sums run over whole vectors.
 constexpr int32_t LOWPASS_MIN_SPAN = 80;
-constexpr int32_t LOWPASS_RESOLUTION = 256;
 constexpr double LOWPASS_ATTENUATION = 70.0;  // dB
-constexpr int32_t LOWPASS_TABLE_SIZE = (RESAMPLE_QUALITY_MAX / 2 + 1) * LOWPASS_RESOLUTION + 2;
+constexpr double LOWPASS_PHASES_PER_OUTPUT_SAMPLE = 256.0;
 
 struct Lowpass {
-  double reach = 0.0;  // input frames to either side that the kernel touches: half the span times the step
-  float scale = 0.0f;  // table entries per input frame of distance
-  float table[LOWPASS_TABLE_SIZE];
+  int32_t phases = 0;     // rows - 1
+  int32_t taps = 0;       // per row, a multiple of LANES
+  int32_t before = 0;     // the first tap's distance to the left of the position's frame
+  float* rows = nullptr;  // (phases + 1) * taps, kept from job to job
+  size_t capacity = 0;    // floats allocated at rows
 };
 Lowpass lowpass;
 
@@ -311,8 +315,8 @@ double bessel_i0(double x) {
   return sum;
 }
 
-// Fills the table for a step above 1 and a quality of 2 and up.
-void make_lowpass(double step, int32_t quality) {
+// Fills the table for a step above 1 and a quality of 2 and up. Returns false without memory.
+bool make_lowpass(double step, int32_t quality) {
   const int32_t span = std::max(quality, LOWPASS_MIN_SPAN);
   const double half = span / 2.0;
   // Kaiser's estimates: the transition width that the span buys at the attenuation, and the
@@ -321,20 +325,63 @@ void make_lowpass(double step, int32_t quality) {
   const double cutoff = 0.5 - transition / 2.0;  // cycles per output sample
   const double beta = 0.1102 * (LOWPASS_ATTENUATION - 8.7);
   const double i0_beta = bessel_i0(beta);
-  const int32_t last = int32_t(half * LOWPASS_RESOLUTION);
-  for (int32_t i = 0; i < LOWPASS_TABLE_SIZE; ++i) {
-    double h = 0.0;
-    if (i <= last) {
-      const double u = double(i) / LOWPASS_RESOLUTION;
-      const double x = 2.0 * PI * cutoff * u;
-      const double sinc = i == 0 ? 1.0 : sinc_sine(x - TWO_PI * std::floor(x / TWO_PI)) / x;
-      const double r = u / half;
-      h = 2.0 * cutoff * sinc * bessel_i0(beta * std::sqrt(std::max(0.0, 1.0 - r * r))) / i0_beta;
-    }
-    lowpass.table[i] = float(h / step);
+  // The kernel at u output samples from its centre, scaled for taps one input frame apart.
+  auto kernel = [&](double u) {
+    u = std::fabs(u);
+    if (u >= half) return 0.0;
+    const double x = 2.0 * PI * cutoff * u;
+    const double sinc = u == 0.0 ? 1.0 : sinc_sine(x - TWO_PI * std::floor(x / TWO_PI)) / x;
+    const double r = u / half;
+    return 2.0 * cutoff * sinc * bessel_i0(beta * std::sqrt(1.0 - r * r)) / i0_beta / step;
+  };
+  Lowpass& lp = lowpass;
+  const int32_t reach = int32_t(half * step);
+  lp.before = reach;
+  lp.taps = (2 * reach + 2 + LANES - 1) / LANES * LANES;
+  // The weights change as fast in the input's frames as the kernel does in the output's samples
+  // divided by the step: the phases follow, at no fewer than 16 a frame.
+  lp.phases = std::max(16, int32_t(std::ceil(LOWPASS_PHASES_PER_OUTPUT_SAMPLE / step)));
+  const size_t need = size_t(lp.phases + 1) * size_t(lp.taps);
+  if (need > lp.capacity) {
+    auto* grown = static_cast<float*>(std::realloc(lp.rows, need * sizeof(float)));
+    if (!grown) return false;
+    lp.rows = grown;
+    lp.capacity = need;
   }
-  lowpass.reach = half * step;
-  lowpass.scale = float(LOWPASS_RESOLUTION / step);
+  for (int32_t p = 0; p <= lp.phases; ++p) {
+    const double fraction = double(p) / lp.phases;
+    for (int32_t n = 0; n < lp.taps; ++n)
+      lp.rows[size_t(p) * size_t(lp.taps) + size_t(n)] = float(kernel((fraction + lp.before - n) / step));
+  }
+  return true;
+}
+
+typedef float VecF __attribute__((vector_size(LANES * sizeof(float))));
+
+VECTOR_INLINE VecF load_floats(const float* p) {
+  VecF v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+// The sums of one output frame over taps samples from l and r, with the weights between rows a
+// and b at pf. Each lane sums every LANES-th tap; the lanes are added at the end in a fixed order.
+TOVRA_VECTOR_CLONES void lowpass_lanes(const float* a, const float* b, float pf, int32_t taps, const double* l,
+                                       const double* r, float& out_l, float& out_r) {
+  VecF sum_l{}, sum_r{};
+  for (int32_t n = 0; n < taps; n += LANES) {
+    const VecF wa = load_floats(a + n);
+    const VecF w = wa + pf * (load_floats(b + n) - wa);
+    sum_l += __builtin_convertvector(load(l + n), VecF) * w;
+    sum_r += __builtin_convertvector(load(r + n), VecF) * w;
+  }
+  float total_l = 0.0f, total_r = 0.0f;
+  for (int32_t j = 0; j < LANES; ++j) {
+    total_l += sum_l[j];
+    total_r += sum_r[j];
+  }
+  out_l = total_l;
+  out_r = total_r;
 }
 
 // --- The job ------------------------------------------------------------------------------------
@@ -365,7 +412,12 @@ int32_t setup_job(const char* input_path, const char* output_path, int32_t rate,
   resample.quality = std::clamp(quality, 0, RESAMPLE_QUALITY_MAX);
   resample.kernel = resample.quality == 0 ? kernel_linear : resample.quality == 1 ? kernel_cubic : kernel_sinc;
   if (resample.quality >= 2 && resample.step > 1.0) {
-    make_lowpass(resample.step, resample.quality);
+    if (!make_lowpass(resample.step, resample.quality)) {
+      close_wave_output();
+      remove_partial_output(output_path);
+      close_wave_input();
+      return WAVE_NO_MEMORY;
+    }
     resample.kernel = kernel_lowpass;
   }
   resample.out_path = output_path;
@@ -532,29 +584,31 @@ void kernel_sinc(double position, int32_t& left, int32_t& right) {
 void kernel_lowpass(double position, int32_t& left, int32_t& right) {
   const Lowpass& lp = lowpass;
   const int64_t i = int64_t(position);
-  const int64_t first = int64_t(std::ceil(position - lp.reach));
-  const int64_t last = int64_t(std::floor(position + lp.reach));
-  // Distances are measured from the position's fraction, so that they stay exact in single
-  // precision however far into the file the position lies.
-  const float fraction = float(position - double(i));
-  float sum_l = 0.0f, sum_r = 0.0f;
-  const bool windowed = fill_window(first, last + 1);
-  for (int64_t k = first; k <= last; ++k) {
-    const float t = std::fabs(fraction - float(k - i)) * lp.scale;
-    const int32_t at = int32_t(t);
-    const float w = lp.table[at] + (t - float(at)) * (lp.table[at + 1] - lp.table[at]);
-    float l, r;
-    if (windowed) {
-      l = float(window.left[k - window.base]);
-      r = float(window.right[k - window.base]);
-    } else {
-      int32_t li, ri;
-      read_wave_frame(k, li, ri);
-      l = float(li);
-      r = float(ri);
+  const double phase = (position - double(i)) * lp.phases;
+  const int32_t row = std::min(int32_t(phase), lp.phases - 1);
+  const float pf = float(phase - row);
+  const float* a = lp.rows + size_t(row) * size_t(lp.taps);
+  const float* b = a + lp.taps;
+  const int64_t first = i - lp.before;
+  float sum_l, sum_r;
+  if (fill_window(first, first + lp.taps)) {
+    lowpass_lanes(a, b, pf, lp.taps, window.left + (first - window.base), window.right + (first - window.base), sum_l,
+                  sum_r);
+  } else {
+    // Steps of hundreds of frames: the taps are read one by one, summed as the lanes would.
+    float lanes_l[LANES] = {}, lanes_r[LANES] = {};
+    for (int32_t n = 0; n < lp.taps; ++n) {
+      int32_t l, r;
+      read_wave_frame(first + n, l, r);
+      const float w = a[n] + pf * (b[n] - a[n]);
+      lanes_l[n % LANES] += float(l) * w;
+      lanes_r[n % LANES] += float(r) * w;
     }
-    sum_l += l * w;
-    sum_r += r * w;
+    sum_l = sum_r = 0.0f;
+    for (int32_t j = 0; j < LANES; ++j) {
+      sum_l += lanes_l[j];
+      sum_r += lanes_r[j];
+    }
   }
   left = to_int(sum_l);
   right = to_int(sum_r);
