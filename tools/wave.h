@@ -118,8 +118,7 @@ extern WaveOutput wave_out;
 // WAVE_CHUNK_ERROR when more bytes are needed; WAVE_BAD_FORMAT, with h.problem saying why, when the
 // bytes are not a WAVE header the reader takes.
 int32_t parse_wave_header(const uint8_t* buffer, int32_t length, WaveHeader& h);
-// The same, with the facts the tools have always asked for; data_offset is WAVE_BAD_FORMAT's when
-// the data starts beyond 2 GB.
+// The same, giving the header's facts one by one.
 int32_t parse_wave_header(const uint8_t* buffer, int32_t length, int32_t& rate, int32_t& bits, int32_t& channels,
                           uint32_t& data_size, int32_t& data_offset);
 // Walks the chunks of the file at path, however far its "data" chunk lies, and cuts the data size
