@@ -503,7 +503,7 @@ TEST_F(StreamTest, CliInfoRefusesWhatIsNotMpegAudio) {
       {"folder", dir_.path, "no MPEG audio"},
       {"missing", dir_.file("missing.mp3"), "が開けない"},
       {"PCM WAVE", write("pcm.wav", riff("WAVE", cat({fmt_chunk(1, 16), chunk("data", Bytes(100, 0))}))),
-       "format tag 1"},
+       "0ビット整数のWAVE"},
       {"MPEG 2.5", write("m25.mp3", crafted(0, 1, 9, 0, 0, 0x44, 500, 0xFFE)),
        "TOVRA Information: MPEG 2.5(Fraunhofer format)フォーマットには対応していません"},
   };
