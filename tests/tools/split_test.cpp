@@ -112,8 +112,6 @@ TEST_F(Split, RefusesWhatIsNotAnMpeg1SystemStream) {
   EXPECT_EQ(split(zeros4, &out), tools::SPLIT_OK);
   EXPECT_EQ(out, Bytes(3, 9));
   EXPECT_EQ(split(Bytes(6, 0) + pack()), tools::SPLIT_BAD_START_CODE);
-  // A stray byte between units.
-  EXPECT_EQ(split(pack() + Bytes{0x47} + pack()), tools::SPLIT_BAD_START_CODE);
 
   // The MPEG-2 packet header is the error of its packet's kind.
   EXPECT_EQ(split(pack() + unit(0xE0, MPEG2_HEADER + Bytes(20, 0))), tools::SPLIT_BAD_VIDEO_HEADER);
