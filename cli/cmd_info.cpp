@@ -14,6 +14,7 @@
 #include "session/messages.h"
 #include "session/session.h"
 #include "session/stream.h"
+#include "tools/wave.h"
 
 namespace cli {
 
@@ -103,6 +104,29 @@ void print_frames() {
   std::printf("frames: %d\ndamaged: %d\nduration: %.2f\n", walk.frames, walk.damaged, walk.seconds);
 }
 
+// Describes a PCM or float WAVE file from its header, or says why the tools refuse it. False when
+// the file is no such WAVE (MPEG audio in a RIFF wrapper among them): the MPEG facts are looked for.
+bool describe_wave(const char* path, int& failed) {
+  tools::WaveHeader h;
+  const int32_t code = tools::probe_wave_file(path, h);
+  const bool pcm_refused = h.problem == tools::WAVE_PROBLEM_CHANNELS || h.problem == tools::WAVE_PROBLEM_BITS ||
+                           h.problem == tools::WAVE_PROBLEM_RATE;
+  if (code != tools::WAVE_OK && !pcm_refused) return false;
+  if (code != tools::WAVE_OK) {
+    char text[256];
+    std::fprintf(stderr, "tovra-cli info: '%s': %s\n", path, tools::wave_problem_text(code, h, text, sizeof text));
+    ++failed;
+    return true;
+  }
+  const int64_t frames = h.data_size / uint32_t(h.block_align);
+  std::printf("file: %s\nformat: WAVE %s\nsample_rate: %d Hz\nchannels: %d\n", path, h.is_float ? "IEEE float" : "PCM",
+              h.rate, h.channels);
+  std::printf("bits: %d", h.bits);
+  if (h.valid_bits != h.bits) std::printf(" (%d used)", h.valid_bits);
+  std::printf("\nframes: %lld\nlength: %.3f s\n", static_cast<long long>(frames), double(frames) / h.rate);
+  return true;
+}
+
 }  // namespace
 
 int cmd_info(int argc, char** argv) {
@@ -119,6 +143,7 @@ int cmd_info(int argc, char** argv) {
     if (std::strcmp(argv[i], "--frames") == 0) continue;
     ++files;
     const char* path = argv[i];
+    if (describe_wave(path, failed)) continue;
     session::reader.file = std::fopen(path, "rb");
     if (!session::reader.file) {
       std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, path);

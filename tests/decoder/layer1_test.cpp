@@ -117,12 +117,13 @@ std::vector<int16_t> samples_of(const std::string& path, const std::string& ext)
   size_t head = 0, tail = 0;
   if (ext == "wav") head = 44, tail = 88;
   if (ext == "aif") head = 54;
-  if (ext == "au") head = 24;
+  if (ext == "au") head = 28;
   if (ext == "voc") head = 42, tail = 1;
   std::vector<int16_t> out;
   if (b.size() < head + tail) return out;
-  // Layer I samples are little-endian in every format.
-  for (size_t i = head; i + 1 < b.size() - tail; i += 2) out.push_back(int16_t(b[i] | (b[i + 1] << 8)));
+  const bool big_endian = ext == "aif" || ext == "au";
+  for (size_t i = head; i + 1 < b.size() - tail; i += 2)
+    out.push_back(big_endian ? int16_t(b[i] << 8 | b[i + 1]) : int16_t(b[i] | (b[i + 1] << 8)));
   return out;
 }
 

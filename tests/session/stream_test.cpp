@@ -506,7 +506,7 @@ TEST_F(StreamTest, CliInfoRefusesWhatIsNotMpegAudio) {
       {"folder", dir_.path, "no MPEG audio"},
       {"missing", dir_.file("missing.mp3"), "が開けない"},
       {"PCM WAVE", write("pcm.wav", riff("WAVE", cat({fmt_chunk(1, 16), chunk("data", Bytes(100, 0))}))),
-       "format tag 1"},
+       "0ビット整数のWAVE"},
   };
   for (const Case& k : cases) {
     SCOPED_TRACE(k.name);
