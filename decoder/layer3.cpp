@@ -32,7 +32,7 @@ int32_t decode_layer3_frame(const session::FrameHeader& h) {
   // behind it decodes whatever the ring contains.
   session::bits.reservoir_bits =
       uint32_t((session::bits.reservoir_write - l3.side.main_data_begin) & (session::RESERVOIR_SIZE - 1)) * 8;
-  const int32_t row = (h.id & 1) * 3 + (h.sampling_index < 3 ? h.sampling_index : 0);
+  const int32_t row = sfb_row(h.id & 1, h.sampling_index);
   // The frame's size with padding, less the header, CRC and side information already read.
   session::load_reservoir(session::frame_length(h) - session::head_and_side_bytes(h));
 

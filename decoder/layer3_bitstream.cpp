@@ -230,7 +230,7 @@ int32_t scalefactors_mpeg1(Cursor& c, const SideInfo& si, int32_t gr, int32_t ch
 int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si, int32_t ch) {
   const int32_t gc = ch;  // one granule
   const int32_t compress = si.scalefac_compress[gc];
-  const bool intensity = ch == 1 && (h.mode_ext == 1 || h.mode_ext == 3);
+  const bool intensity = ch == 1 && h.mode == 1 && (h.mode_ext & 1);
   int32_t* slen = l3.lsf_slen;
   int32_t row = 0;
   si.preflag[gc] = 0;
@@ -284,6 +284,8 @@ int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si,
 
   int32_t* sl = l3.scalefac_long[gc];
   int32_t* ss = l3.scalefac_short[gc];
+  int32_t* limit_long = l3.intensity_limit;
+  int32_t* limit_short = l3.intensity_limit_short;
   int32_t count = 0;
   if (!is_short_block(si, gc)) {
     const int32_t* counts = lsf_sfb_counts[row][0];
@@ -291,49 +293,38 @@ int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si,
     for (int32_t i = 0; i < 4; ++i)
       for (int32_t j = 0; j < counts[i] && band < 21; ++j) {
         sl[band] = int32_t(c.get_or_zero(slen[i]));
-        if (intensity) l3.intensity_limit[band] = (1 << slen[i]) - 1;
+        limit_long[band] = (1 << slen[i]) - 1;
         count += slen[i];
         ++band;
       }
-    for (; band < 22; ++band) sl[band] = 0;
+    for (; band < 22; ++band) sl[band] = limit_long[band] = 0;
     return count;
   }
 
-  int32_t* counts;
+  // Short counts are band-window entries, three to a band. A mixed block's first group starts with
+  // the six long bands below line 36; the rest of that group is short entries from band 3.
+  const bool mixed = si.mixed_block[gc];
+  const int32_t* counts = lsf_sfb_counts[row][mixed ? 2 : 1];
   int32_t band = 0;
-  if (si.mixed_block[gc]) {
-    counts = lsf_sfb_counts[row][2];
-    const int32_t s1 = slen[0];
-    if (s1 != 0) {
-      // The first read's second-highest group is dropped and band 1 is read on its own, so s1 more
-      // bits go than are counted; the end-of-granule correction puts the position right.
-      uint32_t v = c.get(6 * s1);
-      const uint32_t mask = (1u << s1) - 1;
-      for (int32_t b = 5; b >= 2; --b) {
-        sl[b] = int32_t(v & mask);
-        v >>= s1;
-      }
-      sl[1] = int32_t(c.get(s1));
-      sl[0] = int32_t(v >> s1);
-      count += 6 * s1;
-    }
-    // With s1 = 0 the six long entries keep their last values.
-    // The stored count loses the six long bands, in the table itself, so the loss repeats at every
-    // mixed block of this row. Below 0 the count would run the reading loop out of its arrays; it
-    // stays at 0, which is what the first block of rows 0, 3, 4 and 5 sees.
-    counts[0] = counts[0] > 6 ? counts[0] - 6 : 0;
+  int32_t first_count = counts[0];
+  if (mixed) {
+    read_group(c, sl, 6, slen[0]);
+    for (int32_t b = 0; b < 6; ++b) limit_long[b] = (1 << slen[0]) - 1;
+    count += 6 * slen[0];
+    first_count -= 6;
     band = 3;
-  } else {
-    counts = lsf_sfb_counts[row][1];
   }
   for (int32_t i = 0; i < 4; ++i) {
-    for (int32_t n = counts[i]; n > 0 && band < 12; n -= 3, ++band) {
+    for (int32_t n = i ? counts[i] : first_count; n > 0 && band < 12; n -= 3, ++band) {
       for (int32_t w = 0; w < 3; ++w) ss[band * 3 + w] = int32_t(c.get_or_zero(slen[i]));
-      if (intensity) l3.intensity_limit[band] = (1 << slen[i]) - 1;
+      limit_short[band] = (1 << slen[i]) - 1;
       count += 3 * slen[i];
     }
   }
-  for (; band < 13; ++band) ss[band * 3] = ss[band * 3 + 1] = ss[band * 3 + 2] = 0;
+  for (; band < 13; ++band) {
+    ss[band * 3] = ss[band * 3 + 1] = ss[band * 3 + 2] = 0;
+    limit_short[band] = 0;
+  }
   return count;
 }
 
@@ -440,7 +431,8 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
     }
   }
 
-  // Count-1 quads until the granule's bits are used up. A quad that overshoots stays.
+  // Count-1 quads until the granule's bits are used up. A quad that ends beyond them is not part of
+  // the granule and is dropped.
   const int32_t quad_table = 32 + si.count1table_select[gc];
   BitCache b(c.pos);
   int32_t used = int32_t((b.pos() - huffman_start) & session::RESERVOIR_BIT_MASK);
@@ -463,6 +455,10 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
     b.skip(n);
     used += n;
     pos += 4;
+    if (used > target) {
+      pos -= 4;
+      q[pos] = q[pos + 1] = q[pos + 2] = q[pos + 3] = 0;
+    }
   }
   if (pos > 576) pos = 576;
   l3.line_count[ch] = pos;
