@@ -24,7 +24,10 @@ void reset_layer3_state() {
 }
 
 int32_t decode_layer3_frame(const session::FrameHeader& h) {
-  session::state.decoded_channels = h.mode == 3 ? 1 : 2;
+  // The output keeps the first frame's channel count, which the output file or device was opened
+  // with; a stream that joins parts of other modes must not change it midway.
+  if (!l3.out_channels) l3.out_channels = h.mode == 3 ? 1 : 2;
+  session::state.decoded_channels = l3.out_channels;
   read_side_info(h, l3.side);
 
   // The frame's main data starts main_data_begin bytes before where this frame's bytes land. The

@@ -62,6 +62,9 @@ struct Layer3State {
   alignas(16) float hybrid_in[2][576];  // dequantised lines, short blocks reordered
   alignas(16) float overlap[2][32][18];
   int32_t active_subbands;
+  // Channels of the output, fixed by the stream's first frame (0 before it): a later frame with
+  // another channel count is duplicated or mixed to fit.
+  int32_t out_channels;
 };
 
 extern Layer3State l3;

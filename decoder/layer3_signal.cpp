@@ -480,9 +480,32 @@ void decode_granule_signal(const session::FrameHeader& h, int32_t gr) {
   } else {
     for (int32_t ch = 0; ch < channels; ++ch) dequantise(gr, ch);
   }
-  for (int32_t ch = channels - 1; ch >= 0; --ch) {
-    transform_channel(gr, ch);
-    session::state.synth_slot(ch);
+  const int32_t out = l3.out_channels ? l3.out_channels : channels;
+  if (channels == out) {
+    for (int32_t ch = channels - 1; ch >= 0; --ch) {
+      transform_channel(gr, ch);
+      session::state.synth_slot(ch);
+    }
+  } else if (out == 2) {
+    // A mono frame in a stereo stream plays in both channels. Channel 1 takes channel 0's overlap
+    // too, so that it goes on without a seam when the stream turns stereo again. The synthesis may
+    // treat the samples in place (emphasis): each channel gets them fresh.
+    transform_channel(gr, 0);
+    std::memcpy(l3.overlap[1], l3.overlap[0], sizeof l3.overlap[0]);
+    alignas(16) float mono[32][18];
+    std::memcpy(mono, subband_samples, sizeof mono);
+    session::state.synth_slot(1);
+    std::memcpy(subband_samples, mono, sizeof mono);
+    session::state.synth_slot(0);
+  } else {
+    // A stereo frame in a mono stream: the mean of the two channels.
+    transform_channel(gr, 1);
+    alignas(16) float right[32][18];
+    std::memcpy(right, subband_samples, sizeof right);
+    transform_channel(gr, 0);
+    for (int32_t sb = 0; sb < 32; ++sb)
+      for (int32_t t = 0; t < 18; ++t) subband_samples[sb][t] = (subband_samples[sb][t] + right[sb][t]) * 0.5f;
+    session::state.synth_slot(0);
   }
   session::state.shaper_slot();
 }
