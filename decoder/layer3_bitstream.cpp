@@ -405,7 +405,8 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
     bound[0] = sfb_long[si.region0_count[gc]] + 1;
     bound[1] = (r1 < SFB_LONG_BANDS ? sfb_long[r1] : 575) + 1;
   } else {
-    bound[0] = si.block_type[gc] == 2 && !si.mixed_block[gc] ? l3.sfb_short[2] * 3 + 3 : sfb_long[7] + 1;
+    // Region 0 of a mixed block is its long part, 36 lines at every rate.
+    bound[0] = si.block_type[gc] != 2 ? sfb_long[7] + 1 : si.mixed_block[gc] ? 36 : l3.sfb_short[2] * 3 + 3;
     bound[1] = big_end;
   }
   bound[0] = bound[0] < big_end ? bound[0] : big_end;

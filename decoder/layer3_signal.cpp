@@ -176,16 +176,15 @@ void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
     const int32_t* limit = l3.intensity_limit;
     if (!is_short_block(si, g1)) {
       // Long block: the band holding channel 1's last non-zero line ends the plain part. With no
-      // such line the bound is the end of band 0.
+      // such line every band is an intensity band.
       const int32_t last = last_nonzero(q1, 0, lc1);
-      const int32_t first_band = long_band_of(sfb_long, last < 0 ? 0 : last);
-      const int32_t bound = sfb_long[first_band] + 1;
-      if (ms) mid_side(l, r, 0, bound);
+      const int32_t first_band = last < 0 ? -1 : long_band_of(sfb_long, last);
+      if (ms && last >= 0) mid_side(l, r, 0, sfb_long[first_band] + 1);
       // The top band has no scale factor of its own and takes the position of the band below.
       const int32_t* sl1 = l3.scalefac_long[g1];
       for (int32_t b = first_band + 1; b < SFB_LONG_BANDS; ++b) {
         const int32_t k = b < SFB_LONG_BANDS - 1 ? b : b - 1;
-        intensity_band(h, l, r, sfb_long[b - 1] + 1, sfb_long[b] + 1, sl1[k], limit[k], ms);
+        intensity_band(h, l, r, b ? sfb_long[b - 1] + 1 : 0, sfb_long[b] + 1, sl1[k], limit[k], ms);
       }
     } else {
       // Short block: per window, the first band above the last one holding a non-zero line.
@@ -207,7 +206,7 @@ void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
         if (bound_band[0] < 0 && bound_band[1] < 0 && bound_band[2] < 0) {
           // Nothing in the short part: the long search over the first 36 lines decides.
           const int32_t last = last_nonzero(q1, 0, lc1 < 36 ? lc1 : 36);
-          long_bound = sfb_long[long_band_of(sfb_long, last < 0 ? 0 : last)] + 1;
+          long_bound = last < 0 ? 0 : sfb_long[long_band_of(sfb_long, last)] + 1;
         } else {
           long_bound = 36;
         }

@@ -99,7 +99,7 @@ TEST(Layer3Dequantise, LargestLinesAndSilencedBands) {
   EXPECT_EQ(x[5], -decoder::pow43_table[decoder::POW43_MAX + 3] * decoder::gain_table[17]);  // band 1 at 17
 }
 
-// MPEG-1 intensity stereo with channel 1 silent: the bound is the end of band 0. Position 7 is
+// MPEG-1 intensity stereo with channel 1 silent: every band is an intensity band. Position 7 is
 // illegal and the band stays plain (here mid/side with mode_ext 3); 0 sends all right, 3 half and
 // half, 6 all left. LSF: odd positions scale the left channel, even ones the right, and the band's
 // largest scale factor value is illegal.
@@ -109,12 +109,12 @@ TEST(Layer3Stereo, IntensityPositions) {
     session::FrameHeader h = fresh_state(1, 1, mode_ext);
     for (int32_t i = 0; i < 576; ++i) l3.quant_lines[0][i] = 1;
     l3.line_count[0] = 576;
-    const int32_t position[5] = {5, 7, 0, 3, 6};  // bands 0-4; band 0 is below the bound
+    const int32_t position[5] = {6, 7, 0, 3, 6};  // bands 0-4
     std::memcpy(l3.scalefac_long[1], position, sizeof position);
     decoder::dequantise_stereo(h, 0);
     const float plain = mode_ext == 3 ? 0.70710677f : 1.0f;
     const float side = mode_ext == 3 ? plain : 0.0f;
-    const float left[5] = {plain, plain, 0.0f, 0.5f, 1.0f}, right[5] = {side, side, 1.0f, 0.5f, 0.0f};
+    const float left[5] = {1.0f, plain, 0.0f, 0.5f, 1.0f}, right[5] = {0.0f, side, 1.0f, 0.5f, 0.0f};
     for (int32_t i = 0; i < 20; ++i) {
       EXPECT_FLOAT_EQ(l3.hybrid_in[0][i], left[i / 4]) << i;
       EXPECT_FLOAT_EQ(l3.hybrid_in[1][i], right[i / 4]) << i;
