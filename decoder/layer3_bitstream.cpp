@@ -5,8 +5,8 @@
 // repeats its first bytes, so there is no wrap test and no per-bit loop. The scale factors read
 // through a local copy of the position; the Huffman loops through a 64-bit cache refilled ahead of
 // the decoding, with the start-up tables of layer3_tables.h (a direct look-up for codes of up to
-// eight bits, a finer index for the rest). Corrupt data cannot push a read out
-// of the ring: positions are masked to 15 bits and every store index is bounded.
+// ten bits, an eight-bit index into the list for the rest). Corrupt data cannot push a read out of
+// the ring: positions are masked to 15 bits and every store index is bounded.
 #include <cstring>
 
 #include "decoder/layer3.h"
@@ -334,25 +334,26 @@ int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si,
 template <bool kLinbits>
 int32_t decode_pairs(Cursor& c, int32_t table, int32_t pos, int32_t end, int32_t* q, int32_t& x, int32_t& y) {
   const int32_t linbits = kLinbits ? linbits_table[table] : 0;
-  const uint16_t* fast8 = huffman_fast8[table];
+  const uint16_t* fast = huffman_fast[table];
   BitCache b(c.pos);
   int32_t vx = x, vy = y;
   for (; pos < end; pos += 2) {
     b.refill();
     const uint32_t window = b.top();
-    const uint32_t fast = fast8[window >> 24];
-    const uint32_t w = fast ? fast : find_word8(table, window & 0xFFFFE000u);
+    const uint32_t hit = fast[window >> (32 - HUFFMAN_FAST_BITS)];
+    const uint32_t w = hit ? hit : find_word8(table, window & 0xFFFFE000u);
     const int32_t len = int32_t((w >> 8) & 31);
     vx = int32_t((w >> 4) & 15);
     vy = int32_t(w & 15);
     if (!kLinbits || (vx != 15 && vy != 15)) {
       // Sign bits follow the non-zero values; taken without branches, as they are unpredictable.
+      // (v + 15) >> 4 is 1 for v of 1 to 15, 0 for 0: plain arithmetic, no flags to keep.
       uint32_t rest = window << len;
-      const int32_t has_x = vx != 0, has_y = vy != 0;
-      const int32_t neg_x = -int32_t((rest >> 31) & uint32_t(has_x));
+      const uint32_t has_x = uint32_t(vx + 15) >> 4, has_y = uint32_t(vy + 15) >> 4;
+      const int32_t neg_x = -int32_t((rest >> 31) & has_x);
       rest <<= has_x;
-      const int32_t neg_y = -int32_t((rest >> 31) & uint32_t(has_y));
-      b.skip(len + has_x + has_y);
+      const int32_t neg_y = -int32_t((rest >> 31) & has_y);
+      b.skip(len + int32_t(has_x + has_y));
       q[pos] = (vx ^ neg_x) - neg_x;
       q[pos + 1] = (vy ^ neg_y) - neg_y;
       continue;
@@ -437,12 +438,12 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
   const int32_t quad_table = 32 + si.count1table_select[gc];
   BitCache b(c.pos);
   int32_t used = int32_t((b.pos() - huffman_start) & session::RESERVOIR_BIT_MASK);
-  const uint16_t* quad_fast8 = huffman_fast8[quad_table];
+  const uint16_t* quad_fast = huffman_fast[quad_table];
   while (pos < 576 && used < target) {
     b.refill();
     const uint32_t window = b.top();
-    const uint32_t fast = quad_fast8[window >> 24];
-    const uint32_t w = fast ? fast : find_word8(quad_table, window & 0xFFFFE000u);
+    const uint32_t hit = quad_fast[window >> (32 - HUFFMAN_FAST_BITS)];
+    const uint32_t w = hit ? hit : find_word8(quad_table, window & 0xFFFFE000u);
     // At most 6 code bits and 4 sign bits: all within the window.
     int32_t n = int32_t((w >> 8) & 31);
     uint32_t rest = window << n;

@@ -132,7 +132,7 @@ const float lsf_intensity_table[2][32] = {
 };
 
 uint8_t huffman_start8[HUFFMAN_TABLES][256];
-uint16_t huffman_fast8[HUFFMAN_TABLES][256];
+uint16_t huffman_fast[HUFFMAN_TABLES][1 << HUFFMAN_FAST_BITS];
 
 void init_layer3_tables() {
   for (int32_t t = 0; t < HUFFMAN_TABLES; ++t) {
@@ -145,8 +145,13 @@ void init_layer3_tables() {
       const uint32_t probe = p << 24;
       while (i + 1 < huffman_list_size[t] && (list[i + 1] & 0xFFFFE000u) <= probe) ++i;
       huffman_start8[t][p] = uint8_t(i);
+    }
+    i = 0;
+    for (uint32_t p = 0; p < (1u << HUFFMAN_FAST_BITS); ++p) {
+      const uint32_t probe = p << (32 - HUFFMAN_FAST_BITS);
+      while (i + 1 < huffman_list_size[t] && (list[i + 1] & 0xFFFFE000u) <= probe) ++i;
       const uint32_t len = (list[i] >> 8) & 31;
-      huffman_fast8[t][p] = len >= 1 && len <= 8 ? uint16_t(list[i] & 0x1FFF) : 0;
+      huffman_fast[t][p] = len >= 1 && len <= uint32_t(HUFFMAN_FAST_BITS) ? uint16_t(list[i] & 0x1FFF) : 0;
     }
   }
 }

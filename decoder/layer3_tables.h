@@ -59,9 +59,10 @@ extern const uint8_t huffman_prefix[HUFFMAN_TABLES][16];
 // The same index for the next eight bits, computed at start-up from the lists: the decoding loops
 // use it so that every code of up to eight bits is found with one compare.
 extern uint8_t huffman_start8[HUFFMAN_TABLES][256];
-// For the next eight bits, the low 13 bits of the matching word (length, x, y) when its code is at
-// most eight bits long, else 0: the common short codes then need a single look-up.
-extern uint16_t huffman_fast8[HUFFMAN_TABLES][256];
+// For the next HUFFMAN_FAST_BITS bits, the low 13 bits of the matching word (length, x, y) when its
+// code is at most that long, else 0: nearly every code then needs a single look-up.
+constexpr int32_t HUFFMAN_FAST_BITS = 10;
+extern uint16_t huffman_fast[HUFFMAN_TABLES][1 << HUFFMAN_FAST_BITS];
 
 // Folded windows of the inverse transforms: sign, window and the DCT-IV output factor in one
 // multiplier per output. Rows of imdct_window: long, start, stop.
