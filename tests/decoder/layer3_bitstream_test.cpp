@@ -250,33 +250,6 @@ TEST(Layer3Huffman, Count1OvershootDropsTheQuad) {
   EXPECT_EQ(bits.reservoir_bits, 7u);
 }
 
-// LSF mixed blocks: six long bands at slen1 in stream order, then short bands from 3, the first
-// group's remaining entries included (row 2: 15 - 6 = 9 entries, three bands at slen1). The band
-// counts are fixed: a second block decodes the same as the first.
-TEST(Layer3Huffman, LsfMixedBlockScaleFactors) {
-  session::FrameHeader h = fresh_state(0);
-  decoder::SideInfo& si = l3.side;
-  si.window_switching[0] = 1;
-  si.block_type[0] = 2;
-  si.mixed_block[0] = 1;
-  si.scalefac_compress[0] = 511;  // row 2, slen 3 and 2, preflag
-  l3test::RingWriter w(0);
-  for (int32_t v : {1, 2, 3, 4, 5, 6}) w.put(uint32_t(v), 3);
-  for (int32_t i = 0; i < 9; ++i) w.put(uint32_t(i & 7), 3);   // short bands 3-5 at slen1
-  for (int32_t i = 0; i < 18; ++i) w.put(uint32_t(i & 3), 2);  // short bands 6-11 at slen2
-  si.part2_3_length[0] = 18 + 27 + 36;
-  for (int32_t block = 0; block < 2; ++block) {
-    bits.reservoir_bits = 0;
-    decoder::decode_huffman(h, si, 0, 0);
-    EXPECT_EQ(si.preflag[0], 1);
-    for (int32_t b = 0; b < 6; ++b) EXPECT_EQ(l3.scalefac_long[0][b], b + 1) << b;
-    for (int32_t i = 0; i < 9; ++i) EXPECT_EQ(l3.scalefac_short[0][9 + i], i & 7) << i;
-    for (int32_t i = 0; i < 18; ++i) EXPECT_EQ(l3.scalefac_short[0][18 + i], i & 3) << i;
-    EXPECT_EQ(l3.line_count[0], 0);  // the scale factors used all the bits
-    EXPECT_EQ(bits.reservoir_bits, uint32_t(si.part2_3_length[0]));
-  }
-}
-
 std::vector<int32_t> first_granule_lines;
 
 // After a stream start the ring holds nothing of the stream, and main_data_begin may still point

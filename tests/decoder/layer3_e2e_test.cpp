@@ -1,6 +1,7 @@
 // Layer III end to end, against mpg123 sample by sample over whole files: what lame and ffmpeg make
-// at every rate and mode, streams whose mode changes between frames, a stream of mixed blocks; the
-// conformance vectors against their reference output; damaged streams for robustness.
+// at every rate and mode, streams whose mode changes between frames, streams built bit by bit with
+// mixed blocks and intensity stereo; the conformance vectors against their reference output;
+// damaged streams for robustness.
 #include <gtest/gtest.h>
 
 #include <cstdio>
