@@ -1,7 +1,8 @@
 // Random side information and main data through the Layer III decoder. The input is cut into
 // frames: three bytes choose a valid Layer III header (MPEG-1, LSF or MPEG 2.5, any rate, mode,
-// extension, CRC and padding), the frame's remaining bytes follow as they come. The frames run through the
-// session's own steps (read_frame, skip_crc, decode_layer3_frame) with the real synthesis.
+// extension, CRC and padding), the frame's remaining bytes follow as they come. The frames run
+// through the session's own steps (read_frame, skip_crc, decode_layer3_frame) with the real
+// synthesis.
 #include <cstdint>
 #include <cstdio>
 #include <vector>
