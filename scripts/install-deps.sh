@@ -6,7 +6,7 @@ packages=(
   g++ clang libclang-rt-14-dev cmake ninja-build pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
   libsdl2-dev
-  mpg123 lame twolame sox ffmpeg
+  mpg123 lame twolame sox ffmpeg hyperfine
   clang-format
 )
 missing=()
