@@ -40,18 +40,19 @@ constexpr Field fields[] = {
     {"--comment", "comment", &library::TagForm::comment, 30},
 };
 
-// The tag's fields and the information text, as the dialog shows them.
-void show(const char* path, int32_t no_genre_value) {
-  library::Id3Record r;
-  const int32_t got = library::read_tag(path, r, no_genre_value);
-  const library::TagForm f = library::form_from_record(r);
-  std::printf("tag: %s\n", got != library::TAG_OK ? "none" : f.v11 ? "ID3v1.1" : "ID3v1");
-  if (got == library::TAG_OK) {
+// The tag's fields and the information text, as the tag dialog shows them for the stream just opened.
+void show(int32_t j_idtag) {
+  const library::Id3View v = library::open_view(nullptr, 0, 0, j_idtag);
+  const library::TagForm& f = v.form;
+  const bool tagged = library::is_tag(v.record);
+  std::printf("tag: %s\n", !tagged ? "none" : f.v11 ? "ID3v1.1" : "ID3v1");
+  if (tagged) {
     for (const Field& field : fields) std::printf("%s: %s\n", field.name, library::from_cp932(f.*field.member).c_str());
     if (f.v11) std::printf("track: %d\n", f.track);
-    std::printf("genre: %s (%d)\n", f.genre.c_str(), r.genre);
+    std::printf("genre: %s (%d)\n", f.genre.c_str(), v.record.genre);
   }
-  std::string info = library::mpeg_info_text(session::stream, nullptr, 0);
+  if (!v.can_save) std::printf("taggable: no\n");
+  std::string info = v.info;
   for (size_t at; (at = info.find('\r')) != std::string::npos;) info.erase(at, 1);
   if (!info.empty()) std::printf("%s\n", info.c_str());
 }
@@ -155,7 +156,7 @@ int cmd_tag(int argc, char** argv) {
     return 1;
   }
   if (!edit && !remove) {
-    show(path, no_genre_value);
+    show(library::settings.j_idtag);
     return 0;
   }
 

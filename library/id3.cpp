@@ -304,16 +304,19 @@ namespace {
 constexpr const char* emphasis_names[8] = {"None", "50/15ms", "Reserved", "CCITT j.17", "raw", "wav", "aif", "au"};
 constexpr const char* stereo_words[4] = {"Joint ", "Intensity ", "MS ", "Combined "};
 
+// The wrapper kind by the mark open_stream leaves in tag_buffer: "RIF" WAVE, "RMP" an RMP3 file with
+// LIST INFO items, in any case.
+int32_t marked_wrapper(const session::StreamInfo& s) {
+  auto lower = [](uint8_t c) { return c >= 'A' && c <= 'Z' ? char(c + 32) : char(c); };
+  const std::string mark = {lower(s.tag_buffer[0]), lower(s.tag_buffer[1]), lower(s.tag_buffer[2])};
+  return mark == "rif" ? 1 : mark == "rmp" ? 2 : 0;
+}
+
 }  // namespace
 
 std::string mpeg_info_text(const session::StreamInfo& s, const session::ProbeInfo* probe, int32_t probe_kind) {
   if (probe ? probe->id == 0 || probe->play_seconds == 0 : s.mpeg_id == -1 || s.play_seconds == 0) return "";
-  int32_t kind = probe_kind;
-  if (!probe) {
-    auto lower = [](uint8_t c) { return c >= 'A' && c <= 'Z' ? char(c + 32) : char(c); };
-    const std::string mark = {lower(s.tag_buffer[0]), lower(s.tag_buffer[1]), lower(s.tag_buffer[2])};
-    kind = mark == "rif" ? 1 : mark == "rmp" ? 2 : 0;
-  }
+  const int32_t kind = probe ? probe_kind : marked_wrapper(s);
   char buf[512];
   std::snprintf(buf, sizeof buf,
                 "filesize = %d (%d:%02d)\r\nframes = %d\r\nMPEG-%d, layer %d\r\nbitrate = %dkbit/sec\r\n"
@@ -358,6 +361,28 @@ std::string mpeg_info_text(const session::StreamInfo& s, const session::ProbeInf
     text += "\r\n(+ Rmp Header)";
   }
   return text;
+}
+
+Id3View open_view(const char* path, int32_t n, int32_t count, int32_t j_idtag) {
+  Id3View v;
+  if (path && *path) {
+    v.can_delete = read_tag(path, v.record, no_genre(j_idtag)) == TAG_OK;
+    session::ProbeInfo probe{};
+    const int32_t kind = session::probe_file(path, probe);
+    // A stream the probe cannot read at its start (an ID3v2 tag in front, say) is still a bare
+    // file that takes a tag; only the RIFF wrappers cannot.
+    v.wrapper_kind = kind == 1 || kind == 2 ? kind : kind == session::STREAM_NO_DATA ? 1 : 0;
+    v.info = kind == 0 || kind == 1 || kind == 2 ? mpeg_info_text(session::stream, &probe, kind) : "";
+  } else {
+    std::memcpy(&v.record, session::stream.tag_buffer, TAG_BYTES);
+    v.can_delete = is_tag(v.record);
+    v.info = mpeg_info_text(session::stream, nullptr, 0);
+    v.wrapper_kind = marked_wrapper(session::stream);
+  }
+  if (v.wrapper_kind != 0) v.can_save = v.can_delete = false;
+  v.form = form_from_record(v.record);
+  v.group_title = info_group_title(n, count);
+  return v;
 }
 
 }  // namespace library

@@ -111,4 +111,18 @@ std::string info_group_title(int32_t n, int32_t count);
 // reads as an output format name. Empty when there is no text.
 std::string mpeg_info_text(const session::StreamInfo& s, const session::ProbeInfo* probe, int32_t probe_kind);
 
+// What the tag dialog shows when it opens on path (or, with path null or empty, on the current
+// stream's tag_buffer): the working record and its fields, which buttons work, the group's title
+// and the information text. n and count number the file in a series (count 0: no series).
+struct Id3View {
+  Id3Record record;
+  TagForm form;
+  int32_t wrapper_kind = 0;  // 0 bare, 1 WAVE, 2 RMP3
+  bool can_save = true;
+  bool can_delete = true;
+  std::string group_title;
+  std::string info;
+};
+Id3View open_view(const char* path, int32_t n, int32_t count, int32_t j_idtag);
+
 }  // namespace library

@@ -68,6 +68,13 @@ TEST(Id3, InformationTextShowsTheStreamLastOpened) {
   EXPECT_NE(text.find("emphasis = 50/15ms\r\n(+ Wave Header)"), std::string::npos) << text;
   probe.id = 0;  // MPEG-2: no text at all
   EXPECT_EQ(library::mpeg_info_text(s, &probe, 0), "");
+
+  // The dialog on the current stream: a WAVE-wrapped one is shown, never tagged.
+  std::memcpy(session::stream.tag_buffer, "rif", 3);
+  const library::Id3View v = library::open_view(nullptr, 0, 0, 1);
+  EXPECT_EQ(v.wrapper_kind, 1);
+  EXPECT_FALSE(v.can_save || v.can_delete);
+  EXPECT_EQ(v.group_title, "MPEG info");
 }
 
 }  // namespace
