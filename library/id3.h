@@ -101,7 +101,21 @@ inline TagForm previous_form() { return form_from_record(previous_tag); }
 
 // The tag dialog's texts and exit values.
 constexpr const char* ID3_DIALOG_CAPTION = "TOVRA - ID3tag editor";
+// Exit values for the series of files opened from the playlist editor: 1 after a save, a delete or
+// "ｷｬﾝｾﾙ" (on to the next file), -1 for "戻る >>", 0 when the dialog is closed (the series ends).
 enum Id3Exit : int32_t { ID3_EXIT_END = 0, ID3_EXIT_NEXT = 1, ID3_EXIT_PREVIOUS = -1 };
+// The dialog's controls and their captions.
+struct Id3Control {
+  int32_t id;
+  const char* text;
+  int32_t limit;  // characters an edit field takes, 0 for no edit field
+};
+constexpr Id3Control id3_controls[] = {
+    {1023, "", 0},      {1024, "Title", 30},  {1025, "Artist", 30},   {1026, "Album", 30},
+    {1027, "Year", 4},  {1028, "Genre", 0},   {1029, "Comment", 30},  {1033, "&Track >>>", 0},
+    {1037, "", 3},      {1, "設定 (&S)", 0},  {1030, "ID3を削除", 0}, {1032, "前のタグをｺﾋﾟｰ (&C)", 0},
+    {1034, "ｷｬﾝｾﾙ", 0}, {1035, "戻る >>", 0}, {1036, "MPEG info", 0}, {1031, "", 0},
+};
 // "MPEG info", or "MPEG info (n/count)" in a series (count > 0).
 std::string info_group_title(int32_t n, int32_t count);
 // The stream information text (lines end in "\r\n"): always the facts of s, the stream last opened.
