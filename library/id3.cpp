@@ -40,7 +40,12 @@ const char* const genre_table[GENRE_SLOTS] = {
     "Anime(J)"};
 static_assert(sizeof genre_table / sizeof genre_table[0] == GENRE_SLOTS);
 
-Id3Record previous_tag = {};
+// Cleared as at start-up with "J-IDtag" on; the start-up clears it again for the setting in force.
+Id3Record previous_tag = [] {
+  Id3Record r;
+  clear_record(r, 247);
+  return r;
+}();
 
 int32_t no_genre(int32_t j_idtag) { return j_idtag ? 247 : 255; }
 int32_t last_offered_genre(int32_t j_idtag) { return j_idtag ? 255 : 247; }

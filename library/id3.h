@@ -90,7 +90,8 @@ int32_t write_tag(const char* path, const Id3Record& r);
 // Takes the tag off path's tail (the file gets 128 bytes shorter).
 int32_t delete_tag(const char* path);
 
-// The tag dialog's state that outlives one use of it, and its saving and deleting. With is_current
+// The tag dialog's state that outlives one use of it (start-up clears it with clear_record for the
+// "J-IDtag" in force), and its saving and deleting. With is_current
 // (the path is the playlist's current entry) the stream's tag_buffer takes the new record too; the
 // title refresh is the caller's.
 extern Id3Record previous_tag;
