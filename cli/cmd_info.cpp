@@ -1,8 +1,6 @@
 // tovra-cli info [--frames] FILE...: the facts open_stream finds (with the wrapper around the
 // audio, the tail tag, the ID3v2 texts and the RIFF LIST INFO items), and with --frames each
 // frame's header as the frame reader sees it, with the count and length of the frames walked.
-#include <iconv.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -11,6 +9,7 @@
 
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "library/id3.h"
 #include "session/messages.h"
 #include "session/session.h"
 #include "session/stream.h"
@@ -44,22 +43,6 @@ std::string wrapper_text(int32_t bits) {
   return text.empty() ? "none" : text;
 }
 
-// Item texts are code page 932 bytes: shown as UTF-8, or as they are when they do not convert.
-std::string from_cp932(const std::string& bytes) {
-  iconv_t cd = iconv_open("UTF-8", "CP932");
-  if (cd == iconv_t(-1)) return bytes;
-  std::string out(bytes.size() * 3 + 4, '\0');
-  char* in = const_cast<char*>(bytes.data());
-  size_t in_left = bytes.size();
-  char* to = out.data();
-  size_t to_left = out.size();
-  size_t r = iconv(cd, &in, &in_left, &to, &to_left);
-  iconv_close(cd);
-  if (r == size_t(-1)) return bytes;
-  out.resize(out.size() - to_left);
-  return out;
-}
-
 // Prints the LIST INFO items that open_stream recorded; the file position is restored.
 void print_list_info() {
   long at = std::ftell(session::reader.file);
@@ -74,7 +57,8 @@ void print_list_info() {
     item.resize(std::strlen(item.c_str()));  // the text ends at its first zero byte
     for (char& c : item)
       if (uint8_t(c) < 32) c = ' ';
-    std::printf("info %s: %s\n", info_names[slot], from_cp932(item).c_str());
+    // Item texts are code page 932 bytes.
+    std::printf("info %s: %s\n", info_names[slot], library::from_cp932(item).c_str());
   }
   std::fseek(session::reader.file, at, SEEK_SET);
 }
