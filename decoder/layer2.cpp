@@ -8,15 +8,10 @@
 // factor, formed once per subband and part.
 //
 // Decisions of this decoder that differ from the standard, all kept on purpose:
-// - The frame size is frame_size_table's, K * kbit/s / Hz with K = 144000 for MPEG-1 and 72000 for
-//   MPEG-2; for MPEG-2 streams that is half the real frame, and the reader's sync search picks up
-//   the next header.
 // - The table is chosen by the exact per-channel rate. A rate that no table lists (16, 24, 28 or
-//   40 kbit/s per channel, free format, a stray Layer I header's rates) gives a damaged frame: it is
+//   40 kbit/s per channel, free format) gives a damaged frame: it is
 //   decoded as if every allocation code were 0, so the output is the ring's fading history followed
 //   by silence, and damaged_flag is raised.
-// - Above the joint bound both channels get channel 0's samples with channel 0's scale factors;
-//   channel 1's scale factors there are read and ignored.
 // - The narrow tables' stored class 127 is taken as the class of 127 steps, which is what the code
 //   means in the standard.
 // - In joint stereo the bound may lie above sblimit (narrow tables). The allocation loop then runs
@@ -236,10 +231,7 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   int32_t kbps = 0;
   if (header_ok) {
     kbps = session::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
-    // K * kbit/s / Hz with K by the ID bit for every layer: half the real frame for MPEG-2.
-    const int32_t frame_bytes =
-        session::frame_size_table[((h.id * 3 + h.sampling_index) * 3 - h.layer_code) * 15 + h.bitrate_index];
-    session::load_reservoir(frame_bytes + h.padding_bit - (h.protection_bit ? 4 : 6));
+    session::load_reservoir(session::frame_length(h) - (h.protection_bit ? 4 : 6));
   }
 
   // 2. Channels and the joint bound.
@@ -302,7 +294,7 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
     }
   }
 
-  // 8-10. Samples: 12 rounds of 3 slots; joint bands decoded once and copied; the rest zero.
+  // 8-10. Samples: 12 rounds of 3 slots; the rest zero.
   Band band[2][32];
   for (int32_t ch = 0; ch < channels; ++ch)
     for (int32_t sb = 0; sb < coded; ++sb) set_band(band[ch][sb], cls[ch][sb], scale[ch][sb]);
@@ -313,10 +305,15 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
     const int32_t slot = g * 3;
     for (int32_t sb = 0; sb < bound; ++sb)
       for (int32_t ch = 0; ch < channels; ++ch) read_triple(in, band[ch][sb], part, &samples[ch][sb][slot]);
+    // Above the bound the channels share one code but each applies its own scale factors: the
+    // code is read once per channel from the same position.
     for (int32_t sb = bound; sb < sblimit; ++sb) {
-      float* out = &samples[0][sb][slot];
-      read_triple(in, band[0][sb], part, out);
-      if (channels == 2) std::memcpy(&samples[1][sb][slot], out, 3 * sizeof(float));
+      const uint32_t at = in.pos;
+      read_triple(in, band[0][sb], part, &samples[0][sb][slot]);
+      if (channels == 2) {
+        in.pos = at;
+        read_triple(in, band[1][sb], part, &samples[1][sb][slot]);
+      }
     }
   }
   in.commit();
