@@ -42,7 +42,6 @@ namespace decoder {
 
 alignas(64) float subband_samples[32][18];
 alignas(64) int16_t pcm_block[1152];
-alignas(64) int16_t pcm_block_l1[1152];
 
 alignas(64) float synth_banks[2][2][17][16];
 uint32_t synth_column[2];
@@ -432,13 +431,13 @@ void reset_decoder_state() {
   std::memset(ring_wide, 0, sizeof ring_wide);
   reset_synth_indices();
   std::memset(pcm_block, 0, sizeof pcm_block);
-  std::memset(pcm_block_l1, 0, sizeof pcm_block_l1);
   reset_layer3_state();
 }
 
 void reset_synth_indices() {
   synth_column[0] = synth_column[1] = 0;
   synth_phase = 0;
+  reset_layer1_state();
 }
 
 }  // namespace decoder

@@ -5,12 +5,10 @@
 
 namespace decoder {
 
-// 32 subbands by 18 time slots; 1.0 is full scale. Filled by the Layer II and III decoders.
+// 32 subbands by 18 time slots; 1.0 is full scale. Filled by the layer decoders.
 extern float subband_samples[32][18];
 // 576 stereo frames of signed 16-bit samples, each at its full-rate place.
 extern int16_t pcm_block[1152];
-// The same for Layer I.
-extern int16_t pcm_block_l1[1152];
 
 // The synthesis ring: channel, bank (2c + b), 17 rows (transform outputs) by 16 columns (slots).
 extern float synth_banks[2][2][17][16];

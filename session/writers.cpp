@@ -160,8 +160,11 @@ void finish_voc(int32_t end, int32_t rate, int32_t channels) {
 
 }  // namespace
 
-void write_decoded_block() {
-  const size_t bytes = state.decoded_channels == 2 ? 2304 : 1152;
+void write_decoded_block() { write_decoded_frames(576); }
+
+void write_decoded_frames(int32_t frames) {
+  if (frames <= 0 || frames > 576) return;
+  const size_t bytes = size_t(frames) * (state.decoded_channels == 2 ? 4 : 2);
   if (options.ext_filter == EXT_AIF || options.ext_filter == EXT_AU) {
     uint8_t swapped[2304];
     const auto* src = reinterpret_cast<const uint8_t*>(decoder::pcm_block);
@@ -173,12 +176,6 @@ void write_decoded_block() {
   } else {
     write_or_flag(decoder::pcm_block, bytes);
   }
-}
-
-void write_decoded_block_l1() { write_or_flag(decoder::pcm_block_l1, sizeof decoder::pcm_block_l1); }
-
-void write_decoded_tail_l1(int32_t count) {
-  if (count > 0 && count <= 1152) write_or_flag(decoder::pcm_block_l1, size_t(count) * 2);
 }
 
 void reserve_header(int32_t ext_filter) {
