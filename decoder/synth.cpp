@@ -20,15 +20,14 @@
 // the phase as it found it. The sign rule by column parity and phase is therefore the sign rule by
 // the column's age, which is what the derived window encodes.
 //
-// Arithmetic: the transform is single precision. The window sums are formed in double precision
-// (every float product is exact there) in one fixed order, the same in every build: four partial
-// sums over the columns k, k+4, k+8, k+12 for k = 0..3, each accumulated in column order, then
-// (sum0 + sum1) + (sum2 + sum3). The sum is truncated towards zero and clipped.
+// Arithmetic: single precision throughout, in one fixed order, the same in every build. A window
+// sum is eight partial sums over the columns k and k+8 for k = 0..7, then
+// ((p0 + p1) + (p2 + p3)) + ((p4 + p5) + (p6 + p7)). The sum is truncated towards zero and clipped.
 //
 // Speed without changing a value: a call first transforms all 18 slots, eight at a time in vector
-// lanes; the window sums read a double-precision mirror of the ring and finish four samples at
-// once; the same source is built twice, portable (SSE2 on x86-64) and for AVX2, and the wider one
-// runs where the processor has it. Only the session thread calls in, so the state is plain.
+// lanes; the window sums finish eight samples at once; the same source is built twice, portable
+// (SSE2 on x86-64) and for AVX2, and the wider one runs where the processor has it. Only the
+// session thread calls in, so the state is plain.
 #include "decoder/synth.h"
 
 #include <cstring>
@@ -49,18 +48,14 @@ int32_t synth_phase;
 
 namespace {
 
-// The ring again in double precision, written alongside synth_banks (each float converts exactly),
-// so that the window sums read their operands without a conversion per use.
-alignas(64) double ring_wide[2][2][17][16];
-
 // Output sample j's window: 32 doubled entries indexed by 16 - s + column.
-alignas(64) double synth_kernel[32][32];
+alignas(64) float synth_kernel[32][32];
 
 // Vectors in the compiler's generic form: the baseline build splits them into SSE2 pairs.
 // The helpers are always inlined, so no vector crosses a call and the ABI note does not apply.
 #pragma GCC diagnostic ignored "-Wpsabi"
-typedef double v4d __attribute__((vector_size(32)));
 typedef float v8f __attribute__((vector_size(32)));
+typedef int32_t v8i __attribute__((vector_size(32)));
 
 // ---- The transform ----
 
@@ -118,47 +113,48 @@ template <int N, typename T>
 
 // ---- The window sums ----
 
-[[gnu::always_inline]] inline v4d load4(const double* p) {
-  v4d d;
-  std::memcpy(&d, p, sizeof d);
-  return d;
+[[gnu::always_inline]] inline v8f load8(const float* p) {
+  v8f v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
 }
 
-// One bank row (16 columns) against 16 window entries, in the fixed order described above: lane k
-// sums the columns k, k+4, k+8, k+12 in that order.
-[[gnu::always_inline]] inline v4d window_lanes(const double* row, const double* w) {
-  v4d acc = load4(row) * load4(w);
-  acc += load4(row + 4) * load4(w + 4);
-  acc += load4(row + 8) * load4(w + 8);
-  acc += load4(row + 12) * load4(w + 12);
-  return acc;
+// One bank row (16 columns) against 16 window entries: lane k holds the columns k and k+8.
+[[gnu::always_inline]] inline v8f window_lanes(const float* row, const float* w) {
+  return load8(row) * load8(w) + load8(row + 8) * load8(w + 8);
 }
-[[gnu::always_inline]] inline double window_sum(const double* row, const double* w) {
-  v4d acc = window_lanes(row, w);
-  return (acc[0] + acc[1]) + (acc[2] + acc[3]);
+[[gnu::always_inline]] inline float window_sum(const float* row, const float* w) {
+  v8f p = window_lanes(row, w);
+  return ((p[0] + p[1]) + (p[2] + p[3])) + ((p[4] + p[5]) + (p[6] + p[7]));
 }
-// Four sums at once, each finished as (lane0 + lane1) + (lane2 + lane3), exactly as window_sum.
-[[gnu::always_inline]] inline v4d finish4(v4d a, v4d b, v4d c, v4d d) {
-  v4d ab = __builtin_shufflevector(a, b, 0, 4, 2, 6) + __builtin_shufflevector(a, b, 1, 5, 3, 7);
-  v4d cd = __builtin_shufflevector(c, d, 0, 4, 2, 6) + __builtin_shufflevector(c, d, 1, 5, 3, 7);
-  return __builtin_shufflevector(ab, cd, 0, 1, 4, 5) + __builtin_shufflevector(ab, cd, 2, 3, 6, 7);
+// Eight sums at once, each finished exactly as window_sum: neighbours first, then pairs, then
+// halves.
+[[gnu::always_inline]] inline v8f finish8(v8f a, v8f b, v8f c, v8f d, v8f e, v8f f, v8f g, v8f h) {
+  auto pairs = [](v8f x, v8f y) {
+    return __builtin_shufflevector(x, y, 0, 8, 2, 10, 4, 12, 6, 14) +
+           __builtin_shufflevector(x, y, 1, 9, 3, 11, 5, 13, 7, 15);
+  };
+  auto quads = [](v8f x, v8f y) {
+    return __builtin_shufflevector(x, y, 0, 1, 8, 9, 4, 5, 12, 13) +
+           __builtin_shufflevector(x, y, 2, 3, 10, 11, 6, 7, 14, 15);
+  };
+  v8f abcd = quads(pairs(a, b), pairs(c, d)), efgh = quads(pairs(e, f), pairs(g, h));
+  return __builtin_shufflevector(abcd, efgh, 0, 1, 2, 3, 8, 9, 10, 11) +
+         __builtin_shufflevector(abcd, efgh, 4, 5, 6, 7, 12, 13, 14, 15);
 }
 
 // Truncation towards zero, then the clip: 32768 and above give 32767, everything else outside the
 // range (NaN included) gives -32768.
-[[gnu::always_inline]] inline int32_t to_pcm(double v) {
-  if (v >= 32767.0) return 32767;
-  if (v > -32769.0) return int32_t(v);
+[[gnu::always_inline]] inline int32_t to_pcm(float v) {
+  if (v >= 32767.0f) return 32767;
+  if (v > -32769.0f) return int32_t(v);
   return -32768;
 }
-typedef int32_t v4i __attribute__((vector_size(16)));
-[[gnu::always_inline]] inline v4i to_pcm4(v4d v) {
-  const v4d top = {32767.0, 32767.0, 32767.0, 32767.0};
-  const v4d floor = {-32769.0, -32769.0, -32769.0, -32769.0};
-  const v4d bottom = {-32768.0, -32768.0, -32768.0, -32768.0};
-  v4d r = v >= top ? top : v;
+[[gnu::always_inline]] inline v8i to_pcm8(v8f v) {
+  const v8f top = v8f{} + 32767.0f, floor = v8f{} - 32769.0f, bottom = v8f{} - 32768.0f;
+  v8f r = v >= top ? top : v;
   r = r > floor ? r : bottom;  // NaN fails both tests and lands here
-  return __builtin_convertvector(r, v4i);
+  return __builtin_convertvector(r, v8i);
 }
 
 // ---- The variants ----
@@ -215,13 +211,13 @@ struct SlotVectors {
   }
 }
 
-// Slot t into the ring's column s: bank p and bank 1-p, in float and in the double mirror.
-[[gnu::always_inline]] inline void store_slot(const SlotVectors& v, int32_t t, float (*banks)[17][16],
-                                              double (*wide)[17][16], uint32_t s, int32_t p) {
+// Slot t into the ring's column s: bank p and bank 1-p.
+[[gnu::always_inline]] inline void store_slot(const SlotVectors& v, int32_t t, float (*banks)[17][16], uint32_t s,
+                                              int32_t p) {
 #pragma GCC unroll 16
-  for (int r = 0; r < 16; ++r) wide[p][r][s] = banks[p][r][s] = v.now[r][t];
+  for (int r = 0; r < 16; ++r) banks[p][r][s] = v.now[r][t];
 #pragma GCC unroll 17
-  for (int r = 0; r < 17; ++r) wide[1 - p][r][s] = banks[1 - p][r][s] = v.other[r][t];
+  for (int r = 0; r < 17; ++r) banks[1 - p][r][s] = v.other[r][t];
 }
 
 // The samples a variant computes, in order, as a compile-time list.
@@ -229,8 +225,8 @@ struct SampleList {
   int32_t count = 0;
   int32_t j[32] = {};
 };
-// Samples j and 32-j read the same bank row, so they are listed side by side: a block of four
-// then loads two rows instead of four. The order of the list changes no value.
+// Samples j and 32-j read the same bank row, so they are listed side by side: a block of eight
+// then loads four rows instead of eight. The order of the list changes no value.
 constexpr SampleList sample_list(uint32_t mask) {
   SampleList l;
   for (int32_t j = 0; j <= 16; ++j) {
@@ -243,22 +239,23 @@ constexpr int32_t bank_row(int32_t j) { return j <= 16 ? j : 32 - j; }
 template <Variant V>
 constexpr SampleList samples_of = sample_list(V.computed);
 
-// Block b of four computed samples: their sums side by side, converted together.
+// Block b of eight computed samples: their sums side by side, converted together.
 template <Variant V, int32_t B>
-[[gnu::always_inline]] inline void window_block(const double (*bank)[16], int32_t offset, int32_t* out) {
-  constexpr int32_t j0 = samples_of<V>.j[4 * B], j1 = samples_of<V>.j[4 * B + 1];
-  constexpr int32_t j2 = samples_of<V>.j[4 * B + 2], j3 = samples_of<V>.j[4 * B + 3];
-  v4i v = to_pcm4(finish4(window_lanes(bank[bank_row(j0)], synth_kernel[j0] + offset),
-                          window_lanes(bank[bank_row(j1)], synth_kernel[j1] + offset),
-                          window_lanes(bank[bank_row(j2)], synth_kernel[j2] + offset),
-                          window_lanes(bank[bank_row(j3)], synth_kernel[j3] + offset)));
-  out[j0] = v[0];
-  out[j1] = v[1];
-  out[j2] = v[2];
-  out[j3] = v[3];
+[[gnu::always_inline]] inline void window_block(const float (*bank)[16], int32_t offset, int32_t* out) {
+  constexpr const int32_t* j = samples_of<V>.j + 8 * B;
+  v8i v = to_pcm8(finish8(window_lanes(bank[bank_row(j[0])], synth_kernel[j[0]] + offset),
+                          window_lanes(bank[bank_row(j[1])], synth_kernel[j[1]] + offset),
+                          window_lanes(bank[bank_row(j[2])], synth_kernel[j[2]] + offset),
+                          window_lanes(bank[bank_row(j[3])], synth_kernel[j[3]] + offset),
+                          window_lanes(bank[bank_row(j[4])], synth_kernel[j[4]] + offset),
+                          window_lanes(bank[bank_row(j[5])], synth_kernel[j[5]] + offset),
+                          window_lanes(bank[bank_row(j[6])], synth_kernel[j[6]] + offset),
+                          window_lanes(bank[bank_row(j[7])], synth_kernel[j[7]] + offset)));
+#pragma GCC unroll 8
+  for (int32_t i = 0; i < 8; ++i) out[j[i]] = v[i];
 }
 template <Variant V, int32_t... B>
-[[gnu::always_inline]] inline void window_blocks(const double (*bank)[16], int32_t offset, int32_t* out,
+[[gnu::always_inline]] inline void window_blocks(const float (*bank)[16], int32_t offset, int32_t* out,
                                                  std::integer_sequence<int32_t, B...>) {
   (window_block<V, B>(bank, offset, out), ...);
 }
@@ -281,18 +278,18 @@ template <Variant V>
   }
 
   constexpr SampleList list = sample_list(V.computed);
-  constexpr int32_t blocks = list.count / 4;
+  constexpr int32_t blocks = list.count / 8;
   SlotVectors slots;
   transform_slots(slots);
   for (int32_t t = 0; t < 18; ++t) {
-    store_slot(slots, t, banks, ring_wide[c], s, p);
-    const double(*bank)[16] = ring_wide[c][p];
+    store_slot(slots, t, banks, s, p);
+    const float(*bank)[16] = banks[p];
     const int32_t offset = 16 - int32_t(s);
     int32_t out[32];
-    // Vector block: four samples per step. Scalar tail: the same sums one by one.
+    // Vector block: eight samples per step. Scalar tail: the same sums one by one.
     window_blocks<V>(bank, offset, out, std::make_integer_sequence<int32_t, blocks>{});
-#pragma GCC unroll 4
-    for (int32_t i = 4 * blocks; i < list.count; ++i) {
+#pragma GCC unroll 8
+    for (int32_t i = 8 * blocks; i < list.count; ++i) {
       const int32_t j = list.j[i];
       out[j] = to_pcm(window_sum(bank[bank_row(j)], synth_kernel[j] + offset));
     }
@@ -355,7 +352,7 @@ void init_synth_tables() {
   for (int32_t j = 0; j < 32; ++j) {
     for (int32_t x = 0; x < 32; ++x) {
       int32_t age = x & 15;
-      double w;
+      float w;
       if (j < 16) {
         w = SYNTH_WINDOW[j][x];
       } else if (j == 16) {
@@ -363,7 +360,7 @@ void init_synth_tables() {
         w = (age & 1) ? SYNTH_WINDOW[16][x] : 0.0;
       } else {
         // Row 32-j read backwards; even ages added, odd ages subtracted.
-        double v = SYNTH_WINDOW[32 - j][15 - age];
+        float v = SYNTH_WINDOW[32 - j][15 - age];
         w = (age & 1) ? -v : v;
       }
       synth_kernel[j][x] = w;
@@ -428,7 +425,6 @@ void treat_subbands() {
 
 void reset_decoder_state() {
   std::memset(synth_banks, 0, sizeof synth_banks);
-  std::memset(ring_wide, 0, sizeof ring_wide);
   reset_synth_indices();
   std::memset(pcm_block, 0, sizeof pcm_block);
   reset_layer3_state();
