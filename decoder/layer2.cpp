@@ -17,6 +17,7 @@
 // - In joint stereo the bound may lie above sblimit (narrow tables). The allocation loop then runs
 //   to the bound, and the fields beyond the table's rows have width 0: they read as code 0 without
 //   consuming bits, and no row outside the table is touched.
+#include <bit>
 #include <cstring>
 
 #include "decoder/decoder.h"
@@ -37,10 +38,12 @@ using session::get_bits;
 struct BitCursor {
   const uint8_t* ring = session::bits.reservoir;
   uint32_t pos = session::bits.reservoir_bits;
-  // The 32 bits from the byte that holds the position, shifted so that the position is bit 31.
+  // The 32 bits from the byte that holds the position, shifted so that the position is bit 31:
+  // one unaligned load of the big-endian word (the ring's guard bytes make it safe at the end).
   [[gnu::always_inline]] uint32_t window() const {
-    const uint8_t* p = ring + (pos >> 3);
-    uint32_t w = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+    uint32_t w;
+    std::memcpy(&w, ring + (pos >> 3), sizeof w);
+    if constexpr (std::endian::native == std::endian::little) w = __builtin_bswap32(w);
     return w << (pos & 7);
   }
   [[gnu::always_inline]] uint32_t get(int32_t n) {
@@ -298,33 +301,34 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   Band band[2][32];
   for (int32_t ch = 0; ch < channels; ++ch)
     for (int32_t sb = 0; sb < coded; ++sb) set_band(band[ch][sb], cls[ch][sb], scale[ch][sb]);
-  float samples[2][32][36];
+  // By channel and half (18 slots each), in the synthesis's layout: a triple never straddles halves.
+  alignas(32) float samples[2][2][32][18];
   BitCursor in;
   for (int32_t g = 0; g < 12; ++g) {
     const int32_t part = g >> 2;
-    const int32_t slot = g * 3;
+    const int32_t half = g / 6, slot = (g % 6) * 3;
     for (int32_t sb = 0; sb < bound; ++sb)
-      for (int32_t ch = 0; ch < channels; ++ch) read_triple(in, band[ch][sb], part, &samples[ch][sb][slot]);
+      for (int32_t ch = 0; ch < channels; ++ch) read_triple(in, band[ch][sb], part, &samples[ch][half][sb][slot]);
     // Above the bound the channels share one code but each applies its own scale factors: the
     // code is read once per channel from the same position.
     for (int32_t sb = bound; sb < sblimit; ++sb) {
       const uint32_t at = in.pos;
-      read_triple(in, band[0][sb], part, &samples[0][sb][slot]);
+      read_triple(in, band[0][sb], part, &samples[0][half][sb][slot]);
       if (channels == 2) {
         in.pos = at;
-        read_triple(in, band[1][sb], part, &samples[1][sb][slot]);
+        read_triple(in, band[1][sb], part, &samples[1][half][sb][slot]);
       }
     }
   }
   in.commit();
   for (int32_t ch = 0; ch < channels; ++ch)
-    for (int32_t sb = coded; sb < 32; ++sb) std::memset(samples[ch][sb], 0, sizeof samples[ch][sb]);
+    for (int32_t half = 0; half < 2; ++half)
+      std::memset(samples[ch][half][coded], 0, size_t(32 - coded) * sizeof samples[ch][half][0]);
 
   // 11. Two halves of 18 slots: channel 0, channel 1, then the shaper.
   for (int32_t half = 0; half < 2; ++half) {
     for (int32_t ch = 0; ch < channels; ++ch) {
-      for (int32_t sb = 0; sb < 32; ++sb)
-        std::memcpy(subband_samples[sb], &samples[ch][sb][18 * half], 18 * sizeof(float));
+      std::memcpy(subband_samples, samples[ch][half], sizeof subband_samples);
       if (state.synth_slot) state.synth_slot(ch);
     }
     if (state.shaper_slot) state.shaper_slot();
