@@ -150,13 +150,11 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
   return true;
 }
 
-bool frame_read(int32_t code) { return code == FRAME_OK || code == FRAME_LAYER1; }
-
 // Open the device at the first good frame's format, then frame by frame.
 TrackEnd play_frames(const Life& life) {
   FrameHeader header{};
   int32_t code;
-  while (!frame_read(code = read_frame(header))) {
+  while (!frame_found(code = read_frame(header))) {
     if (end_of_stream(code)) {
       // Nothing playable: no device was opened. Clear the request as a failed open would, so the
       // next Play is not ignored.
@@ -186,7 +184,7 @@ TrackEnd play_frames(const Life& life) {
         if (decoder::flush_layer1() && state.shaper_slot) state.shaper_slot();
         return TRACK_ENDED;
       }
-      if (!frame_read(code)) {
+      if (!frame_found(code)) {
         // A refused frame: step over it and go on. No message and no limit.
         skip_frames_forward(header, 1);
         state.damaged_flag.store(1, relaxed);

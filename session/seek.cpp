@@ -25,7 +25,7 @@ int32_t seek_to_frame(FrameHeader& header) {
   for (int attempt = 0; attempt < 10; ++attempt) {
     std::fseek(reader.file, long(stream.data_start) + long(stream.frame_bytes) * target, SEEK_SET);
     int32_t code = read_frame(local);
-    if (code == FRAME_OK) break;
+    if (frame_found(code)) break;
     if (end_of_stream(code)) return stream.frame_count;
     ++target;
   }
@@ -33,7 +33,7 @@ int32_t seek_to_frame(FrameHeader& header) {
   if (std::fseek(reader.file, head - 4, SEEK_CUR) != 0) return std::feof(reader.file) ? stream.frame_count : target;
   load_reservoir(table_frame_size(local) + local.padding_bit - head);
   int32_t code = read_frame(local);
-  if (code == FRAME_OK) {
+  if (frame_found(code)) {
     header = local;
     return target;
   }
@@ -48,7 +48,7 @@ int32_t skip_frames_forward(FrameHeader& header, int32_t n) {
     load_reservoir(table_frame_size(local) + local.padding_bit - head);
     int32_t code = read_frame(local);
     if (code == FRAME_SHORT) return done;
-    if (code != FRAME_OK) return -1;
+    if (!frame_found(code)) return -1;
   }
   header = local;
   return n;
@@ -63,7 +63,7 @@ int32_t skip_frames_back(FrameHeader& header, int32_t n) {
       header = local;
       return done;
     }
-    if (read_frame(local) != FRAME_OK) return -1;
+    if (!frame_found(read_frame(local))) return -1;
   }
   header = local;
   return n;

@@ -61,7 +61,7 @@ Outcome decode_frames(int32_t& frames) {
   FrameHeader& header = state.last_header;
   for (;;) {
     int32_t code = read_frame(header);
-    if (code == FRAME_OK || code == FRAME_LAYER1) {
+    if (frame_found(code)) {
       if (header.protection_bit == 0) skip_crc();
     } else {
       // The end of the file, or a reader failure, which looks like one: no frame skipping in a
