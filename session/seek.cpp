@@ -9,8 +9,12 @@ namespace session {
 
 namespace {
 
-int32_t table_frame_size(const FrameHeader& h) {
-  return frame_size_table[((h.id * 3 + h.sampling_index) * 3 - h.layer_code) * 15 + h.bitrate_index];
+// A frame's length without its padding: the step back over the frame before, whose padding is not
+// known.
+int32_t unpadded_length(const FrameHeader& h) {
+  FrameHeader u = h;
+  u.padding_bit = 0;
+  return frame_length(u);
 }
 
 bool end_of_stream(int32_t code) { return code == FRAME_SHORT || code == FRAME_EOF; }
@@ -31,7 +35,7 @@ int32_t seek_to_frame(FrameHeader& header) {
   }
   int32_t head = head_and_side_bytes(local);
   if (std::fseek(reader.file, head - 4, SEEK_CUR) != 0) return std::feof(reader.file) ? stream.frame_count : target;
-  load_reservoir(table_frame_size(local) + local.padding_bit - head);
+  load_reservoir(frame_length(local) - head);
   int32_t code = read_frame(local);
   if (frame_found(code)) {
     header = local;
@@ -45,7 +49,7 @@ int32_t skip_frames_forward(FrameHeader& header, int32_t n) {
   for (int32_t done = 0; done < n; ++done) {
     int32_t head = head_and_side_bytes(local);
     if (std::fseek(reader.file, head - 4, SEEK_CUR) != 0) return std::feof(reader.file) ? done : -1;
-    load_reservoir(table_frame_size(local) + local.padding_bit - head);
+    load_reservoir(frame_length(local) - head);
     int32_t code = read_frame(local);
     if (code == FRAME_SHORT) return done;
     if (!frame_found(code)) return -1;
@@ -57,7 +61,7 @@ int32_t skip_frames_forward(FrameHeader& header, int32_t n) {
 int32_t skip_frames_back(FrameHeader& header, int32_t n) {
   FrameHeader local = header;
   for (int32_t done = 0; done < n; ++done) {
-    long size = table_frame_size(local);
+    long size = unpadded_length(local);
     // Four header bytes, the frame, and one more to stand before the previous frame's sync.
     if (std::fseek(reader.file, -(size + 5), SEEK_CUR) != 0 && std::fseek(reader.file, -(size + 4), SEEK_CUR) != 0) {
       header = local;
