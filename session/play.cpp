@@ -112,8 +112,9 @@ void report_device_error(int32_t error) {
 bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
   output::wave.wave_event.set();  // a waiting wave thread looks at its command at once
   auto position = [&] {
-    return position_count(frame, stream.mode, stream.mpeg_id, state.session_stereo, state.session_16bit,
-                          state.rate_shift);
+    // The count is by 1152-sample frames; a Layer I frame holds a third of one.
+    return position_count(stream.layer == 1 ? frame / 3 : frame, stream.mode, stream.mpeg_id, state.session_stereo,
+                          state.session_16bit, state.rate_shift);
   };
   switch (command) {
     case CMD_JUMP:
