@@ -302,28 +302,46 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   for (int32_t ch = 0; ch < channels; ++ch)
     for (int32_t sb = 0; sb < coded; ++sb) set_band(band[ch][sb], cls[ch][sb], scale[ch][sb]);
   // By channel and half (18 slots each), in the synthesis's layout: a triple never straddles halves.
+  // Bands with nothing coded are zero.
   alignas(32) float samples[2][2][32][18];
+  auto silence = [&](int32_t ch, int32_t sb) {
+    for (int32_t half = 0; half < 2; ++half) std::memset(samples[ch][half][sb], 0, sizeof samples[ch][half][sb]);
+  };
+  // The coded bands of a round in stream order, with where their triples go. Above the bound the
+  // channels share one code but each applies its own scale factors: the second channel reads the
+  // code again from the same position (again set).
+  struct Read {
+    const Band* band;
+    float* row;
+    bool again;
+  };
+  Read reads[64];
+  int32_t count = 0;
+  for (int32_t sb = 0; sb < 32; ++sb) {
+    const bool shared = sb >= bound;
+    for (int32_t ch = 0; ch < channels; ++ch) {
+      if (sb >= coded || (shared && sb >= sblimit) || band[ch][sb].kind == 0) {
+        silence(ch, sb);
+        continue;
+      }
+      reads[count++] = {&band[ch][sb], samples[ch][0][sb], shared && ch == 1};
+    }
+  }
   BitCursor in;
   for (int32_t g = 0; g < 12; ++g) {
     const int32_t part = g >> 2;
-    const int32_t half = g / 6, slot = (g % 6) * 3;
-    for (int32_t sb = 0; sb < bound; ++sb)
-      for (int32_t ch = 0; ch < channels; ++ch) read_triple(in, band[ch][sb], part, &samples[ch][half][sb][slot]);
-    // Above the bound the channels share one code but each applies its own scale factors: the
-    // code is read once per channel from the same position.
-    for (int32_t sb = bound; sb < sblimit; ++sb) {
-      const uint32_t at = in.pos;
-      read_triple(in, band[0][sb], part, &samples[0][half][sb][slot]);
-      if (channels == 2) {
+    const int32_t at_slot = (g / 6) * 32 * 18 + (g % 6) * 3;
+    uint32_t at = in.pos;
+    for (int32_t i = 0; i < count; ++i) {
+      const Read& r = reads[i];
+      if (r.again)
         in.pos = at;
-        read_triple(in, band[1][sb], part, &samples[1][half][sb][slot]);
-      }
+      else
+        at = in.pos;
+      read_triple(in, *r.band, part, r.row + at_slot);
     }
   }
   in.commit();
-  for (int32_t ch = 0; ch < channels; ++ch)
-    for (int32_t half = 0; half < 2; ++half)
-      std::memset(samples[ch][half][coded], 0, size_t(32 - coded) * sizeof samples[ch][half][0]);
 
   // 11. Two halves of 18 slots: channel 0, channel 1, then the shaper.
   for (int32_t half = 0; half < 2; ++half) {
