@@ -10,16 +10,15 @@
 // Decisions of this decoder that differ from the standard, all kept on purpose:
 // - The table is chosen by the exact per-channel rate; free format takes the table that lists free
 //   format for its sampling rate (B.2a at 48 kHz, B.2b at 44.1 and 32 kHz). A rate that no table
-//   lists (16, 24, 28 or 40 kbit/s per channel, a stray Layer I header's rates) gives a damaged frame: it is
+//   lists (16, 24, 28 or 40 kbit/s per channel) gives a damaged frame: it is
 //   decoded as if every allocation code were 0, so the output is the ring's fading history followed
 //   by silence, and damaged_flag is raised.
-// - Above the joint bound both channels get channel 0's samples with channel 0's scale factors;
-//   channel 1's scale factors there are read and ignored.
 // - The narrow tables' stored class 127 is taken as the class of 127 steps, which is what the code
 //   means in the standard.
 // - In joint stereo the bound may lie above sblimit (narrow tables). The allocation loop then runs
 //   to the bound, and the fields beyond the table's rows have width 0: they read as code 0 without
 //   consuming bits, and no row outside the table is touched.
+#include <bit>
 #include <cstring>
 
 #include "decoder/decoder.h"
@@ -40,10 +39,12 @@ using session::get_bits;
 struct BitCursor {
   const uint8_t* ring = session::bits.reservoir;
   uint32_t pos = session::bits.reservoir_bits;
-  // The 32 bits from the byte that holds the position, shifted so that the position is bit 31.
+  // The 32 bits from the byte that holds the position, shifted so that the position is bit 31:
+  // one unaligned load of the big-endian word (the ring's guard bytes make it safe at the end).
   [[gnu::always_inline]] uint32_t window() const {
-    const uint8_t* p = ring + (pos >> 3);
-    uint32_t w = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+    uint32_t w;
+    std::memcpy(&w, ring + (pos >> 3), sizeof w);
+    if constexpr (std::endian::native == std::endian::little) w = __builtin_bswap32(w);
     return w << (pos & 7);
   }
   [[gnu::always_inline]] uint32_t get(int32_t n) {
@@ -300,32 +301,56 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
     }
   }
 
-  // 8-10. Samples: 12 rounds of 3 slots; joint bands decoded once and copied; the rest zero.
+  // 8-10. Samples: 12 rounds of 3 slots; the rest zero.
   Band band[2][32];
   for (int32_t ch = 0; ch < channels; ++ch)
     for (int32_t sb = 0; sb < coded; ++sb) set_band(band[ch][sb], cls[ch][sb], scale[ch][sb]);
-  float samples[2][32][36];
+  // By channel and half (18 slots each), in the synthesis's layout: a triple never straddles halves.
+  // Bands with nothing coded are zero.
+  alignas(32) float samples[2][2][32][18];
+  auto silence = [&](int32_t ch, int32_t sb) {
+    for (int32_t half = 0; half < 2; ++half) std::memset(samples[ch][half][sb], 0, sizeof samples[ch][half][sb]);
+  };
+  // The coded bands of a round in stream order, with where their triples go. Above the bound the
+  // channels share one code but each applies its own scale factors: the second channel reads the
+  // code again from the same position (again set).
+  struct Read {
+    const Band* band;
+    float* row;
+    bool again;
+  };
+  Read reads[64];
+  int32_t count = 0;
+  for (int32_t sb = 0; sb < 32; ++sb) {
+    const bool shared = sb >= bound;
+    for (int32_t ch = 0; ch < channels; ++ch) {
+      if (sb >= coded || (shared && sb >= sblimit) || band[ch][sb].kind == 0) {
+        silence(ch, sb);
+        continue;
+      }
+      reads[count++] = {&band[ch][sb], samples[ch][0][sb], shared && ch == 1};
+    }
+  }
   BitCursor in;
   for (int32_t g = 0; g < 12; ++g) {
     const int32_t part = g >> 2;
-    const int32_t slot = g * 3;
-    for (int32_t sb = 0; sb < bound; ++sb)
-      for (int32_t ch = 0; ch < channels; ++ch) read_triple(in, band[ch][sb], part, &samples[ch][sb][slot]);
-    for (int32_t sb = bound; sb < sblimit; ++sb) {
-      float* out = &samples[0][sb][slot];
-      read_triple(in, band[0][sb], part, out);
-      if (channels == 2) std::memcpy(&samples[1][sb][slot], out, 3 * sizeof(float));
+    const int32_t at_slot = (g / 6) * 32 * 18 + (g % 6) * 3;
+    uint32_t at = in.pos;
+    for (int32_t i = 0; i < count; ++i) {
+      const Read& r = reads[i];
+      if (r.again)
+        in.pos = at;
+      else
+        at = in.pos;
+      read_triple(in, *r.band, part, r.row + at_slot);
     }
   }
   in.commit();
-  for (int32_t ch = 0; ch < channels; ++ch)
-    for (int32_t sb = coded; sb < 32; ++sb) std::memset(samples[ch][sb], 0, sizeof samples[ch][sb]);
 
   // 11. Two halves of 18 slots: channel 0, channel 1, then the shaper.
   for (int32_t half = 0; half < 2; ++half) {
     for (int32_t ch = 0; ch < channels; ++ch) {
-      for (int32_t sb = 0; sb < 32; ++sb)
-        std::memcpy(subband_samples[sb], &samples[ch][sb][18 * half], 18 * sizeof(float));
+      std::memcpy(subband_samples, samples[ch][half], sizeof subband_samples);
       if (state.synth_slot) state.synth_slot(ch);
     }
     if (state.shaper_slot) state.shaper_slot();

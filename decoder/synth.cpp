@@ -8,31 +8,30 @@
 // sum over the columns of one bank row against one window row; the samples above 16 use the
 // window's symmetry about its middle, read backwards with alternating signs.
 //
-// The sums run against a derived window (synth_kernel) of 32 rows, one per output sample, built
-// once from SYNTH_WINDOW: row j already holds the backwards reading, the signs, and for j = 16 the
-// zeros of the columns that hold no value, each doubled like SYNTH_WINDOW so that the read starts
-// at 16 - s and needs no wrap. So every output sample is the same kernel with a different bank row
-// and window row, and the six variants differ only in the mask of samples they compute, where they
-// store them and how they fill the gaps.
+// A column is stored once per output place rather than once per row: place j holds row j for
+// j <= 16 and row 32 - j above. Output sample j is then the sum over the 16 columns, by age, of
+// the column's place j times a derived window (synth_kernel[age][j], built once from SYNTH_WINDOW:
+// the backwards reading, the signs, and for j = 16 the zeros of the columns that hold no value).
+// All 32 samples of a slot run side by side in vector lanes, with no sum across lanes, and the six
+// variants differ only in which samples they keep, where they store them and how they fill the
+// gaps.
 //
 // Column and phase stay in step: column s is always written at phase s mod 2, because both start at
 // 0, s steps by one and the phase toggles each slot, and each call moves s by 18 (even) and leaves
 // the phase as it found it. The sign rule by column parity and phase is therefore the sign rule by
 // the column's age, which is what the derived window encodes.
 //
-// Arithmetic: the transform is single precision. The window sums are formed in double precision
-// (every float product is exact there) in one fixed order, the same in every build: four partial
-// sums over the columns k, k+4, k+8, k+12 for k = 0..3, each accumulated in column order, then
-// (sum0 + sum1) + (sum2 + sum3). The sum is truncated towards zero and clipped.
+// Arithmetic: single precision throughout, in one fixed order, the same in every build. A window
+// sum adds the products of the even ages in age order, those of the odd ages likewise, then the
+// two. The sum is truncated towards zero and clipped.
 //
 // Speed without changing a value: a call first transforms all 18 slots, eight at a time in vector
-// lanes; the window sums read a double-precision mirror of the ring and finish four samples at
-// once; the same source is built twice, portable (SSE2 on x86-64) and for AVX2, and the wider one
-// runs where the processor has it. Only the session thread calls in, so the state is plain.
+// lanes; the same source is built twice, portable
+// (SSE2 on x86-64) and for AVX2, and the wider one runs where the processor has it. Only the
+// session thread calls in, so the state is plain.
 #include "decoder/synth.h"
 
 #include <cstring>
-#include <utility>
 
 #include "decoder/decoder.h"
 #include "decoder/tables.h"
@@ -42,26 +41,21 @@ namespace decoder {
 
 alignas(64) float subband_samples[32][18];
 alignas(64) int16_t pcm_block[1152];
-alignas(64) int16_t pcm_block_l1[1152];
 
-alignas(64) float synth_banks[2][2][17][16];
+alignas(64) float synth_banks[2][2][16][32];
 uint32_t synth_column[2];
 int32_t synth_phase;
 
 namespace {
 
-// The ring again in double precision, written alongside synth_banks (each float converts exactly),
-// so that the window sums read their operands without a conversion per use.
-alignas(64) double ring_wide[2][2][17][16];
-
-// Output sample j's window: 32 doubled entries indexed by 16 - s + column.
-alignas(64) double synth_kernel[32][32];
+// By column age (0: the column just written) and output place.
+alignas(64) float synth_kernel[16][32];
 
 // Vectors in the compiler's generic form: the baseline build splits them into SSE2 pairs.
 // The helpers are always inlined, so no vector crosses a call and the ABI note does not apply.
 #pragma GCC diagnostic ignored "-Wpsabi"
-typedef double v4d __attribute__((vector_size(32)));
 typedef float v8f __attribute__((vector_size(32)));
+typedef int32_t v8i __attribute__((vector_size(32)));
 
 // ---- The transform ----
 
@@ -119,47 +113,19 @@ template <int N, typename T>
 
 // ---- The window sums ----
 
-[[gnu::always_inline]] inline v4d load4(const double* p) {
-  v4d d;
-  std::memcpy(&d, p, sizeof d);
-  return d;
-}
-
-// One bank row (16 columns) against 16 window entries, in the fixed order described above: lane k
-// sums the columns k, k+4, k+8, k+12 in that order.
-[[gnu::always_inline]] inline v4d window_lanes(const double* row, const double* w) {
-  v4d acc = load4(row) * load4(w);
-  acc += load4(row + 4) * load4(w + 4);
-  acc += load4(row + 8) * load4(w + 8);
-  acc += load4(row + 12) * load4(w + 12);
-  return acc;
-}
-[[gnu::always_inline]] inline double window_sum(const double* row, const double* w) {
-  v4d acc = window_lanes(row, w);
-  return (acc[0] + acc[1]) + (acc[2] + acc[3]);
-}
-// Four sums at once, each finished as (lane0 + lane1) + (lane2 + lane3), exactly as window_sum.
-[[gnu::always_inline]] inline v4d finish4(v4d a, v4d b, v4d c, v4d d) {
-  v4d ab = __builtin_shufflevector(a, b, 0, 4, 2, 6) + __builtin_shufflevector(a, b, 1, 5, 3, 7);
-  v4d cd = __builtin_shufflevector(c, d, 0, 4, 2, 6) + __builtin_shufflevector(c, d, 1, 5, 3, 7);
-  return __builtin_shufflevector(ab, cd, 0, 1, 4, 5) + __builtin_shufflevector(ab, cd, 2, 3, 6, 7);
+[[gnu::always_inline]] inline v8f load8(const float* p) {
+  v8f v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
 }
 
 // Truncation towards zero, then the clip: 32768 and above give 32767, everything else outside the
-// range (NaN included) gives -32768.
-[[gnu::always_inline]] inline int32_t to_pcm(double v) {
-  if (v >= 32767.0) return 32767;
-  if (v > -32769.0) return int32_t(v);
-  return -32768;
-}
-typedef int32_t v4i __attribute__((vector_size(16)));
-[[gnu::always_inline]] inline v4i to_pcm4(v4d v) {
-  const v4d top = {32767.0, 32767.0, 32767.0, 32767.0};
-  const v4d floor = {-32769.0, -32769.0, -32769.0, -32769.0};
-  const v4d bottom = {-32768.0, -32768.0, -32768.0, -32768.0};
-  v4d r = v >= top ? top : v;
+// range (NaN included) gives -32768. Eight samples at once.
+[[gnu::always_inline]] inline v8i to_pcm8(v8f v) {
+  const v8f top = v8f{} + 32767.0f, floor = v8f{} - 32769.0f, bottom = v8f{} - 32768.0f;
+  v8f r = v >= top ? top : v;
   r = r > floor ? r : bottom;  // NaN fails both tests and lands here
-  return __builtin_convertvector(r, v4i);
+  return __builtin_convertvector(r, v8i);
 }
 
 // ---- The variants ----
@@ -190,85 +156,133 @@ constexpr Variant OVERDRIVE = {EVEN_SAMPLES, FILL_OVERDRIVE, ADDR_BY_CHANNELS};
 // reuses slot 0's column). Eight slots run side by side, one per vector lane: every lane performs
 // the scalar transform's operations in the scalar order, so the values are the same. The three
 // batches start at slots 0, 8 and 10 (the last recomputes slots 10-15 with identical results).
-// now[r][t] = 2V[r] = 2X[16 + r] goes to bank p, other[r][t] = 2V[32 + r] = -2X[16 - r] to bank
-// 1-p; the transform's gain of 2 is an exact scaling, applied here.
-struct SlotVectors {
-  alignas(32) float now[16][24];
-  alignas(32) float other[17][24];
+// Rows 2V[r] = 2X[16 + r] go to bank p, rows 2V[32 + r] = -2X[16 - r] to bank 1-p (the
+// transform's gain of 2 is an exact scaling, applied here), each spread over the output places
+// that read it: row j at place j, row 32 - j at place j above 16. Bank p has no row 16; its place
+// holds 0.
+struct SlotPlaces {
+  alignas(32) float now[18][32];
+  alignas(32) float other[18][32];
 };
 
-[[gnu::always_inline]] inline void transform_slots(SlotVectors& out) {
+// Eight vectors of eight lanes transposed: out[i][k] = in[k][i].
+[[gnu::always_inline]] inline void transpose8(const v8f (&in)[8], v8f (&out)[8]) {
+  v8f t[8], u[8];
+#pragma GCC unroll 4
+  for (int k = 0; k < 8; k += 2) {
+    t[k] = __builtin_shufflevector(in[k], in[k + 1], 0, 8, 1, 9, 4, 12, 5, 13);
+    t[k + 1] = __builtin_shufflevector(in[k], in[k + 1], 2, 10, 3, 11, 6, 14, 7, 15);
+  }
+#pragma GCC unroll 2
+  for (int h = 0; h < 8; h += 4) {
+    u[h] = __builtin_shufflevector(t[h], t[h + 2], 0, 1, 8, 9, 4, 5, 12, 13);
+    u[h + 1] = __builtin_shufflevector(t[h], t[h + 2], 2, 3, 10, 11, 6, 7, 14, 15);
+    u[h + 2] = __builtin_shufflevector(t[h + 1], t[h + 3], 0, 1, 8, 9, 4, 5, 12, 13);
+    u[h + 3] = __builtin_shufflevector(t[h + 1], t[h + 3], 2, 3, 10, 11, 6, 7, 14, 15);
+  }
+#pragma GCC unroll 4
+  for (int i = 0; i < 4; ++i) {
+    out[i] = __builtin_shufflevector(u[i], u[i + 4], 0, 1, 2, 3, 8, 9, 10, 11);
+    out[i + 4] = __builtin_shufflevector(u[i], u[i + 4], 4, 5, 6, 7, 12, 13, 14, 15);
+  }
+}
+
+// Rows 0-16 of eight slots (one per lane) to the places of those slots, eight places at a time.
+[[gnu::always_inline]] inline void spread_rows(const v8f (&rows)[17], float (*places)[32]) {
+#pragma GCC unroll 4
+  for (int block = 0; block < 4; ++block) {
+    v8f in[8], out[8];
+#pragma GCC unroll 8
+    for (int i = 0; i < 8; ++i) {
+      const int j = 8 * block + i;
+      in[i] = rows[j <= 16 ? j : 32 - j];
+    }
+    transpose8(in, out);
+#pragma GCC unroll 8
+    for (int lane = 0; lane < 8; ++lane) std::memcpy(&places[lane][8 * block], &out[lane], sizeof(v8f));
+  }
+}
+
+[[gnu::always_inline]] inline void transform_slots(SlotPlaces& out) {
   for (int32_t t0 : {0, 8, 10}) {
     v8f x[32], X[32];
 #pragma GCC unroll 32
     for (int k = 0; k < 32; ++k) std::memcpy(&x[k], &subband_samples[k][t0], sizeof(v8f));
     dct<32, v8f>(x, X);
+    v8f now[17], other[17];
 #pragma GCC unroll 16
-    for (int r = 0; r < 16; ++r) {
-      v8f v = 2.0f * X[16 + r];
-      std::memcpy(&out.now[r][t0], &v, sizeof v);
-    }
+    for (int r = 0; r < 16; ++r) now[r] = 2.0f * X[16 + r];
+    now[16] = v8f{};
 #pragma GCC unroll 17
-    for (int r = 0; r < 17; ++r) {
-      v8f v = -2.0f * X[16 - r];
-      std::memcpy(&out.other[r][t0], &v, sizeof v);
-    }
+    for (int r = 0; r < 17; ++r) other[r] = -2.0f * X[16 - r];
+    spread_rows(now, &out.now[t0]);
+    spread_rows(other, &out.other[t0]);
   }
 }
 
-// Slot t into the ring's column s: bank p and bank 1-p, in float and in the double mirror.
-[[gnu::always_inline]] inline void store_slot(const SlotVectors& v, int32_t t, float (*banks)[17][16],
-                                              double (*wide)[17][16], uint32_t s, int32_t p) {
+// Slot t into the ring's column s: bank p and bank 1-p.
+[[gnu::always_inline]] inline void store_slot(const SlotPlaces& v, int32_t t, float (*banks)[16][32], uint32_t s,
+                                              int32_t p) {
+  std::memcpy(banks[p][s], v.now[t], sizeof v.now[t]);
+  std::memcpy(banks[1 - p][s], v.other[t], sizeof v.other[t]);
+}
+
+// The 32 window sums of bank p with the newest column at s.
+[[gnu::always_inline]] inline void window_sums(const float (*bank)[32], uint32_t s, int32_t* out) {
+  v8f even[4], odd[4];
 #pragma GCC unroll 16
-  for (int r = 0; r < 16; ++r) wide[p][r][s] = banks[p][r][s] = v.now[r][t];
-#pragma GCC unroll 17
-  for (int r = 0; r < 17; ++r) wide[1 - p][r][s] = banks[1 - p][r][s] = v.other[r][t];
-}
-
-// The samples a variant computes, in order, as a compile-time list.
-struct SampleList {
-  int32_t count = 0;
-  int32_t j[32] = {};
-};
-// Samples j and 32-j read the same bank row, so they are listed side by side: a block of four
-// then loads two rows instead of four. The order of the list changes no value.
-constexpr SampleList sample_list(uint32_t mask) {
-  SampleList l;
-  for (int32_t j = 0; j <= 16; ++j) {
-    if (mask & (1u << j)) l.j[l.count++] = j;
-    if (j > 0 && j < 16 && (mask & (1u << (32 - j)))) l.j[l.count++] = 32 - j;
+  for (int32_t a = 0; a < 16; ++a) {
+    const float* column = bank[(s + uint32_t(a)) & 15];
+    const float* w = synth_kernel[a];
+#pragma GCC unroll 4
+    for (int32_t b = 0; b < 4; ++b) {
+      v8f product = load8(column + 8 * b) * load8(w + 8 * b);
+      if (a == 0)
+        even[b] = product;
+      else if (a == 1)
+        odd[b] = product;
+      else if (a & 1)
+        odd[b] += product;
+      else
+        even[b] += product;
+    }
   }
-  return l;
+#pragma GCC unroll 4
+  for (int32_t b = 0; b < 4; ++b) {
+    v8i v = to_pcm8(even[b] + odd[b]);
+    std::memcpy(out + 8 * b, &v, sizeof v);
+  }
 }
-constexpr int32_t bank_row(int32_t j) { return j <= 16 ? j : 32 - j; }
-template <Variant V>
-constexpr SampleList samples_of = sample_list(V.computed);
 
-// Block b of four computed samples: their sums side by side, converted together.
-template <Variant V, int32_t B>
-[[gnu::always_inline]] inline void window_block(const double (*bank)[16], int32_t offset, int32_t* out) {
-  constexpr int32_t j0 = samples_of<V>.j[4 * B], j1 = samples_of<V>.j[4 * B + 1];
-  constexpr int32_t j2 = samples_of<V>.j[4 * B + 2], j3 = samples_of<V>.j[4 * B + 3];
-  v4i v = to_pcm4(finish4(window_lanes(bank[bank_row(j0)], synth_kernel[j0] + offset),
-                          window_lanes(bank[bank_row(j1)], synth_kernel[j1] + offset),
-                          window_lanes(bank[bank_row(j2)], synth_kernel[j2] + offset),
-                          window_lanes(bank[bank_row(j3)], synth_kernel[j3] + offset)));
-  out[j0] = v[0];
-  out[j1] = v[1];
-  out[j2] = v[2];
-  out[j3] = v[3];
-}
-template <Variant V, int32_t... B>
-[[gnu::always_inline]] inline void window_blocks(const double (*bank)[16], int32_t offset, int32_t* out,
-                                                 std::integer_sequence<int32_t, B...>) {
-  (window_block<V, B>(bank, offset, out), ...);
+// All 32 samples of a slot into a mono block (32 in a row), or into one channel's places of a
+// stereo block, the other channel's samples kept.
+typedef int16_t v8s __attribute__((vector_size(16)));
+typedef int16_t v16s __attribute__((vector_size(32)));
+[[gnu::always_inline]] inline void store_all(const int32_t* out, int16_t* dst, bool stereo, int32_t c) {
+#pragma GCC unroll 4
+  for (int b = 0; b < 4; ++b) {
+    v8i wide;
+    std::memcpy(&wide, out + 8 * b, sizeof wide);
+    const v8s v = __builtin_convertvector(wide, v8s);  // already clipped to 16 bits
+    if (!stereo) {
+      std::memcpy(dst + 8 * b, &v, sizeof v);
+      continue;
+    }
+    v16s pair, both = __builtin_shufflevector(v, v, 0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7);
+    std::memcpy(&pair, dst + 16 * b, sizeof pair);
+    if (c == 0)
+      pair = __builtin_shufflevector(both, pair, 0, 17, 2, 19, 4, 21, 6, 23, 8, 25, 10, 27, 12, 29, 14, 31);
+    else
+      pair = __builtin_shufflevector(pair, both, 0, 17, 2, 19, 4, 21, 6, 23, 8, 25, 10, 27, 12, 29, 14, 31);
+    std::memcpy(dst + 16 * b, &pair, sizeof pair);
+  }
 }
 
 template <Variant V>
 [[gnu::always_inline]] inline void synth_run(int32_t channel) {
   if (session::stream.emphasis_mode != 0) treat_subbands();
   const int32_t c = channel & 1;
-  float(*banks)[17][16] = synth_banks[c];
+  float(*banks)[16][32] = synth_banks[c];
   uint32_t s = synth_column[c] & 15;
   int32_t p = synth_phase & 1;
 
@@ -281,22 +295,12 @@ template <Variant V>
     stride = 1;
   }
 
-  constexpr SampleList list = sample_list(V.computed);
-  constexpr int32_t blocks = list.count / 4;
-  SlotVectors slots;
+  SlotPlaces slots;
   transform_slots(slots);
   for (int32_t t = 0; t < 18; ++t) {
-    store_slot(slots, t, banks, ring_wide[c], s, p);
-    const double(*bank)[16] = ring_wide[c][p];
-    const int32_t offset = 16 - int32_t(s);
+    store_slot(slots, t, banks, s, p);
     int32_t out[32];
-    // Vector block: four samples per step. Scalar tail: the same sums one by one.
-    window_blocks<V>(bank, offset, out, std::make_integer_sequence<int32_t, blocks>{});
-#pragma GCC unroll 4
-    for (int32_t i = 4 * blocks; i < list.count; ++i) {
-      const int32_t j = list.j[i];
-      out[j] = to_pcm(window_sum(bank[bank_row(j)], synth_kernel[j] + offset));
-    }
+    window_sums(banks[p], s, out);
     if constexpr (V.fill == FILL_FAST) {
       for (int j : {1, 5, 9, 13, 25, 29}) out[j] = (out[j - 1] + out[j + 1]) >> 1;
     } else if constexpr (V.fill == FILL_OVERDRIVE) {
@@ -307,9 +311,13 @@ template <Variant V>
     // mono one (the same place as 64(t div 2) + 32(t mod 2) + j).
     int16_t* dst = pcm_block + (stride == 2 ? 64 * t : 32 * t) + base;
     constexpr uint32_t stored = V.fill == FILL_NONE ? V.computed : ALL_SAMPLES;
+    if constexpr (stored == ALL_SAMPLES && V.addressing != ADDR_BY_CHANNELS) {
+      store_all(out, pcm_block + (V.addressing == ADDR_STEREO ? 64 * t : 32 * t), V.addressing == ADDR_STEREO, c);
+    } else {
 #pragma GCC unroll 32
-    for (int j = 0; j < 32; ++j) {
-      if (stored & (1u << j)) dst[j * stride] = int16_t(out[j]);
+      for (int j = 0; j < 32; ++j) {
+        if (stored & (1u << j)) dst[j * stride] = int16_t(out[j]);
+      }
     }
     p ^= 1;
     s = (s - 1) & 15;
@@ -353,21 +361,20 @@ void use_portable_synth(bool portable) {
 
 void init_synth_tables() {
   use_portable_synth(false);
-  for (int32_t j = 0; j < 32; ++j) {
-    for (int32_t x = 0; x < 32; ++x) {
-      int32_t age = x & 15;
-      double w;
+  for (int32_t age = 0; age < 16; ++age) {
+    for (int32_t j = 0; j < 32; ++j) {
+      float w;
       if (j < 16) {
-        w = SYNTH_WINDOW[j][x];
+        w = SYNTH_WINDOW[j][age];
       } else if (j == 16) {
         // Row 16 holds values only in the columns of odd age; the others were never written.
-        w = (age & 1) ? SYNTH_WINDOW[16][x] : 0.0;
+        w = (age & 1) ? SYNTH_WINDOW[16][age] : 0.0f;
       } else {
         // Row 32-j read backwards; even ages added, odd ages subtracted.
-        double v = SYNTH_WINDOW[32 - j][15 - age];
+        float v = SYNTH_WINDOW[32 - j][15 - age];
         w = (age & 1) ? -v : v;
       }
-      synth_kernel[j][x] = w;
+      synth_kernel[age][j] = w;
     }
   }
 }
@@ -429,16 +436,15 @@ void treat_subbands() {
 
 void reset_decoder_state() {
   std::memset(synth_banks, 0, sizeof synth_banks);
-  std::memset(ring_wide, 0, sizeof ring_wide);
   reset_synth_indices();
   std::memset(pcm_block, 0, sizeof pcm_block);
-  std::memset(pcm_block_l1, 0, sizeof pcm_block_l1);
   reset_layer3_state();
 }
 
 void reset_synth_indices() {
   synth_column[0] = synth_column[1] = 0;
   synth_phase = 0;
+  reset_layer1_state();
 }
 
 }  // namespace decoder

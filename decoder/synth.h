@@ -5,15 +5,14 @@
 
 namespace decoder {
 
-// 32 subbands by 18 time slots; 1.0 is full scale. Filled by the Layer II and III decoders.
+// 32 subbands by 18 time slots; 1.0 is full scale. Filled by the layer decoders.
 extern float subband_samples[32][18];
 // 576 stereo frames of signed 16-bit samples, each at its full-rate place.
 extern int16_t pcm_block[1152];
-// The same for Layer I.
-extern int16_t pcm_block_l1[1152];
 
-// The synthesis ring: channel, bank (2c + b), 17 rows (transform outputs) by 16 columns (slots).
-extern float synth_banks[2][2][17][16];
+// The synthesis ring: channel, bank, 16 columns (slots) by 32 output places; place j holds
+// transform row j up to 16 and row 32 - j above.
+extern float synth_banks[2][2][16][32];
 // Current ring column per channel (0-15) and the phase (0 or 1) that names the current bank; the
 // phase is shared by both channels and every call leaves it as it found it.
 extern uint32_t synth_column[2];

@@ -47,8 +47,8 @@ struct QuantClass {
 extern const QuantClass quant_class_table[QUANT_CLASSES];
 // Grouped classes: digit d decodes to (d * [0] - 1.0 + [1]) * C * scale.
 extern const float class_digit_constants[QUANT_CLASSES][2];
-// Ungrouped classes: value u decodes to (u * [0] + [1]) * (C * scale). Above class 10 the figures
-// carry six significant digits, as the decoder has always had them.
+// Ungrouped classes: value u decodes to (u * [0] + [1]) * (C * scale): the step 2^(1 - bits) and
+// the offset -1 + 2^(1 - bits), both exact in single precision.
 extern const float class_value_constants[QUANT_CLASSES][2];
 
 // The stored class of the narrow tables' last 3-bit code: a slip for class 8 (127 steps).

@@ -19,7 +19,6 @@ namespace {
 
 constexpr auto relaxed = std::memory_order_relaxed;
 
-enum Source { PCM, PCM_L1 };
 enum Op { COPY, FOLD };
 
 // While the whole ring is full the decoder sleeps; the wave thread taking a block (or a seek
@@ -37,7 +36,7 @@ inline void store16(uint8_t*& out, int32_t v) {
   out += 2;
 }
 
-template <Source S, int Group, int Stride, int Count, int Width, Op O, uint32_t Counted>
+template <int Group, int Stride, int Count, int Width, Op O, uint32_t Counted>
 void shape() {
   static_assert((Count - 1) * Stride + Group <= 1152, "reads stay inside the source block");
   static_assert(Counted % UNIT_BYTES == 0 && RING_BYTES % Counted == 0, "blocks end at the ring's end");
@@ -46,11 +45,8 @@ void shape() {
   static_assert(stored >= Counted && stored - Counted <= 288, "surplus fits the ring's spare bytes");
 
   wait_for_room();
-  const int16_t* v = S == PCM ? decoder::pcm_block : decoder::pcm_block_l1;
+  const int16_t* v = decoder::pcm_block;
   uint32_t at = ring.ring_write.load(relaxed);
-  // Only the Layer I tail leaves ring_write past the ring's end, and it ends the stream; should a
-  // block follow anyway, it starts over rather than writing outside the storage.
-  if (at + stored > ring.ring_bytes.load(relaxed) + RING_SPARE) at = 0;
   uint8_t* out = ring.ring_base + at;
   int count = Count;
   if constexpr (stored > Counted) {
@@ -90,54 +86,34 @@ void shape() {
   ring.ring_write.store(next, relaxed);
 }
 
-// Table columns: layer, rate row, case, width, decoded_channels test, routine, bytes stored, bytes
-// counted. Layer I's "mono or stereo" rows carry CASE_STEREO.
-#define ROW(layer, rate, cs, width, dc2, S, G, St, N, O, counted) \
-  { layer, rate, cs, width, dc2, shape<S, G, St, N, width, O, counted>, N*(O == FOLD ? 1 : G) * (width / 8), counted }
+// Table columns: rate row, case, width, routine, bytes stored, bytes counted.
+#define ROW(rate, cs, width, G, St, N, O, counted) \
+  { rate, cs, width, shape<G, St, N, width, O, counted>, N*(O == FOLD ? 1 : G) * (width / 8), counted }
 
 }  // namespace
 
 const ShaperRow shaper_table[SHAPER_COUNT] = {
-    // Layers II and III, from pcm_block: 576 values for one channel, 576 pairs for two.
-    ROW(SHAPE_LAYER23, 0, CASE_MONO, 8, -1, PCM, 1, 1, 576, COPY, 576),
-    ROW(SHAPE_LAYER23, 0, CASE_MONO, 16, -1, PCM, 1, 1, 576, COPY, 1152),
-    ROW(SHAPE_LAYER23, 0, CASE_FOLD, 8, -1, PCM, 2, 2, 576, FOLD, 576),
-    ROW(SHAPE_LAYER23, 0, CASE_FOLD, 16, -1, PCM, 2, 2, 576, FOLD, 1152),
-    ROW(SHAPE_LAYER23, 0, CASE_STEREO, 8, -1, PCM, 2, 2, 576, COPY, 1152),
-    ROW(SHAPE_LAYER23, 0, CASE_STEREO, 16, -1, PCM, 2, 2, 576, COPY, 2304),
+    // 576 values for one channel, 576 pairs for two.
+    ROW(0, CASE_MONO, 8, 1, 1, 576, COPY, 576),
+    ROW(0, CASE_MONO, 16, 1, 1, 576, COPY, 1152),
+    ROW(0, CASE_FOLD, 8, 2, 2, 576, FOLD, 576),
+    ROW(0, CASE_FOLD, 16, 2, 2, 576, FOLD, 1152),
+    ROW(0, CASE_STEREO, 8, 2, 2, 576, COPY, 1152),
+    ROW(0, CASE_STEREO, 16, 2, 2, 576, COPY, 2304),
     // The thinned mono 8-bit rows walk the whole stereo-sized buffer: they store twice what they
     // count, and the next call overwrites the surplus.
-    ROW(SHAPE_LAYER23, 1, CASE_MONO, 8, -1, PCM, 1, 2, 576, COPY, 288),
-    ROW(SHAPE_LAYER23, 1, CASE_MONO, 16, -1, PCM, 1, 2, 288, COPY, 576),
-    ROW(SHAPE_LAYER23, 1, CASE_FOLD, 8, -1, PCM, 2, 4, 288, FOLD, 288),
-    ROW(SHAPE_LAYER23, 1, CASE_FOLD, 16, -1, PCM, 2, 4, 288, FOLD, 576),
-    ROW(SHAPE_LAYER23, 1, CASE_STEREO, 8, -1, PCM, 2, 4, 288, COPY, 576),
-    ROW(SHAPE_LAYER23, 1, CASE_STEREO, 16, -1, PCM, 2, 4, 288, COPY, 1152),
-    ROW(SHAPE_LAYER23, 2, CASE_MONO, 8, -1, PCM, 1, 4, 288, COPY, 144),
-    ROW(SHAPE_LAYER23, 2, CASE_MONO, 16, -1, PCM, 1, 4, 144, COPY, 288),
-    ROW(SHAPE_LAYER23, 2, CASE_FOLD, 8, -1, PCM, 2, 8, 144, FOLD, 144),
-    ROW(SHAPE_LAYER23, 2, CASE_FOLD, 16, -1, PCM, 2, 8, 144, FOLD, 288),
-    ROW(SHAPE_LAYER23, 2, CASE_STEREO, 8, -1, PCM, 2, 8, 144, COPY, 288),
-    ROW(SHAPE_LAYER23, 2, CASE_STEREO, 16, -1, PCM, 2, 8, 144, COPY, 576),
-    // Layer I, from pcm_block_l1: 1152 values. Folding keeps the left value alone, without a mean.
-    ROW(SHAPE_LAYER1, 0, CASE_FOLD, 8, -1, PCM_L1, 1, 2, 576, COPY, 576),
-    ROW(SHAPE_LAYER1, 0, CASE_FOLD, 16, -1, PCM_L1, 1, 2, 576, COPY, 1152),
-    ROW(SHAPE_LAYER1, 0, CASE_STEREO, 8, -1, PCM_L1, 1, 1, 1152, COPY, 1152),
-    ROW(SHAPE_LAYER1, 0, CASE_STEREO, 16, -1, PCM_L1, 1, 1, 1152, COPY, 2304),
-    ROW(SHAPE_LAYER1, 1, CASE_FOLD, 8, -1, PCM_L1, 1, 4, 288, COPY, 288),
-    ROW(SHAPE_LAYER1, 1, CASE_FOLD, 16, -1, PCM_L1, 1, 4, 288, COPY, 576),
-    ROW(SHAPE_LAYER1, 1, CASE_STEREO, 8, -1, PCM_L1, 2, 4, 288, COPY, 576),
-    // The 16-bit thinned rows for two decoded channels, and the quarter-rate one for any, read
-    // pcm_block, which Layer I never writes: they play silence or the last Layer II/III block.
-    // The row is chosen by decoded_channels at selection, which is 1 for a session's first track.
-    // Kept as the program has always played it.
-    ROW(SHAPE_LAYER1, 1, CASE_STEREO, 16, 0, PCM_L1, 1, 2, 576, COPY, 1152),
-    ROW(SHAPE_LAYER1, 1, CASE_STEREO, 16, 1, PCM, 2, 4, 288, COPY, 1152),
-    ROW(SHAPE_LAYER1, 2, CASE_FOLD, 8, -1, PCM_L1, 1, 8, 144, COPY, 144),
-    ROW(SHAPE_LAYER1, 2, CASE_FOLD, 16, -1, PCM_L1, 1, 8, 144, COPY, 288),
-    ROW(SHAPE_LAYER1, 2, CASE_STEREO, 8, -1, PCM_L1, 2, 8, 144, COPY, 288),
-    ROW(SHAPE_LAYER1, 2, CASE_STEREO, 16, 0, PCM, 1, 4, 288, COPY, 576),
-    ROW(SHAPE_LAYER1, 2, CASE_STEREO, 16, 1, PCM, 2, 8, 144, COPY, 576),
+    ROW(1, CASE_MONO, 8, 1, 2, 576, COPY, 288),
+    ROW(1, CASE_MONO, 16, 1, 2, 288, COPY, 576),
+    ROW(1, CASE_FOLD, 8, 2, 4, 288, FOLD, 288),
+    ROW(1, CASE_FOLD, 16, 2, 4, 288, FOLD, 576),
+    ROW(1, CASE_STEREO, 8, 2, 4, 288, COPY, 576),
+    ROW(1, CASE_STEREO, 16, 2, 4, 288, COPY, 1152),
+    ROW(2, CASE_MONO, 8, 1, 4, 288, COPY, 144),
+    ROW(2, CASE_MONO, 16, 1, 4, 144, COPY, 288),
+    ROW(2, CASE_FOLD, 8, 2, 8, 144, FOLD, 144),
+    ROW(2, CASE_FOLD, 16, 2, 8, 144, FOLD, 288),
+    ROW(2, CASE_STEREO, 8, 2, 8, 144, COPY, 288),
+    ROW(2, CASE_STEREO, 16, 2, 8, 144, COPY, 576),
 };
 
 #undef ROW
@@ -145,38 +121,16 @@ const ShaperRow shaper_table[SHAPER_COUNT] = {
 const ShaperRow* select_shaper() {
   using session::state;
   using session::stream;
-  const int32_t layer_class = stream.layer == 1 ? SHAPE_LAYER1 : SHAPE_LAYER23;
   const int32_t rate_row = state.rate_shift >= 2 ? 2 : state.rate_shift < 0 ? 0 : state.rate_shift;
-  int32_t channel_case = stream.mode == 3 ? CASE_MONO : state.session_stereo ? CASE_STEREO : CASE_FOLD;
-  if (layer_class == SHAPE_LAYER1 && channel_case == CASE_MONO) channel_case = CASE_STEREO;
+  const int32_t channel_case = stream.mode == 3 ? CASE_MONO : state.session_stereo ? CASE_STEREO : CASE_FOLD;
   const int32_t width = state.session_16bit ? 16 : 8;
-  const int32_t dc2 = state.decoded_channels == 2 ? 1 : 0;
   for (const ShaperRow& row : shaper_table) {
-    if (row.layer_class == layer_class && row.rate_row == rate_row && row.channel_case == channel_case &&
-        row.width == width && (row.dc2 < 0 || row.dc2 == dc2)) {
+    if (row.rate_row == rate_row && row.channel_case == channel_case && row.width == width) {
       state.shaper_slot = row.fn;
       return &row;
     }
   }
   return nullptr;  // unreachable: the table covers every combination
-}
-
-void flush_layer1_tail(int32_t count) {
-  using session::state;
-  if (count <= 0) count = 0;
-  if (count > 1152) count = 1152;
-  if (state.file_job_active.load(relaxed)) {
-    session::write_decoded_tail_l1(count);
-    return;
-  }
-  if (!ring.ring_base) return;
-  // No wrap test and no wait: the spare bytes behind the ring take what runs over its end, and the
-  // count rises by a full 16 units so that the drain pads and plays the partial block.
-  const uint32_t at = ring.ring_write.load(relaxed);
-  if (at + 2 * uint32_t(count) <= ring.ring_bytes.load(relaxed) + RING_SPARE)
-    std::memcpy(ring.ring_base + at, decoder::pcm_block_l1, 2 * size_t(count));
-  ring.ring_fill.fetch_add(16, std::memory_order_release);
-  ring.ring_write.store(at + 2 * uint32_t(count), relaxed);
 }
 
 }  // namespace output

@@ -51,6 +51,8 @@ enum ReadCode : int32_t {
   FRAME_SHORT = 262,  // fewer than 4 bytes left at the call
   FRAME_EOF = 263,    // end of file while stepping after any other pattern
 };
+// A frame header of any layer was read.
+inline bool frame_found(int32_t code) { return code == FRAME_OK || code == FRAME_LAYER1; }
 
 constexpr int32_t RESERVOIR_SIZE = 4096;
 // Storage behind the ring: takes a whole frame that runs over the ring's end (the largest is a

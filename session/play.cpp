@@ -112,8 +112,9 @@ void report_device_error(int32_t error) {
 bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
   output::wave.wave_event.set();  // a waiting wave thread looks at its command at once
   auto position = [&] {
-    return position_count(frame, stream.mode, stream.mpeg_id, state.session_stereo, state.session_16bit,
-                          state.rate_shift);
+    // The count is by 1152-sample frames; a Layer I frame holds a third of one.
+    return position_count(stream.layer == 1 ? frame / 3 : frame, stream.mode, stream.mpeg_id, state.session_stereo,
+                          state.session_16bit, state.rate_shift);
   };
   switch (command) {
     case CMD_JUMP:
@@ -150,25 +151,11 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
   return true;
 }
 
-// Layer I: the decoder drives its own loop over the file; seeks stay standing until the track ends.
-TrackEnd play_layer1(const Life& life) {
-  int32_t error = output::wave_open(stream.sample_rate, stream.mode != 3);
-  if (error != 0) {
-    // Unlike the other layers, play_requested stays set here.
-    report_device_error(error);
-    return TRACK_STOPPED;
-  }
-  state.play_requested.store(0, relaxed);
-  decoder::decode_layer1_stream();
-  if (!life.live()) return TRACK_ABANDONED;
-  return state.decoder_command.load(relaxed) == CMD_STOP ? TRACK_STOPPED : TRACK_ENDED;
-}
-
-// Layers II and III: open the device at the first good frame's format, then frame by frame.
-TrackEnd play_layers23(const Life& life) {
+// Open the device at the first good frame's format, then frame by frame.
+TrackEnd play_frames(const Life& life) {
   FrameHeader header{};
   int32_t code;
-  while ((code = read_frame(header)) != FRAME_OK) {
+  while (!frame_found(code = read_frame(header))) {
     if (end_of_stream(code)) {
       // Nothing playable: no device was opened. Clear the request as a failed open would, so the
       // next Play is not ignored.
@@ -193,8 +180,12 @@ TrackEnd play_layers23(const Life& life) {
   for (bool first = true;; first = false) {
     if (!first) {
       code = read_frame(header);
-      if (end_of_stream(code)) return TRACK_ENDED;
-      if (code != FRAME_OK) {
+      if (end_of_stream(code)) {
+        // The Layer I slots still waiting for a block play as one, padded with silence.
+        if (decoder::flush_layer1() && state.shaper_slot) state.shaper_slot();
+        return TRACK_ENDED;
+      }
+      if (!frame_found(code)) {
         // A refused frame: step over it and go on. No message and no limit.
         skip_frames_forward(header, 1);
         state.damaged_flag.store(1, relaxed);
@@ -205,9 +196,14 @@ TrackEnd play_layers23(const Life& life) {
       int32_t command = state.decoder_command.load(relaxed);
       if (command != CMD_RUN && !take_command(command, header, frame)) return TRACK_STOPPED;
     }
-    // The layer field 1 is Layer III; every other value goes to the Layer II decoder.
     if (header.layer_code == 1) {
       decoder::decode_layer3_frame(header);
+    } else if (header.layer_code == 3) {
+      if (decoder::decode_layer1_frame(header) == decoder::LAYER1_CRC_MISMATCH) {
+        // A protected Layer I frame with a wrong CRC stops the session.
+        state.decoder_command.store(CMD_STOP, relaxed);
+        return TRACK_STOPPED;
+      }
     } else if (decoder::decode_layer2_frame(header) != 0) {
       if (!life.live()) return TRACK_ABANDONED;
       message_box("Error", "エラー発生");
@@ -281,7 +277,7 @@ void play_thread_main(int32_t generation) {
     count_play(library::playlist.current_entry.load(relaxed));
     if (play_hooks.title_new_track) play_hooks.title_new_track();
 
-    TrackEnd end = stream.layer == 1 ? play_layer1(life) : play_layers23(life);
+    TrackEnd end = play_frames(life);
     if (end == TRACK_ABANDONED) return;
 
     if (end == TRACK_STOPPED) {

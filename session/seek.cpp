@@ -22,6 +22,14 @@ long frame_position(int32_t target) {
   return long(points[i] + (p - i) * (points[i + 1] - points[i]));
 }
 
+// A frame's length without its padding: the step back over the frame before, whose padding is not
+// known.
+int32_t unpadded_length(const FrameHeader& h) {
+  FrameHeader u = h;
+  u.padding_bit = 0;
+  return frame_length(u);
+}
+
 bool end_of_stream(int32_t code) { return code == FRAME_SHORT || code == FRAME_EOF; }
 
 }  // namespace
@@ -34,7 +42,7 @@ int32_t seek_to_frame(FrameHeader& header) {
   for (int attempt = 0; attempt < 10; ++attempt) {
     std::fseek(reader.file, frame_position(target), SEEK_SET);
     int32_t code = read_frame(local);
-    if (code == FRAME_OK) break;
+    if (frame_found(code)) break;
     if (end_of_stream(code)) return stream.frame_count;
     ++target;
   }
@@ -42,7 +50,7 @@ int32_t seek_to_frame(FrameHeader& header) {
   if (std::fseek(reader.file, head - 4, SEEK_CUR) != 0) return std::feof(reader.file) ? stream.frame_count : target;
   load_reservoir(frame_length(local) - head);
   int32_t code = read_frame(local);
-  if (code == FRAME_OK) {
+  if (frame_found(code)) {
     header = local;
     return target;
   }
@@ -57,7 +65,7 @@ int32_t skip_frames_forward(FrameHeader& header, int32_t n) {
     load_reservoir(frame_length(local) - head);
     int32_t code = read_frame(local);
     if (code == FRAME_SHORT) return done;
-    if (code != FRAME_OK) return -1;
+    if (!frame_found(code)) return -1;
   }
   header = local;
   return n;
@@ -66,13 +74,13 @@ int32_t skip_frames_forward(FrameHeader& header, int32_t n) {
 int32_t skip_frames_back(FrameHeader& header, int32_t n) {
   FrameHeader local = header;
   for (int32_t done = 0; done < n; ++done) {
-    long size = frame_length(local) - (local.padding_bit << (local.layer_code == 3 ? 2 : 0));
+    long size = unpadded_length(local);
     // Four header bytes, the frame, and one more to stand before the previous frame's sync.
     if (std::fseek(reader.file, -(size + 5), SEEK_CUR) != 0 && std::fseek(reader.file, -(size + 4), SEEK_CUR) != 0) {
       header = local;
       return done;
     }
-    if (read_frame(local) != FRAME_OK) return -1;
+    if (!frame_found(read_frame(local))) return -1;
   }
   header = local;
   return n;

@@ -49,25 +49,37 @@ void report_progress(int32_t frames, int32_t sampling_index) {
   post_message(WINDOW_PROGRESS, MSG_PROGRESS_FRAMES, frames, progress_rate[sampling_index % 3]);
 }
 
+// The end of a job's stream: the Layer I slots still waiting, then the output format's header.
+void finish_stream(const FrameHeader& header) {
+  if (int32_t tail = decoder::flush_layer1()) write_decoded_frames(tail);
+  if (state.file_job_active.load(relaxed) && options.ext_filter >= EXT_WAV && options.ext_filter <= EXT_VOC)
+    finish_header(options.ext_filter, header);
+}
+
 // Walks one job's frames. Returns the outcome; frames and the last header are left for the reports.
 Outcome decode_frames(int32_t& frames) {
   FrameHeader& header = state.last_header;
   for (;;) {
     int32_t code = read_frame(header);
-    if (code == FRAME_OK || code == FRAME_LAYER1) {
+    if (frame_found(code)) {
       if (header.protection_bit == 0) skip_crc();
-    } else if (code == FRAME_SHORT || code == FRAME_EOF) {
-      if (state.file_job_active.load(relaxed) && options.ext_filter >= EXT_WAV && options.ext_filter <= EXT_VOC)
-        finish_header(options.ext_filter, header);
-      return OUTCOME_DONE;
     } else {
-      // A reader failure looks like an end: no frame skipping in a file job, and no header.
+      // The end of the file, or a reader failure, which looks like one: no frame skipping in a
+      // file job.
+      finish_stream(header);
       return OUTCOME_DONE;
     }
     if (state.file_job_cancel.load(relaxed)) return OUTCOME_CANCELLED;
-    // A stray Layer I header goes to the Layer II decoder, as any non-Layer III frame does.
     if (header.layer_code == 1) {
       decoder::decode_layer3_frame(header);
+    } else if (header.layer_code == 3) {
+      if (decoder::decode_layer1_frame(header) == decoder::LAYER1_CRC_MISMATCH) {
+        // A protected Layer I frame with a wrong CRC ends the track; what was decoded before it
+        // stays a complete file.
+        finish_stream(header);
+        state.decoder_command.store(CMD_STOP, relaxed);
+        return OUTCOME_DONE;
+      }
     } else if (decoder::decode_layer2_frame(header) != 0) {
       return OUTCOME_FATAL;
     }
@@ -112,20 +124,9 @@ void decode_file_thread() {
     reserve_header(options.ext_filter);
     if (in_batch) post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_STARTED, job_index);
 
-    Outcome outcome;
     frames = 0;
-    if (stream.layer == 1) {
-      decoder::decode_layer1_stream();
-      bool ok = state.decoder_command.load(relaxed) != CMD_STOP;
-      if (ok) post_message(WINDOW_PROGRESS, MSG_PROGRESS_FRAMES, stream.frame_count, stream.frame_count);
-      // Later reports of a Layer I job use these constants: the job counts no frames of its own.
-      frames = 44100;
-      sampling_index = 0;
-      outcome = state.file_job_cancel.load(relaxed) ? OUTCOME_CANCELLED : OUTCOME_DONE;
-    } else {
-      outcome = decode_frames(frames);
-      sampling_index = state.last_header.sampling_index;
-    }
+    const Outcome outcome = decode_frames(frames);
+    sampling_index = state.last_header.sampling_index;
     if (outcome == OUTCOME_FATAL) {
       fatal_decode_error(in_batch, job_index);
       end_thread();
@@ -135,7 +136,7 @@ void decode_file_thread() {
     if (in_batch) {
       post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, outcome == OUTCOME_DONE ? JOB_DONE : JOB_CANCELLED, job_index);
     } else {
-      if (outcome == OUTCOME_DONE && stream.layer != 1) report_progress(frames, sampling_index);
+      if (outcome == OUTCOME_DONE) report_progress(frames, sampling_index);
       post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
     }
     close_files();

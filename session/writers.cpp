@@ -181,7 +181,6 @@ void write_samples(const int16_t* samples, size_t bytes) {
 // frame recorded the encoder's delay and padding. The synthesis and the overlap of Layer III delay
 // the output by 529 samples, as in every decoder of the standard's structure.
 constexpr int64_t DECODER_DELAY = 529;
-constexpr int64_t BLOCK_FRAMES = 576;  // sample frames in pcm_block
 struct Trim {
   int64_t skip = 0;
   int64_t keep = -1;
@@ -190,25 +189,22 @@ Trim trim;
 
 }  // namespace
 
-void write_decoded_block() {
+void write_decoded_block() { write_decoded_frames(576); }
+
+void write_decoded_frames(int32_t frames) {
+  if (frames <= 0 || frames > 576) return;
   // Gapless: the encoder's delay and the decoder's own at the start are dropped, and what stands
   // behind the stream's real length.
   const size_t channels = state.decoded_channels == 2 ? 2 : 1;
-  int64_t first = std::min<int64_t>(BLOCK_FRAMES, trim.skip);
+  int64_t first = std::min<int64_t>(frames, trim.skip);
   trim.skip -= first;
-  int64_t count = BLOCK_FRAMES - first;
+  int64_t count = frames - first;
   if (trim.keep >= 0) {
     count = std::min(count, trim.keep);
     trim.keep -= count;
   }
   if (count <= 0) return;
   write_samples(decoder::pcm_block + size_t(first) * channels, size_t(count) * channels * 2);
-}
-
-void write_decoded_block_l1() { write_samples(decoder::pcm_block_l1, sizeof decoder::pcm_block_l1); }
-
-void write_decoded_tail_l1(int32_t count) {
-  if (count > 0 && count <= 1152) write_samples(decoder::pcm_block_l1, size_t(count) * 2);
 }
 
 void reserve_header(int32_t ext_filter) {

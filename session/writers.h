@@ -13,10 +13,9 @@ enum ExtFilter : int32_t { EXT_RAW = 0, EXT_WAV = 1, EXT_AIF = 2, EXT_AU = 3, EX
 
 // The file job's ShaperFn: writes pcm_block (one or two channels by decoded_channels).
 void write_decoded_block();
-// Writes pcm_block_l1 (Layer I): 1152 values, whatever the channel count, in the format's byte order.
-void write_decoded_block_l1();
-// Writes the first count values of pcm_block_l1: the last, incomplete block of a Layer I stream.
-void write_decoded_tail_l1(int32_t count);
+// Writes the first frames (1-576) of pcm_block the same way: the last, partial block of a Layer I
+// stream.
+void write_decoded_frames(int32_t frames);
 // Writes placeholder bytes for ext_filter's header (nothing for raw).
 void reserve_header(int32_t ext_filter);
 // Writes the true header (and the WAVE trailer) from the file position and the last header.

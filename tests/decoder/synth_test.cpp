@@ -102,7 +102,7 @@ TEST_F(SynthTest, TransformMatchesDirectCosineFormula) {
     for (int m = 0; m < 32; ++m) {
       double x = 0;
       for (int k = 0; k < 32; ++k) x += in[k] * std::cos((2 * k + 1) * m * M_PI / 64);
-      double got = m >= 16 ? decoder::synth_banks[0][0][m - 16][0] : -decoder::synth_banks[0][1][16 - m][0];
+      double got = m >= 16 ? decoder::synth_banks[0][0][0][m - 16] : -decoder::synth_banks[0][1][0][16 - m];
       EXPECT_NEAR(got, 2 * x, 1e-5 * abs_sum) << "m " << m << " round " << round;
     }
   }
@@ -218,7 +218,7 @@ TEST_F(SynthTest, EdgeCasesInEveryVariant) {
   decoder::reset_synth_indices();
   EXPECT_EQ(decoder::synth_column[0] | decoder::synth_column[1] | uint32_t(decoder::synth_phase), 0u);
   const float* ring = &decoder::synth_banks[1][0][0][0];
-  EXPECT_TRUE(std::any_of(ring, ring + 2 * 17 * 16, [](float v) { return v != 0.0f; }));
+  EXPECT_TRUE(std::any_of(ring, ring + 2 * 16 * 32, [](float v) { return v != 0.0f; }));
   std::vector<int16_t> full = run(decoder::synth_full, loud, 2, 0);
   std::vector<int16_t> over = run(decoder::synth_overdrive, loud, 2, 0);
   int odd_negative_sums = 0;

@@ -1,12 +1,13 @@
-// Arbitrary Layer I streams through the Layer I decoder as a file job runs it: either a valid first
-// header followed by the input's bytes, or the input's bytes alone. Output goes to /dev/null in the
-// format the input picks, so the writers' finish runs too.
+// Arbitrary Layer I streams through the Layer I decoder frame by frame as a file job runs it: either
+// a valid first header followed by the input's bytes, or the input's bytes alone. Output goes to
+// /dev/null in the format the input picks, so the partial last block and the writers' finish run too.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "decoder/decoder.h"
+#include "decoder/synth.h"
 #include "session/session.h"
 #include "session/writers.h"
 
@@ -15,6 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 4) return 0;
   static std::FILE* sink = std::fopen("/dev/null", "w+b");
   if (!sink) return 0;
+  static const bool tables = (decoder::init_decoder_tables(), true);
+  (void)tables;
 
   const uint8_t control = data[0];
   std::vector<uint8_t> bytes;
@@ -33,15 +36,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   state.out_file = sink;
   std::rewind(sink);
   options.ext_filter = (control >> 1) % 5;
-  stream.frame_count = (control >> 4) * 20;
   stream.mode = data[3] >> 6;
-  stream.mpeg_id = 1;
-  stream.sample_rate = 44100;
+  stream.emphasis_mode = control >> 6;
+  reset_decoding();
+  state.synth_slot = stream.mode == 3 ? decoder::synth_mono : decoder::synth_full;
   state.shaper_slot = write_decoded_block;
-  state.decoder_command.store(CMD_RUN);
-  state.file_job_active.store(1);  // a file job: no pacing sleeps
-  state.file_job_cancel.store(0);
-  decoder::decode_layer1_stream();
+  state.decoded_channels = 0;
+  reserve_header(options.ext_filter);
+  FrameHeader h{};
+  for (;;) {
+    const int32_t code = read_frame(h);
+    if (code != FRAME_LAYER1 && code != FRAME_OK) break;
+    if (h.protection_bit == 0) skip_crc();
+    if (code == FRAME_LAYER1 && decoder::decode_layer1_frame(h) != 0) break;
+  }
+  if (int32_t tail = decoder::flush_layer1()) write_decoded_frames(tail);
+  finish_header(options.ext_filter, h);
   std::fclose(reader.file);
   reader.file = nullptr;
   state.out_file = nullptr;

@@ -1,6 +1,6 @@
 // Shapers: the bytes each kind of row puts in the ring, hand-computed from a few chosen samples, the
 // counts by which the ring moves, the row chosen for each combination, the over-long mono rows and
-// the ring's spare bytes, back-pressure, and the Layer I tail.
+// the ring's spare bytes, and back-pressure.
 #include "output/shapers.h"
 
 #include <gtest/gtest.h>
@@ -31,7 +31,6 @@ struct Shapers : ::testing::Test {
     ring.ring_read = 0;
     std::memset(ring.ring_base, 0xEE, RING_BYTES + RING_SPARE);
     std::memset(decoder::pcm_block, 0, sizeof decoder::pcm_block);
-    std::memset(decoder::pcm_block_l1, 0, sizeof decoder::pcm_block_l1);
     state.file_job_active = 0;
     state.decoded_channels = 1;
   }
@@ -128,68 +127,26 @@ TEST_F(Shapers, ThinnedMonoEightBitStoresTwiceWhatItCounts) {
   expect8({{287, u8_of(1148 << 4)}});
 }
 
-TEST_F(Shapers, LayerOneRows) {
-  for (int i = 0; i < 1152; ++i) decoder::pcm_block_l1[i] = int16_t(1000 + i);
-  for (int i = 0; i < 1152; ++i) decoder::pcm_block[i] = int16_t(-1 - i);
-  struct Case {
-    int32_t mode, shift;
-    bool stereo, sixteen;
-    int32_t channels;
-    uint32_t written;
-    Want want;
-    const char* what;
-  };
-  const Case cases[] = {
-      {0, 0, false, true, 1, 1152, {{0, 1000}, {2, 1002}}, "fold keeps the left value alone, no mean"},
-      {0, 0, true, true, 1, 2304, {{2302, 1000 + 1151}}, "stereo copies all 1152 values"},
-      {3, 0, true, true, 1, 2304, {{2302, 1000 + 1151}}, "so does mono"},
-      {0, 1, true, true, 1, 1152, {{2, 1002}}, "half rate, one decoded channel: every second value"},
-      {0, 1, true, true, 2, 1152, {{0, -1}, {2, -2}, {4, -5}}, "two decoded channels: pcm_block, every second pair"},
-      {0, 2, true, true, 1, 576, {{0, -1}, {2, -5}}, "quarter rate: every fourth value of pcm_block"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    state.decoded_channels = c.channels;
-    shape(1, c.mode, c.shift, c.stereo, c.sixteen);
-    expect16(c.want);
-    EXPECT_EQ(ring.ring_write, c.written);
-  }
-  state.decoded_channels = 1;
-  shape(1, 0, 1, true, false);  // 8 bit at the half rate: two values, then two dropped
-  expect8({{0, u8_of(1000)}, {1, u8_of(1001)}, {2, u8_of(1004)}, {3, u8_of(1005)}});
-  EXPECT_EQ(ring.ring_write, 576u);
-  shape(1, 0, 2, false, false);  // quarter rate fold, 8 bit: every eighth value
-  expect8({{1, u8_of(1008)}});
-  EXPECT_EQ(ring.ring_write, 144u);
-}
-
 // Units per call for every combination: each must divide a block, so that the ring's blocks fill
 // exactly, and the row must be the one for its rate, case and width.
 TEST_F(Shapers, EveryCombinationHasItsRow) {
-  // [rate row][mono, fold, stereo][8, 16] for Layers II and III.
-  const int32_t units23[3][3][2] = {{{4, 8}, {4, 8}, {8, 16}}, {{2, 4}, {2, 4}, {4, 8}}, {{1, 2}, {1, 2}, {2, 4}}};
-  // [rate row][fold, mono or stereo][8, 16] for Layer I.
-  const int32_t units1[3][2][2] = {{{4, 8}, {8, 16}}, {{2, 4}, {4, 8}}, {{1, 2}, {2, 4}}};
+  // [rate row][mono, fold, stereo][8, 16], for every layer.
+  const int32_t units[3][3][2] = {{{4, 8}, {4, 8}, {8, 16}}, {{2, 4}, {2, 4}, {4, 8}}, {{1, 2}, {1, 2}, {2, 4}}};
   bool seen[SHAPER_COUNT] = {};
   for (int32_t layer : {1, 2, 3})
     for (int32_t shift = 0; shift <= 3; ++shift)
       for (int32_t mode : {0, 1, 2, 3})
         for (bool stereo : {false, true})
-          for (bool sixteen : {false, true})
-            for (int32_t channels : {1, 2}) {
-              state.decoded_channels = channels;
-              const ShaperRow* row = shape(layer, mode, shift, stereo, sixteen);
-              ASSERT_NE(row, nullptr);
-              const int32_t r = shift > 2 ? 2 : shift;
-              const int32_t expected = layer == 1 ? units1[r][mode != 3 && !stereo ? 0 : 1][sixteen]
-                                                  : units23[r][mode == 3 ? 0
-                                                               : stereo  ? 2
-                                                                         : 1][sixteen];
-              EXPECT_EQ(ring.ring_fill, expected) << layer << " " << shift << " " << mode << " " << stereo;
-              EXPECT_EQ(ring.ring_write, uint32_t(expected) * UNIT_BYTES);
-              EXPECT_EQ(BLOCK_UNITS % expected, 0);
-              seen[row - shaper_table] = true;
-            }
+          for (bool sixteen : {false, true}) {
+            const ShaperRow* row = shape(layer, mode, shift, stereo, sixteen);
+            ASSERT_NE(row, nullptr);
+            const int32_t r = shift > 2 ? 2 : shift;
+            const int32_t expected = units[r][mode == 3 ? 0 : stereo ? 2 : 1][sixteen];
+            EXPECT_EQ(ring.ring_fill, expected) << layer << " " << shift << " " << mode << " " << stereo;
+            EXPECT_EQ(ring.ring_write, uint32_t(expected) * UNIT_BYTES);
+            EXPECT_EQ(BLOCK_UNITS % expected, 0);
+            seen[row - shaper_table] = true;
+          }
   EXPECT_EQ(std::count(seen, seen + SHAPER_COUNT, true), SHAPER_COUNT);
 }
 
@@ -212,33 +169,6 @@ TEST_F(Shapers, FullRingMakesTheDecoderWait) {
   decoder.join();
   EXPECT_EQ(ring.ring_fill, RING_UNITS - BLOCK_UNITS + 16);
   EXPECT_EQ(ring.ring_write, 2304u);
-}
-
-TEST_F(Shapers, LayerOneTail) {
-  for (int i = 0; i < 1152; ++i) decoder::pcm_block_l1[i] = int16_t(7 * i - 3000);
-  // In play: copied at ring_write, 16 units whatever the count, no wrap.
-  ring.ring_write = RING_BYTES - 1152;
-  ring.ring_fill = 3;
-  flush_layer1_tail(1000);
-  EXPECT_EQ(ring.ring_fill, 19);
-  EXPECT_EQ(ring.ring_write, RING_BYTES - 1152 + 2000);
-  expect16({{RING_BYTES - 1152 + 2 * 999, 7 * 999 - 3000}});
-  flush_layer1_tail(0);
-  EXPECT_EQ(ring.ring_fill, 35);
-
-  // In a file job: the values go to the output file, the ring stays.
-  test::TempDir dir;
-  state.file_job_active = 1;
-  state.out_file = std::fopen(dir.file("tail.raw").c_str(), "wb");
-  ASSERT_NE(state.out_file, nullptr);
-  flush_layer1_tail(5);
-  std::fclose(state.out_file);
-  state.out_file = nullptr;
-  state.file_job_active = 0;
-  std::vector<int16_t> samples = test::read_pcm16(dir.file("tail.raw"));
-  ASSERT_EQ(samples.size(), 5u);
-  EXPECT_EQ(samples[4], 7 * 4 - 3000);
-  EXPECT_EQ(ring.ring_fill, 35);
 }
 
 }  // namespace

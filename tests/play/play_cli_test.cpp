@@ -48,8 +48,8 @@ const Form full_rate_stereo = {"--rate 0", 4, 0, [](const std::vector<int16_t>& 
 // device faster than any decoder fills it, and write silence in the gaps), and checks the capture:
 // silence while the device is held for its priming, then the very bytes that the shapers make of
 // what `decode --format raw --no-gapless` writes, then the padding of the last block (alternating 128 and 0),
-// then silence until the device closes. A Layer I track hands its last partial block to the ring as
-// a whole one (tail_bytes, 2304): the ring's untouched zeros stand before the padding.
+// then silence until the device closes. A Layer I track plays its last partial block as a whole one
+// (tail_bytes, 2304), silent past the decoded frames, before the padding.
 void expect_capture_matches_decode(const std::string& in, const test::TempDir& dir, size_t tail_bytes = 1,
                                    const Form& form = full_rate_stereo) {
   SCOPED_TRACE(form.options);

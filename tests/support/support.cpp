@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -90,5 +92,26 @@ int32_t max_abs_diff(const std::vector<int16_t>& a, const std::vector<int16_t>& 
   }
   return worst;
 }
+
+PcmComparison compare_pcm(const std::vector<int16_t>& ours, const std::vector<int16_t>& theirs, size_t from,
+                          size_t step, size_t to) {
+  PcmComparison c;
+  size_t count = 0, close = 0;
+  for (size_t i = from; i < std::min({ours.size(), theirs.size(), to}); i += step) {
+    const int32_t d = std::abs(int32_t(ours[i]) - int32_t(theirs[i]));
+    c.max_raw = std::max(c.max_raw, d);
+    c.max_scaled = std::max(c.max_scaled, std::fabs(ours[i] - theirs[i] * (32767.0 / 32768.0)));
+    ++count;
+    close += d <= 1;
+  }
+  if (count) c.within_one = double(close) / double(count);
+  return c;
+}
+
+std::ostream& operator<<(std::ostream& out, const PcmComparison& c) {
+  return out << "max " << c.max_raw << ", scaled " << c.max_scaled << ", within 1: " << c.within_one;
+}
+
+bool decodes_alike(const PcmComparison& c) { return c.max_raw <= 2 && c.max_scaled <= 1.6 && c.within_one >= 0.95; }
 
 }  // namespace test

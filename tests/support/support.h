@@ -2,7 +2,9 @@
 // fixtures at test time, reading files, and the shared vectors folder.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -36,6 +38,22 @@ std::string cli_path();
 
 // Largest absolute difference over the common length of two sample sequences.
 int32_t max_abs_diff(const std::vector<int16_t>& a, const std::vector<int16_t>& b, size_t* at = nullptr);
+
+// Our decode against another decoder's (or a reference), over the common length from `from` in
+// steps of `step` up to `to`. The others scale full scale to 32768 and round where we use 32767 and
+// truncate: raw, a sample may differ by 2; with the scale taken out, by the truncation (below 1)
+// plus the other's rounding (0.5) plus float noise.
+struct PcmComparison {
+  int32_t max_raw = 0;
+  double max_scaled = 0;
+  double within_one = 1.0;  // share of samples that differ by at most 1
+};
+PcmComparison compare_pcm(const std::vector<int16_t>& ours, const std::vector<int16_t>& theirs, size_t from = 0,
+                          size_t step = 1, size_t to = SIZE_MAX);
+// Whether a comparison is as close as a decoder to the standard gets: at most 2 raw, 1.6 scaled,
+// and at least 95% of the samples within 1.
+bool decodes_alike(const PcmComparison& c);
+std::ostream& operator<<(std::ostream& out, const PcmComparison& c);
 
 }  // namespace test
 
