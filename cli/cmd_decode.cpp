@@ -66,7 +66,7 @@ int cmd_decode(int argc, char** argv) {
       job,
       [&] {
         int32_t started = session::start_decode_file(job, in, out);
-        if (started == session::START_OK) console.total.store(session::stream.frame_count);
+        if (started == session::START_OK) console.total.store(session::published_stream().frame_count);
         return started;
       },
       code);

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <mutex>
 #include <thread>
 
 #include "decoder/decoder.h"
@@ -24,6 +25,9 @@ StreamInfo stream;
 State state;
 
 namespace {
+
+std::mutex published_lock;
+StreamInfo published;
 
 constexpr int32_t PROGRESS_INTERVAL = 10;  // frames between progress messages
 // The progress rate is the MPEG-1 row by sampling index, for MPEG-2 streams too.
@@ -170,6 +174,7 @@ int32_t decode_file_thread(Job& job) {
       if (reader.file) {
         reset_decoding();
         if (open_stream() == STREAM_OK) {
+          publish_stream();
           more = true;
           break;
         }
@@ -210,6 +215,16 @@ int32_t decode_file_thread(Job& job) {
 
 }  // namespace
 
+void publish_stream() {
+  std::lock_guard<std::mutex> lock(published_lock);
+  published = stream;
+}
+
+StreamInfo published_stream() {
+  std::lock_guard<std::mutex> lock(published_lock);
+  return published;
+}
+
 void reset_decoding() {
   reset_frame_reader();
   reset_bit_reader();
@@ -234,6 +249,7 @@ int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
     remove_output(out_path);
     return START_OPEN_FAILED;
   }
+  publish_stream();
   state.decoded_channels = 0;
   state.damaged_flag.store(0, relaxed);
   state.decoder_command.store(CMD_RUN, relaxed);

@@ -123,8 +123,14 @@ struct State {
 };
 
 extern OutputOptions options;
-extern StreamInfo stream;
+extern StreamInfo stream;  // the session thread's own; other threads read published_stream()
 extern State state;
+
+// The open stream's facts for other threads: the thread that opened a stream publishes a copy of
+// it whole; published_stream returns that copy, taken whole under a lock, never half of one track
+// and half of the next.
+void publish_stream();
+StreamInfo published_stream();
 
 // Clears the frame reader, the reservoir, the synthesis history, the Layer III buffers and
 // pcm_block, as both start operations do.
