@@ -272,6 +272,26 @@ TEST_F(PlaySession, EntriesThatWontPlayAreReportedAndTheListGoesOn) {
   EXPECT_EQ(library::playlist.current_entry.load(), 0);
 }
 
+// The main thread reads the stream's facts (the seek bar, the window's display) while the play
+// thread opens track after track: it sees one track's facts whole, never half of two. Mono tracks
+// here have an odd number of frames and stereo ones an even number.
+TEST_F(PlaySession, TheStreamIsReadWholeWhileTracksOpen) {
+  for (int i = 0; i < 6; ++i) add_track("t" + std::to_string(i) + ".mp2", silent_layer2(40 + i, i % 2 == 1));
+  output::test_device_set_player(1);
+  session::play_command(0);
+  int torn = 0, seen = 0;
+  while (state.decoder_running.load()) {
+    session::StreamInfo s = session::published_stream();
+    torn += (s.mode == 3) != (s.frame_count % 2 == 1);
+    ++seen;
+    std::this_thread::yield();
+  }
+  session::join_finished_play_thread();
+  EXPECT_EQ(torn, 0) << "of " << seen;
+  EXPECT_EQ(count_of(output::test_device_record().calls, 'O'), 6);
+  EXPECT_EQ(session::published_stream().frame_count, 45);
+}
+
 TEST_F(PlaySession, AUrlInTheListEndsTheSessionAfterTheDrainAndStays) {
   add_track("a.mp2", silent_layer2(8));
   library::append_entry("Mms://radio/stream");
