@@ -116,7 +116,6 @@ bool describe_wave(const char* path, int& failed) {
 int cmd_info(int argc, char** argv) {
   bool frames = false;
   int files = 0, failed = 0;
-  install_console(0);
   for (int i = 0; i < argc; ++i) {
     if (std::strcmp(argv[i], "--frames") == 0) {
       frames = true;
