@@ -1,0 +1,120 @@
+// The polyphase analysis filter bank, scale factors and the FFT the models share.
+#include <cmath>
+#include <cstring>
+
+#include "encoder/l12.h"
+
+namespace encoder {
+
+// The matrixing of the filter bank, cos((2i + 1)(k - 16) pi / 64), is symmetric about k = 16 and
+// antisymmetric about k = 48. So the 64 folded sums y[k] reduce to 32 inputs: y[16] alone, the 16
+// sums a[k] = y[16 - k] + y[16 + k] and the 15 differences b[k] = y[48 - k] - y[48 + k]; y[48]
+// has a zero coefficient. The coefficients are rounded to nine decimals, the precision in which
+// the filter's matrix is usually tabulated.
+void analysis_init(EncoderState& s) {
+  std::memset(s.analysis_ring, 0, sizeof s.analysis_ring);
+  s.ring_offset[0] = s.ring_offset[1] = 0;
+  for (int32_t i = 0; i < 32; ++i) {
+    for (int32_t j = 0; j < 32; ++j) {
+      int32_t k = j <= 16 ? 16 + j : 48 - (j - 16);  // input j: 0 -> y16, 1..16 -> a, 17..31 -> b
+      double c = std::cos((2 * i + 1) * (k - 16) * M_PI / 64.0);
+      float scaled = float(c * 1e9);
+      double rounded = double(int64_t(scaled + (scaled < 0 ? -0.5f : 0.5f))) * 1e-9;
+      s.matrix[j][i] = float(rounded);
+    }
+  }
+}
+
+void analyse_slot(EncoderState& s, int32_t ch, const int16_t* pcm, float* out) {
+  float* ring = s.analysis_ring[ch];
+  int32_t off = s.ring_offset[ch];
+  // The newest sample goes lowest: the window reads ring[off .. off + 511] newest first.
+  for (int32_t i = 0; i < 32; ++i) {
+    float v = float(pcm[i]) * 3.0517578e-5f;
+    ring[off + 31 - i] = v;
+    ring[off + 31 - i + 512] = v;
+  }
+  const float* x = ring + off;
+  double y[64];
+  for (int32_t j = 0; j < 64; ++j) y[j] = 0.0;
+  for (int32_t i = 0; i < 8; ++i)
+    for (int32_t j = 0; j < 64; ++j) y[j] += double(x[64 * i + j] * ANALYSIS_WINDOW[64 * i + j]);
+  float v[32];
+  v[0] = float(y[16]);
+  for (int32_t k = 1; k <= 16; ++k) v[k] = float(y[16 - k] + y[16 + k]);
+  for (int32_t k = 1; k <= 15; ++k) v[16 + k] = float(y[48 - k] - y[48 + k]);
+  double acc[32];
+  for (int32_t i = 0; i < 32; ++i) acc[i] = 0.0;
+  for (int32_t j = 0; j < 32; ++j) {
+    const float* m = s.matrix[j];
+    for (int32_t i = 0; i < 32; ++i) acc[i] += double(m[i] * v[j]);
+  }
+  for (int32_t i = 0; i < 32; ++i) out[i] = float(acc[i]);
+  s.ring_offset[ch] = (off + 480) & 511;
+}
+
+void scale_factors(const float (*sb)[12][32], int32_t groups, int32_t sblimit, int32_t layer, int32_t (*index)[32]) {
+  for (int32_t g = 0; g < groups; ++g) {
+    for (int32_t b = 0; b < 32; ++b) {
+      if (b >= sblimit) {
+        index[g][b] = 63;
+        continue;
+      }
+      double peak = 0.0;
+      for (int32_t t = 0; t < 12; ++t) peak = std::fmax(peak, std::fabs(double(sb[g][t][b])));
+      int32_t found = 0;
+      for (int32_t i = 62; i >= 0; --i) {
+        bool fits = layer == 1 ? SCALE_MULTIPLE[i] > peak : SCALE_MULTIPLE[i] >= peak;
+        if (fits) {
+          found = i;
+          break;
+        }
+      }
+      index[g][b] = found;
+    }
+  }
+}
+
+// Iterative radix-2 decimation-in-time FFT over doubles, twiddles from one table of the largest
+// size (1024) read with a stride.
+void fft(double* re, double* im, int32_t n) {
+  static const struct Twiddle {
+    double c[512], s[512];
+    Twiddle() {
+      for (int32_t i = 0; i < 512; ++i) {
+        c[i] = std::cos(2 * M_PI * i / 1024.0);
+        s[i] = -std::sin(2 * M_PI * i / 1024.0);
+      }
+    }
+  } tw;
+  for (int32_t i = 1, j = 0; i < n; ++i) {
+    int32_t bit = n >> 1;
+    for (; j & bit; bit >>= 1) j ^= bit;
+    j |= bit;
+    if (i < j) {
+      double t = re[i];
+      re[i] = re[j];
+      re[j] = t;
+      t = im[i];
+      im[i] = im[j];
+      im[j] = t;
+    }
+  }
+  for (int32_t len = 2; len <= n; len <<= 1) {
+    int32_t half = len >> 1, stride = 1024 / len;
+    for (int32_t i = 0; i < n; i += len) {
+      for (int32_t k = 0; k < half; ++k) {
+        double wr = tw.c[k * stride], wi = tw.s[k * stride];
+        int32_t a = i + k, b = a + half;
+        double xr = re[b] * wr - im[b] * wi;
+        double xi = re[b] * wi + im[b] * wr;
+        re[b] = re[a] - xr;
+        im[b] = im[a] - xi;
+        re[a] += xr;
+        im[a] += xi;
+      }
+    }
+  }
+}
+
+}  // namespace encoder

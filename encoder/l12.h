@@ -1,0 +1,67 @@
+// Internals of the Layer I/II encoder shared by its files: the fixed tables and the stages of one
+// frame. Arrays are indexed [channel][group][slot][subband] as the filter bank produces them.
+#pragma once
+
+#include <cstdint>
+
+#include "encoder/encoder.h"
+
+namespace encoder {
+
+// A Layer II quantisation class: steps, whether three samples share one code word, bits per code
+// word, and the quantiser's A and B.
+struct QuantClass {
+  int32_t steps;
+  int32_t grouped;
+  int32_t bits;
+  float a;
+  float b;
+};
+
+// A Layer II allocation table: sblimit, and per subband the field width and the class of each
+// allocation code (code 0 = nothing, class -1).
+struct AllocTable {
+  int32_t sblimit;
+  struct {
+    int32_t nbal;
+    int8_t cls[16];
+  } sb[32];
+};
+
+// A model 1 frequency table: rows (row 0 is zero) of FFT line, bark and threshold in quiet, and
+// the critical band boundaries as FFT lines.
+struct Model1Table {
+  int32_t rows;
+  int32_t bands;
+  struct {
+    int32_t line;
+    double bark;
+    double quiet;
+  } row[134];
+  int32_t bound[27];
+};
+
+#include "encoder/l12_tables.inc"
+
+static_assert(sizeof(ANALYSIS_WINDOW) / sizeof(float) == 512);
+static_assert(sizeof(MODEL2_ABSTHR[0]) / sizeof(float) == 513);
+
+using Samples = float[2][3][12][32];
+using ScaleIndex = int32_t[2][3][32];
+
+// Clears the filter bank and builds its matrix.
+void analysis_init(EncoderState& s);
+// Filter bank: one slot of 32 new samples of channel ch (step 1 between them) to 32 subbands.
+void analyse_slot(EncoderState& s, int32_t ch, const int16_t* pcm, float* out);
+// Scale factor indices of `groups` groups of 12 slots below sblimit (63 above). Layer I takes the
+// smallest factor strictly above the peak, Layer II the smallest at or above it.
+void scale_factors(const float (*sb)[12][32], int32_t groups, int32_t sblimit, int32_t layer, int32_t (*index)[32]);
+// Model 1: smr[ch][sb] in dB from the frame's new samples.
+void model1(EncoderState& s, const int16_t* const* pcm, const double (*max_scale)[32], double (*smr)[32]);
+// Model 2 set-up for the job's rate, and its Layers I/II form for one channel.
+void model2_init(Model2State& m, int32_t rate_hz);
+void model2_l12(Model2State& m, const int16_t* pcm, int32_t ch, int32_t layer, double* smr);
+// In-place complex FFT of n points (a power of two up to 1024), forward.
+void fft(double* re, double* im, int32_t n);
+
+}  // namespace encoder
