@@ -1,5 +1,6 @@
 // One Layer I or II frame: filter bank, scale factors, model, joint stereo decision, bit
 // allocation, quantisation and the bitstream.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -210,8 +211,11 @@ void write_header(const EncoderState& s, int32_t padding, format::BitWriter& w) 
   put_bits(w, uint32_t(p.sample_rate_index), 2);
   put_bits(w, uint32_t(padding), 1);
   put_bits(w, uint32_t(p.extension), 1);
-  put_bits(w, uint32_t(s.mode), 2);
-  put_bits(w, uint32_t(s.mode_ext), 2);
+  // A joint stereo bound at or above sblimit (Layer II at low rates) codes nothing jointly: such a
+  // frame is written as plain stereo, since decoders treat a bound beyond sblimit as an error.
+  const bool plain = s.mode == 1 && s.jsbound >= s.sblimit;
+  put_bits(w, plain ? 0u : uint32_t(s.mode), 2);
+  put_bits(w, plain ? 0u : uint32_t(s.mode_ext), 2);
   put_bits(w, uint32_t(p.copyright), 1);
   put_bits(w, uint32_t(p.original), 1);
   put_bits(w, p.emphasis == 2 ? 3u : uint32_t(p.emphasis), 2);
@@ -415,7 +419,7 @@ int32_t encoder_init(EncoderState& s, const EncoderParams& p) {
     s.table = table_for(s);
     s.sblimit = ALLOC_TABLES[s.table].sblimit;
   }
-  s.jsbound = p.mode == 1 ? JS_BOUND[s.mode_ext] : s.sblimit;
+  s.jsbound = p.mode == 1 ? std::min(JS_BOUND[s.mode_ext], s.sblimit) : s.sblimit;
   // Frame length in slots (4 bytes in Layer I, 1 in Layer II): 12 or 144 times kbit/s per kHz,
   // kept as a whole part and a remainder in units of 1/rate. Exact integers, so that a rate that
   // divides evenly (48 kHz at 128 kbit/s) never pads, and padding follows the standard's rule.
@@ -510,7 +514,7 @@ int32_t encode_frame(EncoderState& s, const int16_t (*pcm)[FRAME_SAMPLES_L2], ui
       s.mode = 1;
       while (s.mode_ext > 0) {
         --s.mode_ext;
-        s.jsbound = JS_BOUND[s.mode_ext];
+        s.jsbound = std::min(JS_BOUND[s.mode_ext], s.sblimit);
         if (need() <= adb) break;
       }
     }
