@@ -60,33 +60,45 @@ void scale_factors(const float (*sb)[12][32], int32_t groups, int32_t sblimit, i
         index[g][b] = 63;
         continue;
       }
-      double peak = 0.0;
-      for (int32_t t = 0; t < 12; ++t) peak = std::fmax(peak, std::fabs(double(sb[g][t][b])));
-      int32_t found = 0;
-      for (int32_t i = 62; i >= 0; --i) {
-        bool fits = layer == 1 ? SCALE_MULTIPLE[i] > peak : SCALE_MULTIPLE[i] >= peak;
-        if (fits) {
-          found = i;
-          break;
-        }
+      float peak_f = 0.0f;
+      for (int32_t t = 0; t < 12; ++t) {
+        const float v = sb[g][t][b] < 0 ? -sb[g][t][b] : sb[g][t][b];
+        peak_f = v > peak_f ? v : peak_f;
       }
+      const double peak = peak_f;
+      // multiple[] falls with the index: find the largest index whose entry is above the peak
+      // (Layer II: at or above it), 0 when none is.
+      int32_t lo = 0, hi = 62;  // the answer lies in [lo, hi]
+      auto fits = [&](int32_t i) { return layer == 1 ? SCALE_MULTIPLE[i] > peak : SCALE_MULTIPLE[i] >= peak; };
+      while (lo < hi) {
+        const int32_t mid = (lo + hi + 1) / 2;
+        if (fits(mid))
+          lo = mid;
+        else
+          hi = mid - 1;
+      }
+      const int32_t found = lo;
       index[g][b] = found;
     }
   }
 }
 
-// Iterative radix-2 decimation-in-time FFT over doubles, twiddles from one table of the largest
-// size (1024) read with a stride.
-void fft(double* re, double* im, int32_t n) {
-  static const struct Twiddle {
-    double c[512], s[512];
-    Twiddle() {
-      for (int32_t i = 0; i < 512; ++i) {
-        c[i] = std::cos(2 * M_PI * i / 1024.0);
-        s[i] = -std::sin(2 * M_PI * i / 1024.0);
-      }
+namespace {
+
+struct Twiddle {
+  double c[512], s[512];  // cos and -sin of 2 pi i / 1024
+  Twiddle() {
+    for (int32_t i = 0; i < 512; ++i) {
+      c[i] = std::cos(2 * M_PI * i / 1024.0);
+      s[i] = -std::sin(2 * M_PI * i / 1024.0);
     }
-  } tw;
+  }
+};
+const Twiddle tw;
+
+// Iterative radix-2 decimation-in-time complex FFT of n points (at most 512 here), twiddles read
+// from the 1024-point table with a stride.
+void complex_fft(double* re, double* im, int32_t n) {
   for (int32_t i = 1, j = 0; i < n; ++i) {
     int32_t bit = n >> 1;
     for (; j & bit; bit >>= 1) j ^= bit;
@@ -101,19 +113,46 @@ void fft(double* re, double* im, int32_t n) {
     }
   }
   for (int32_t len = 2; len <= n; len <<= 1) {
-    int32_t half = len >> 1, stride = 1024 / len;
+    const int32_t half = len >> 1, stride = 1024 / len;
     for (int32_t i = 0; i < n; i += len) {
       for (int32_t k = 0; k < half; ++k) {
-        double wr = tw.c[k * stride], wi = tw.s[k * stride];
-        int32_t a = i + k, b = a + half;
-        double xr = re[b] * wr - im[b] * wi;
-        double xi = re[b] * wi + im[b] * wr;
+        const double wr = tw.c[k * stride], wi = tw.s[k * stride];
+        const int32_t a = i + k, b = a + half;
+        const double xr = re[b] * wr - im[b] * wi;
+        const double xi = re[b] * wi + im[b] * wr;
         re[b] = re[a] - xr;
         im[b] = im[a] - xi;
         re[a] += xr;
         im[a] += xi;
       }
     }
+  }
+}
+
+}  // namespace
+
+// The real input is packed as n/2 complex points (even samples real, odd imaginary), transformed,
+// and the two interleaved spectra separated: half the work of a complex transform of n points.
+void real_fft(const double* x, double* re, double* im, int32_t n) {
+  const int32_t h = n / 2;
+  double zr[512], zi[512];
+  for (int32_t k = 0; k < h; ++k) {
+    zr[k] = x[2 * k];
+    zi[k] = x[2 * k + 1];
+  }
+  complex_fft(zr, zi, h);
+  const int32_t stride = 1024 / n;
+  re[0] = zr[0] + zi[0];
+  im[0] = 0.0;
+  re[h] = zr[0] - zi[0];
+  im[h] = 0.0;
+  for (int32_t k = 1; k < h; ++k) {
+    const double ar = zr[k], ai = zi[k], br = zr[h - k], bi = -zi[h - k];  // Z[k], conj Z[h - k]
+    const double er = 0.5 * (ar + br), ei = 0.5 * (ai + bi);               // even samples' spectrum
+    const double orr = 0.5 * (ai - bi), oi = -0.5 * (ar - br);             // odd samples' spectrum
+    const double wr = tw.c[k * stride], wi = tw.s[k * stride];
+    re[k] = er + orr * wr - oi * wi;
+    im[k] = ei + orr * wi + oi * wr;
   }
 }
 

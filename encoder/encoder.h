@@ -65,8 +65,10 @@ struct Model2State {
   double bval[63];
   double tmn[63];
   double norm[63];
-  double spread[63][63];  // [maskee][masker]
-  const float* absthr;    // 513 lines of threshold in quiet
+  double spread[63][63];   // [maskee][masker]
+  int32_t spread_low[63];  // first and last masker with a non-zero spreading onto each partition
+  int32_t spread_high[63];
+  const float* absthr;  // 513 lines of threshold in quiet
 };
 
 struct EncoderState {

@@ -61,7 +61,7 @@ void model1(EncoderState& s, const int16_t* const* pcm, const double (*max_scale
 // Model 2 set-up for the job's rate, and its Layers I/II form for one channel.
 void model2_init(Model2State& m, int32_t rate_hz);
 void model2_l12(Model2State& m, const int16_t* pcm, int32_t ch, int32_t layer, double* smr);
-// In-place complex FFT of n points (a power of two up to 1024), forward.
-void fft(double* re, double* im, int32_t n);
+// Spectrum of n real samples (n a power of two, 4 to 1024): lines 0 to n/2 into re and im.
+void real_fft(const double* x, double* re, double* im, int32_t n);
 
 }  // namespace encoder

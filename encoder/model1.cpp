@@ -15,27 +15,33 @@ namespace encoder {
 
 namespace {
 
-struct PowerTables {
-  double up[800], down[800];  // 2^(0.05 i) and 2^(-0.05 i), stored as floats
-  PowerTables() {
-    for (int32_t i = 0; i < 800; ++i) {
-      up[i] = double(float(std::pow(2.0, 0.05 * i)));
-      down[i] = double(float(std::pow(2.0, -0.05 * i)));
+// db_add(a, b) = 10 log10(p(a) + p(b)) with p(x) = 2^(0.05 trunc x) from float tables. The result
+// depends only on the two truncated levels; it is read as 10 log10 p(larger) plus a correction by
+// their distance, 10 log10(1 + p(smaller) / p(larger)), both from tables. Levels beyond +-799 dB
+// take the last entry.
+struct DbAddTables {
+  double level[1599];       // 10 log10 p(i - 799)
+  double correction[1599];  // 10 log10(1 + 2^(-0.05 d))
+  DbAddTables() {
+    for (int32_t i = 0; i < 1599; ++i) {
+      const float p = float(std::pow(2.0, 0.05 * (i - 799)));  // the float tables' entry
+      level[i] = 10.0 * std::log10(double(p));
+      correction[i] = 10.0 * std::log10(1.0 + std::pow(2.0, -0.05 * i));
     }
   }
 };
-const PowerTables power_tables;
+const DbAddTables db_tables;
 
-inline double level_power(double a) {
-  if (a >= 0) {
-    int32_t i = a < 799 ? int32_t(a) : 799;
-    return power_tables.up[i];
-  }
-  int32_t i = -a < 799 ? int32_t(-a) : 799;
-  return power_tables.down[i];
+inline int32_t whole_db(double a) {
+  const double limited = a < -799.0 ? -799.0 : a > 799.0 ? 799.0 : a;
+  return int32_t(limited);  // truncation toward zero, as the level tables are indexed
 }
 
-inline double db_add(double a, double b) { return 10.0 * std::log10(level_power(a) + level_power(b)); }
+inline double db_add(double a, double b) {
+  const int32_t ia = whole_db(a), ib = whole_db(b);
+  const int32_t hi = ia > ib ? ia : ib, d = ia > ib ? ia - ib : ib - ia;
+  return db_tables.level[hi + 799] + db_tables.correction[d];
+}
 
 constexpr double FLOOR = -200.0;
 constexpr int32_t TONE = 20;
@@ -86,26 +92,25 @@ void model1(EncoderState& s, const int16_t* const* pcm, const double (*max_scale
     double* ring = m.ring[ch];
     int32_t pos = m.write_pos[ch];
     for (int32_t i = 0; i < count; ++i) ring[(pos + i) % ring_len] = pcm[ch][i] * (1.0 / 32768.0);
-    double re[1024], im[1024];
-    for (int32_t i = 0; i < n; ++i) {
-      re[i] = ring[(pos + read_offset + i) % ring_len] * m.window[i];
-      im[i] = 0.0;
-    }
+    double x[1024], re[513], im[513];
+    for (int32_t i = 0; i < n; ++i) x[i] = ring[(pos + read_offset + i) % ring_len] * m.window[i];
     m.write_pos[ch] = (pos + count) % ring_len;
     // 3-4. Spectrum in dB.
-    fft(re, im, n);
-    double power[512];
+    real_fft(x, re, im, n);
+    double power[512], energy[512];
     for (int32_t i = 0; i < half; ++i) {
-      float energy = float(re[i] * re[i] + im[i] * im[i]);
-      if (energy < 1e-20f) energy = 1e-20f;
-      power[i] = 10.0 * std::log10(double(energy)) + 90.309;
+      float e = float(re[i] * re[i] + im[i] * im[i]);
+      if (e < 1e-20f) e = 1e-20f;
+      energy[i] = e;
+      power[i] = 10.0 * std::log10(double(e)) + 90.309;
     }
     // 5. Subband levels with the true power sum.
+    // 10^(0.1 power) is the line's energy scaled by 10^9.0309, summed here from the energy itself.
     double level[32];
     for (int32_t b = 0; b < 32; ++b) {
-      double sum = 1e-20;
-      for (int32_t i = 0; i < per_sb; ++i) sum += std::pow(10.0, 0.1 * power[b * per_sb + i]);
-      level[b] = 10.0 * std::log10(sum);
+      double sum = 0.0;
+      for (int32_t i = 0; i < per_sb; ++i) sum += energy[b * per_sb + i];
+      level[b] = 10.0 * std::log10(1e-20 + sum * 1.0737421456e9);
     }
     // 6. Tones.
     bool tone[512] = {};
@@ -215,7 +220,7 @@ void model1(EncoderState& s, const int16_t* const* pcm, const double (*max_scale
     // 11. Signal to mask.
     for (int32_t b = 0; b < 32; ++b) {
       double spl = 20.0 * std::log10(max_scale[ch][b] * 32768.0) - 10.0;
-      smr[ch][b] = std::fmax(spl, level[b]) - min_global[b];
+      smr[ch][b] = (spl > level[b] ? spl : level[b]) - min_global[b];
     }
   }
 }

@@ -66,6 +66,10 @@ void model2_init(Model2State& m, int32_t rate_hz) {
       double v = y < -100.0 ? 0.0 : std::pow(10.0, (x + y) / 10.0);
       m.spread[i][j] = v;
       sum += v;
+      if (v != 0.0) {
+        if (sum == v) m.spread_low[i] = j;
+        m.spread_high[i] = j;
+      }
     }
     m.norm[i] = sum;
   }
@@ -81,12 +85,9 @@ void model2_l12(Model2State& m, const int16_t* pcm, int32_t ch, int32_t layer, d
     int16_t* save = m.save[ch];
     std::memmove(save, save + flush, size_t(kept) * sizeof(int16_t));
     std::memcpy(save + kept, pcm + pass * fresh, size_t(fresh) * sizeof(int16_t));
-    double re[1024], im[1024];
-    for (int32_t i = 0; i < 1024; ++i) {
-      re[i] = save[i] * hann.w[i];
-      im[i] = 0.0;
-    }
-    fft(re, im, 1024);
+    double x[1024], re[513], im[513];
+    for (int32_t i = 0; i < 1024; ++i) x[i] = save[i] * hann.w[i];
+    real_fft(x, re, im, 1024);
     // Unpredictability: distance of each line from its prediction out of the last two spectra,
     // magnitude 2 r1 - r2 and phase 2 f1 - f2; the phase is carried as a unit phasor, so the
     // prediction is u1 * u1 * conj(u2) and no angle is ever computed.
@@ -123,22 +124,24 @@ void model2_l12(Model2State& m, const int16_t* pcm, int32_t ch, int32_t layer, d
     double nb[63];
     for (int32_t b = 0; b < m.partitions; ++b) {
       double ecb = 0.0, ct = 0.0;
-      for (int32_t j = 0; j < m.partitions; ++j) {
+      for (int32_t j = m.spread_low[b]; j <= m.spread_high[b]; ++j) {
         ecb += m.spread[b][j] * eb[j];
         ct += m.spread[b][j] * cb[j];
       }
       double c = ecb != 0.0 ? ct / ecb : 0.0;
-      c = std::fmin(std::fmax(c, 0.05), 0.5);
+      c = c < 0.05 ? 0.05 : c > 0.5 ? 0.5 : c;
       double tb = -0.434294482 * std::log(c) - 0.301029996;
       double snr = m.tmn[b] * tb + 5.5 * (1.0 - tb);
       int32_t bi = int32_t(m.bval[b] + 0.5);
-      snr = std::fmax(snr, BMAX[bi < 26 ? bi : 26]);
+      const double floor_db = BMAX[bi < 26 ? bi : 26];
+      if (snr < floor_db) snr = floor_db;
       double den = m.numlines[b] * m.norm[b];
       nb[b] = den != 0.0 ? ecb * std::pow(10.0, -snr / 10.0) / den : 0.0;
     }
     double thr[513];
     for (int32_t i = 0; i < 513; ++i) {
-      double raw = std::fmax(nb[m.partition_of[i]], double(m.absthr[i]));
+      const double quiet = m.absthr[i], partition = nb[m.partition_of[i]];
+      const double raw = partition > quiet ? partition : quiet;
       thr[i] = raw;
       if (layer == 1) {  // pre-echo control against the last frame's threshold
         thr[i] = std::fmax(std::fmin(raw, m.fthr[ch][i]), 0.00316 * raw);
@@ -150,7 +153,7 @@ void model2_l12(Model2State& m, const int16_t* pcm, int32_t ch, int32_t layer, d
       for (int32_t i = 16 * b; i <= 16 * b + 16 && i < 513; ++i) {
         sum_e += energy[i];
         sum_t += thr[i];
-        low = std::fmin(low, thr[i]);
+        low = thr[i] < low ? thr[i] : low;
       }
       double v = b < 13 ? sum_e / (low * 17.0) : sum_e / sum_t;
       double ratio = v > 0.0 ? 4.342944819 * std::log(v) : -200.0;
