@@ -60,10 +60,16 @@ int cmd_decode(int argc, char** argv) {
   }
   session::options.ext_filter = format >= 0 ? format : format_from_extension(out);
 
-  install_console(0);
-  cancel_job_on_interrupt(true);
-  int32_t code = session::start_decode_file(in, out);
-  if (code != session::START_OK) cancel_job_on_interrupt(false);
+  session::Job job;
+  int32_t code = 0;
+  int status = run_job(
+      job,
+      [&] {
+        int32_t started = session::start_decode_file(job, in, out);
+        if (started == session::START_OK) console.total.store(session::published_stream().frame_count);
+        return started;
+      },
+      code);
   switch (code) {
     case session::START_OK:
       break;
@@ -73,21 +79,21 @@ int cmd_decode(int argc, char** argv) {
     case session::START_NO_OUTPUT:
       std::fprintf(stderr, "%s: 出力ファイルを作成できません\n", session::CAPTION);
       return 1;
+    case session::START_SAME_FILE:
+      std::fprintf(stderr, "%s: 入力と出力で同じ名前は使えません\n", session::CAPTION);
+      return 2;
     default:
       // open_stream spoke for itself where it had anything to say; silence otherwise.
       if (console.boxes.load() == 0) std::fprintf(stderr, "tovra-cli decode: no MPEG audio found in '%s'\n", in);
       return 1;
   }
-  console.total.store(session::stream.frame_count);
-  session::wait_file_job();
-  cancel_job_on_interrupt(false);
-  finish_progress();
-  if (interrupted()) return 130;
-  if (session::state.write_failed.load()) {
-    std::fprintf(stderr, "%s: 書込みエラー\n", session::CAPTION_ERROR);
-    return 1;
-  }
-  return console.ended.load() && console.boxes.load() == 0 ? 0 : 1;
+  // A box during the job (a damaged stream, say) makes the run a failure too.
+  if (status == 0) return console.ended.load() && console.boxes.load() == 0 ? 0 : 1;
+  if (status != 1) return status;
+  if (job.code == session::FILE_JOB_WRITE_FAILED) std::fprintf(stderr, "%s: 書込みエラー\n", session::CAPTION_ERROR);
+  if (job.code == session::FILE_JOB_NO_AUDIO)
+    std::fprintf(stderr, "tovra-cli decode: no MPEG audio found in '%s'\n", in);
+  return 1;
 }
 
 }  // namespace cli

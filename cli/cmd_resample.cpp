@@ -2,8 +2,6 @@
 // high-quality resampler from the command line. Bits and channels default to the input's, the
 // quality to 21 taps of the sinc. Ctrl+C cancels the job like the progress window's Cancel: the
 // partial output is removed.
-#include <sys/stat.h>
-
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -24,18 +22,13 @@ constexpr int32_t DEFAULT_QUALITY = 21;
 constexpr int32_t MIN_RATE = 2000;
 constexpr int32_t MAX_RATE = 96000;
 
-std::atomic<int32_t> job_result{-1};
 bool on_resample_message(int32_t msg, int64_t wparam, int64_t lparam) {
   if (msg == session::MSG_RESAMPLE_PROGRESS) {
     console.done.store(wparam);
     draw_progress(wparam, lparam);
     return true;
   }
-  if (msg == session::MSG_PROGRESS_STATUS) {
-    job_result.store(int32_t(wparam));
-    return true;
-  }
-  return false;
+  return msg == session::MSG_PROGRESS_STATUS;  // the result is the job's code
 }
 
 bool parse_number(const char* text, int32_t& value) {
@@ -44,12 +37,6 @@ bool parse_number(const char* text, int32_t& value) {
   if (end == text || *end != '\0' || v < -2147483647L || v > 2147483647L) return false;
   value = int32_t(v);
   return true;
-}
-
-bool same_file(const char* a, const char* b) {
-  struct stat sa, sb;
-  if (stat(a, &sa) != 0 || stat(b, &sb) != 0) return std::strcmp(a, b) == 0;
-  return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
 // The input's bits and channels, for the defaults; false when its header can't be read (the job's
@@ -116,37 +103,27 @@ int cmd_resample(int argc, char** argv) {
     std::fputs("tovra-cli resample: --bits is 8 or 16, --channels 1 or 2, --quality 0 to 102\n", stderr);
     return 2;
   }
-  if (same_file(in, out)) {
-    std::fprintf(stderr, "%s: 入力と出力で同じ名前は使えません\n", session::CAPTION);
-    return 2;
-  }
   int32_t in_bits = 16, in_channels = 2;
   input_format(in, in_bits, in_channels);
   if (bits == 0) bits = in_bits;
   if (channels == 0) channels = in_channels;
 
-  install_console(0);
   console.on_message = on_resample_message;
-  job_result.store(-1);
-  cancel_job_on_interrupt(true);
-  int32_t code = tools::start_resample(in, out, rate, bits, channels, quality);
-  if (code != tools::WAVE_OK) {
-    cancel_job_on_interrupt(false);
+  session::Job job;
+  int32_t code = 0;
+  int status = run_job(
+      job, [&] { return tools::start_resample(job, in, out, rate, bits, channels, quality); }, code);
+  if (code == tools::RESAMPLE_SAME_FILE) {
+    std::fprintf(stderr, "%s: 入力と出力で同じ名前は使えません\n", session::CAPTION);
+    return 2;
+  }
+  if (status == -1 || status == 1) {
+    if (status == 1) code = job.code;
     const char* text = tools::wave_code_text(code);
-    session::message_box(session::CAPTION_ERROR, text ? text : "ファイルオープンに失敗");
+    session::message_box(session::CAPTION_ERROR, text ? text : (status == -1 ? "ファイルオープンに失敗" : "error"));
     return 1;
   }
-  tools::wait_resample();
-  cancel_job_on_interrupt(false);
-  finish_progress();
-  if (interrupted()) return 130;
-  int32_t result = job_result.load();
-  if (result != tools::WAVE_OK) {
-    const char* text = tools::wave_code_text(result);
-    session::message_box(session::CAPTION_ERROR, text ? text : "error");
-    return 1;
-  }
-  return 0;
+  return status;
 }
 
 }  // namespace cli

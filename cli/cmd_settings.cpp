@@ -5,6 +5,7 @@
 #include <string>
 
 #include "cli/commands.h"
+#include "cli/console.h"
 #include "library/settings.h"
 #include "session/platform.h"
 
@@ -28,6 +29,7 @@ int cmd_settings(int argc, char** argv) {
   session::detect_cpu();
   library::StartupRecord record;
   library::load_settings(file, record);
+  if (console.boxes.load() != 0) return 1;  // a file refused as it was read: the box said why
   // The window's place is left as read: without a screen there is nothing to centre it on.
   int32_t x = library::settings.x, y = library::settings.y;
   library::clamp_settings(x, y);

@@ -1,7 +1,5 @@
 // tovra-cli split IN OUT: the audio of an MPEG-1 system stream into a plain MPEG audio file.
 // Ctrl+C cancels the job like the progress window's Cancel: the partial output is removed.
-#include <sys/stat.h>
-
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -16,24 +14,13 @@ namespace cli {
 
 namespace {
 
-std::atomic<int32_t> split_result{-1};
 bool on_split_message(int32_t msg, int64_t wparam, int64_t lparam) {
   if (msg == session::MSG_SPLIT_PROGRESS) {
     console.done.store(wparam);
     draw_progress(wparam, lparam);
     return true;
   }
-  if (msg == session::MSG_SPLIT_END) {
-    split_result.store(int32_t(wparam));
-    return true;
-  }
-  return false;
-}
-
-bool same_file(const char* a, const char* b) {
-  struct stat sa, sb;
-  if (stat(a, &sa) != 0 || stat(b, &sb) != 0) return std::strcmp(a, b) == 0;
-  return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+  return msg == session::MSG_SPLIT_END;  // the result is the job's code
 }
 
 }  // namespace
@@ -45,34 +32,27 @@ int cmd_split(int argc, char** argv) {
   }
   const char* in = argv[0];
   const char* out = argv[1];
-  if (same_file(in, out)) {
+  console.on_message = on_split_message;
+  session::Job job;
+  int32_t code = 0;
+  int status = run_job(
+      job, [&] { return tools::start_split(job, in, out); }, code);
+  if (code == session::START_SAME_FILE) {
     std::fprintf(stderr, "%s: 入力と出力で同じ名前は使えません\n", session::CAPTION);
     return 2;
   }
-  install_console(0);
-  console.on_message = on_split_message;
-  split_result.store(-1);
-  cancel_job_on_interrupt(true);
-  int32_t code = tools::start_split(in, out);
-  if (code != 0) {
-    cancel_job_on_interrupt(false);
+  if (status == -1) {
     if (code == session::START_NO_INPUT || code == session::START_NO_OUTPUT)
       std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, code == session::START_NO_INPUT ? in : out);
     else
       std::fprintf(stderr, "%s: error\n", session::CAPTION);
     return 1;
   }
-  tools::wait_split();
-  cancel_job_on_interrupt(false);
-  finish_progress();
-  if (interrupted()) return 130;
-  int32_t result = split_result.load();
-  if (result != tools::SPLIT_OK) {
-    const char* text = tools::split_result_text(result);
+  if (status == 1) {
+    const char* text = tools::split_result_text(job.code);
     session::message_box(session::CAPTION_ERROR, text ? text : "error");
-    return 1;
   }
-  return 0;
+  return status;
 }
 
 }  // namespace cli

@@ -16,11 +16,14 @@ Console console;
 namespace {
 
 volatile std::sig_atomic_t interrupt_seen = 0;
+std::atomic<session::Job*> interrupt_job{nullptr};
+static_assert(std::atomic<session::Job*>::is_always_lock_free);
 
 void on_interrupt(int) {
   interrupt_seen = 1;
-  // A lock-free atomic store is safe in a signal handler.
-  session::state.file_job_cancel.store(1, std::memory_order_relaxed);
+  // Lock-free atomic loads and stores are safe in a signal handler.
+  if (session::Job* job = interrupt_job.load(std::memory_order_relaxed))
+    job->cancel.store(1, std::memory_order_relaxed);
 }
 
 std::mutex print_lock;  // messages arrive on job threads; keep lines whole
@@ -76,11 +79,19 @@ void finish_progress() {
   bar_shown = false;
 }
 
-void cancel_job_on_interrupt(bool on) {
-  if (on) interrupt_seen = 0;
-  std::signal(SIGINT, on ? on_interrupt : SIG_DFL);
+int run_job(session::Job& job, const std::function<int32_t()>& start, int32_t& start_code) {
+  install_console(0);
+  interrupt_seen = 0;
+  interrupt_job.store(&job);
+  std::signal(SIGINT, on_interrupt);
+  start_code = start();
+  if (start_code == 0) session::wait_job(job);
+  std::signal(SIGINT, SIG_DFL);
+  interrupt_job.store(nullptr);
+  finish_progress();
+  if (start_code != 0) return -1;
+  if (interrupt_seen) return 130;
+  return job.end.load() == session::JOB_END_DONE ? 0 : 1;
 }
-
-bool interrupted() { return interrupt_seen != 0; }
 
 }  // namespace cli

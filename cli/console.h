@@ -5,6 +5,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+
+#include "session/job.h"
 
 namespace cli {
 
@@ -26,10 +29,10 @@ void draw_progress(int64_t done, int64_t total);
 // Clears the bar line.
 void finish_progress();
 
-// While on, Ctrl+C presses the running job's Cancel (file_job_cancel) instead of killing the process,
-// so that the job removes its partial output as a cancel does. Off restores the default.
-void cancel_job_on_interrupt(bool on);
-// Whether Ctrl+C was pressed since the last cancel_job_on_interrupt(true).
-bool interrupted();
+// Runs a job at the console: installs the console (keeping on_message), arms Ctrl+C to press the job's Cancel (so that
+// the job removes its partial output as a cancel does) while start() starts it and the job runs, waits for its end and
+// clears the progress bar. Returns -1 when start refused (start_code holds its code, and nothing ran), 130 after
+// Ctrl+C, 1 when the job did not end done, else 0.
+int run_job(session::Job& job, const std::function<int32_t()>& start, int32_t& start_code);
 
 }  // namespace cli

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "cli/commands.h"
+#include "cli/console.h"
 #include "decoder/decoder.h"
 #include "session/platform.h"
 
@@ -51,6 +52,8 @@ int main(int argc, char** argv) {
   // Start-up order of the program: processor first (it picks the synthesis variant), then tables.
   session::detect_cpu();
   decoder::init_decoder_tables();
+  // Message boxes from the first step on (a settings or list file refused as it is read).
+  cli::install_console(0);
   for (const Command& c : commands)
     if (std::strcmp(argv[1], c.name) == 0) return c.run(argc - 2, argv + 2);
   std::fprintf(stderr, "tovra-cli: unknown command '%s'\n", argv[1]);

@@ -10,7 +10,7 @@
 // requantised, run through the direct-form synthesis and moved out to pcm_block_l1, which goes to
 // the output whenever it holds 1152 values. The rest of the frame is skipped bit by bit.
 //
-// Runs on the session thread that called it; reads decoder_command and file_job_cancel, which the
+// Runs on the session thread that called it; reads decoder_command and the file job's Cancel, which the
 // main thread writes, once a frame and once a block of 200 frames.
 #include <algorithm>
 #include <array>
@@ -530,7 +530,7 @@ void decode_layer1_stream() {
       sleep_ms(200);
       continue;
     }
-    if (state.file_job_cancel.load(relaxed)) break;
+    if (state.file_job && state.file_job->cancel.load(relaxed)) break;
     post_message(WINDOW_PROGRESS, MSG_PROGRESS_FRAMES, position, stream.frame_count - 1);
     position += 96;
     checked += 48;

@@ -7,11 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+
+#include "session/messages.h"
 
 namespace library {
 
@@ -99,18 +102,43 @@ void ini_parse(IniFile& ini, std::string_view text) {
   }
 }
 
-bool ini_load(IniFile& ini, const std::string& path) {
-  ini.lines.clear();
-  std::FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) return false;
-  std::string text;
+int32_t read_text_file(const char* path, std::string& text) {
+  text.clear();
+  std::FILE* f = std::fopen(path, "rb");
+  if (!f) return TEXT_MISSING;
   char buf[8192];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-  bool ok = !std::ferror(f);
+  size_t n, line = 0;
+  int32_t code = TEXT_OK;
+  // At most one byte past the limit is read: enough to know, from a device that never ends too.
+  while (code == TEXT_OK &&
+         (n = std::fread(buf, 1, std::min(sizeof buf, TEXT_FILE_MAX_BYTES + 1 - text.size()), f)) > 0) {
+    for (size_t i = 0; i < n && code == TEXT_OK; ++i) {
+      line = buf[i] == '\n' ? 0 : line + 1;
+      if (line > TEXT_LINE_MAX_BYTES) code = TEXT_LONG_LINE;
+    }
+    text.append(buf, n);
+    if (text.size() > TEXT_FILE_MAX_BYTES) code = TEXT_TOO_LARGE;
+  }
+  if (code == TEXT_OK && std::ferror(f)) code = TEXT_MISSING;
   std::fclose(f);
+  if (code == TEXT_OK) return TEXT_OK;
+  text.clear();
+  if (code != TEXT_MISSING) {
+    char message[PATH_MAX + 96];
+    std::snprintf(
+        message, sizeof message,
+        code == TEXT_TOO_LARGE ? "'%s' is larger than 1 MiB: not read" : "'%s' has a line longer than 4 KiB: not read",
+        path);
+    session::message_box(session::CAPTION_ERROR, message);
+  }
+  return code;
+}
+
+int32_t ini_load(IniFile& ini, const std::string& path) {
+  std::string text;
+  int32_t code = read_text_file(path.c_str(), text);
   ini_parse(ini, text);
-  return ok;
+  return code;
 }
 
 std::string ini_text(const IniFile& ini) {

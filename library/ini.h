@@ -20,8 +20,20 @@ struct IniFile {
 // Splits text into lines. Anything is accepted: lines that are neither a section nor a key are kept
 // as they are and ignored by lookups.
 void ini_parse(IniFile& ini, std::string_view text);
-// Reads a file; a missing or unreadable file gives an empty document and false.
-bool ini_load(IniFile& ini, const std::string& path);
+// Limits on the text files the program reads (settings, playlists, lists of jobs): hand-made files
+// are far smaller, and anything beyond is a mistake (a device, a binary) that must not make the
+// program allocate without bound.
+constexpr size_t TEXT_FILE_MAX_BYTES = 1 << 20;
+constexpr size_t TEXT_LINE_MAX_BYTES = 4096;
+
+enum TextRead : int32_t { TEXT_OK = 0, TEXT_MISSING = 1, TEXT_TOO_LARGE = 2, TEXT_LONG_LINE = 3 };
+
+// Reads a whole text file of any kind (a pipe or a device too) within the limits above. A file
+// beyond them is refused with a message box naming it, and text is left empty.
+int32_t read_text_file(const char* path, std::string& text);
+
+// Reads a file through read_text_file; anything but TEXT_OK gives an empty document.
+int32_t ini_load(IniFile& ini, const std::string& path);
 // The text ini_save writes: every line ended by "\n".
 std::string ini_text(const IniFile& ini);
 

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -218,11 +219,23 @@ void read_playlist_file(std::FILE* file, int32_t append) {
   }
 }
 
-void read_playlist(const char* path, int32_t append) {
-  std::FILE* file = std::fopen(path, "r");
+namespace {
+
+// Runs read over the text of path, read whole within the text file limits (a refused file is not
+// read at all, and the list stays as it was).
+void read_list(const char* path, const std::function<void(std::FILE*)>& read) {
+  std::string text;
+  if (read_text_file(path, text) != TEXT_OK || text.empty()) return;
+  std::FILE* file = fmemopen(text.data(), text.size(), "r");
   if (!file) return;
-  read_playlist_file(file, append);
+  read(file);
   std::fclose(file);
+}
+
+}  // namespace
+
+void read_playlist(const char* path, int32_t append) {
+  read_list(path, [=](std::FILE* file) { read_playlist_file(file, append); });
 }
 
 void read_default_playlist_file(std::FILE* file) {
@@ -240,12 +253,7 @@ void read_default_playlist_file(std::FILE* file) {
   }
 }
 
-void read_default_playlist(const char* path) {
-  std::FILE* file = std::fopen(path, "r");
-  if (!file) return;
-  read_default_playlist_file(file);
-  std::fclose(file);
-}
+void read_default_playlist(const char* path) { read_list(path, read_default_playlist_file); }
 
 int32_t write_playlist(const char* path, int32_t mode) {
   PathParts list = split_path(path);

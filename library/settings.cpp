@@ -198,7 +198,7 @@ int32_t load_settings(const std::string& file, StartupRecord& out) {
   // Made absolute before "CurrentDir" moves the process elsewhere.
   settings.file = absolute(file);
   IniFile ini;
-  bool found = ini_load(ini, settings.file);
+  bool found = ini_load(ini, settings.file) == TEXT_OK;
   for (const Key& k : keys) {
     int32_t v = ini_get_int(ini, k.section, k.name, k.def);
     switch (k.kind) {
@@ -291,7 +291,9 @@ int32_t save_settings() {
   if (settings.file.empty()) return 0;
   // The file is read again so that keys and lines the program doesn't know survive the save.
   IniFile ini;
-  ini_load(ini, settings.file);
+  const int32_t read = ini_load(ini, settings.file);
+  // A file refused as too large is not ours to replace: its contents would be lost.
+  if (read == TEXT_TOO_LARGE || read == TEXT_LONG_LINE) return 0;
   make_parent_folders(settings.file);
   std::vector<SettingValue> values = settings_values(true);
   if (!write_profile_retry(ini, values[0].section, values[0].key, values[0].value.c_str(), settings.file)) return 0;

@@ -10,6 +10,7 @@
 
 #include "decoder/synth.h"
 #include "output/ring.h"
+#include "output/wave.h"
 #include "session/play.h"
 #include "session/writers.h"
 
@@ -82,9 +83,13 @@ void shape() {
       }
     }
   }
-  // A real read-modify-write, not the old load and store: no update is lost against the wave
-  // thread's decrement, so the count cannot drift.
-  ring.ring_fill.fetch_add(int32_t(Counted / UNIT_BYTES), std::memory_order_release);
+  // A read-modify-write: no update is lost against the wave thread's decrement, so the count cannot
+  // drift.
+  constexpr int32_t units = int32_t(Counted / UNIT_BYTES);
+  const int32_t before = ring.ring_fill.fetch_add(units, std::memory_order_release);
+  // The ring has just come to hold a block: a wave thread priming (at a track's start, after a seek)
+  // or starved waits for exactly this, and would otherwise sleep out its whole wait.
+  if (before < BLOCK_UNITS && before + units >= BLOCK_UNITS) wave.wave_event.set();
   uint32_t next = at + Counted;
   if (next >= ring.ring_bytes.load(relaxed)) next = 0;
   ring.ring_write.store(next, relaxed);

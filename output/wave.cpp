@@ -259,11 +259,13 @@ void wave_thread(Track t) {
         int32_t frame = 0;
         while (wave.free_blocks.load(std::memory_order_acquire) == 0) {
           if (!t.alive()) return;
+          // The naps end early when the session thread sets the event for a command, so that a
+          // seek is taken at once rather than after a whole nap.
           if (wave.style.load(relaxed) >= 2 || !wave.render.load(relaxed)) {
-            sleep_ms(200);
+            wave.wave_event.wait(200);
           } else {
             if (!session::state.paused.load(relaxed) && wave_hooks.draw_display) wave_hooks.draw_display(frame++);
-            sleep_ms(wave.wait_ms.load(relaxed));
+            wave.wave_event.wait(uint32_t(wave.wait_ms.load(relaxed)));
           }
           if (t.command() >= WAVE_JUMP) {
             command = true;
@@ -375,7 +377,9 @@ int32_t wave_open(int32_t rate, bool two_channels) {
   wave.seconds_rate.store(rate, relaxed);
   wave.seconds_shift.store(shift, relaxed);
   wave.wave_device.store(handle, relaxed);
-  apply_volume(1);
+  // No fade here: the device holds no block yet, so a fade would be heard by nobody and would only
+  // hold back the first sound by 80 ms. The fade after a mute (at the close) stays.
+  apply_volume(0);
 
   int32_t count = wave.block_count.load(relaxed);
   if (count < 1 || count > BLOCK_COUNT) count = BLOCK_COUNT;

@@ -92,6 +92,7 @@ bool end_wave_track(int32_t command, const Life& life) {
     sleep_ms(WAVE_POLL_MS);
   }
   output::wave.wave_command.store(command, relaxed);
+  output::wave.wave_event.set();  // a wave thread waiting for a block takes the end at once
   return wait_wave_end(life);
 }
 
@@ -150,6 +151,18 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
   return true;
 }
 
+// Units that one frame's output can take in the ring: 1152 stereo 16-bit sample frames.
+constexpr int32_t FRAME_UNITS = 1152 * 4 / int32_t(output::UNIT_BYTES);
+
+// Waits until the ring has room for a frame, or a command or the abandonment comes. The shapers
+// wait for room too, but there a seek would stand until the device had played a whole block (and
+// the wave thread had taken one); here the frame loop takes it at once.
+void wait_for_ring_room(const Life& life) {
+  while (output::ring.ring_fill.load(std::memory_order_acquire) > output::RING_UNITS - FRAME_UNITS &&
+         state.decoder_command.load(relaxed) == CMD_RUN && life.live())
+    sleep_ms(WAVE_POLL_MS);
+}
+
 // Layer I: the decoder drives its own loop over the file; seeks stay standing until the track ends.
 TrackEnd play_layer1(const Life& life) {
   int32_t error = output::wave_open(stream.sample_rate, stream.mode != 3);
@@ -201,6 +214,7 @@ TrackEnd play_layers23(const Life& life) {
         continue;
       }
       if (header.protection_bit == 0) skip_crc();
+      wait_for_ring_room(life);
       if (!life.live()) return TRACK_ABANDONED;
       int32_t command = state.decoder_command.load(relaxed);
       if (command != CMD_RUN && !take_command(command, header, frame)) return TRACK_STOPPED;
@@ -217,38 +231,61 @@ TrackEnd play_layers23(const Life& life) {
   }
 }
 
-// The end of a track that played out: pick the next entry by the repeat rules and open it. Returns
-// false when the session ends here; every failure on the way is silent but a URL.
-bool open_next_entry() {
-  if (state.decoder_command.load(relaxed) != CMD_RUN) return false;
-  int32_t current = library::playlist.current_entry.load(relaxed);
-  count_play(current);  // an entry played to its end counts twice
-  int32_t repeat = std::atomic_ref<int32_t>(options.repeat).load(relaxed);
-  int32_t next = repeat == 2 ? library::pick_random_entry() : current + 1;
-  library::playlist.current_entry.store(next, relaxed);
-  if (!library::slot_used(next)) {
-    library::playlist.current_entry.store(0, relaxed);
-    next = 0;
-    if (repeat == 0) return false;
-  }
-  const char* path = entry_path(next);
-  if (is_url(path)) {
-    // A URL in the list ends the session at that entry; it stays in the list.
-    char text[library::ENTRY_BYTES + 32];
-    std::snprintf(text, sizeof text, "URL'%s'は使えない", path);
+// Opens path as the next track. An entry that will not open or holds no MPEG audio is reported
+// (the list goes on without it; it stays in the list, which is the main thread's to edit).
+bool open_entry(const char* path) {
+  char text[library::ENTRY_BYTES + 64];
+  reader.file = std::fopen(path, "rb");
+  if (!reader.file) {
+    std::snprintf(text, sizeof text, "'%s'が開けない", path);
     message_box(CAPTION, text);
     return false;
   }
-  reader.file = std::fopen(path, "rb");
-  if (!reader.file) return false;
   if (open_stream() != STREAM_OK) {
     close_input();
+    std::snprintf(text, sizeof text, "'%s' は MPEGｵｰﾃﾞｨｵ ではない", path);
+    message_box(CAPTION, text);
     return false;
   }
-  if (options.powersave) preread_file(reader.file);
-  state.damaged_flag.store(0, relaxed);
-  if (play_hooks.title_next_entry) play_hooks.title_next_entry();
   return true;
+}
+
+// The end of a track that played out: pick the next entry by the repeat rules and open it, passing
+// over entries that won't play, at most once round the list. Returns false when the session ends
+// here.
+bool open_next_entry() {
+  int32_t entries = 0;
+  while (library::slot_used(entries)) ++entries;
+  int32_t current = library::playlist.current_entry.load(relaxed);
+  count_play(current);  // an entry played to its end counts twice
+  for (int32_t tries = 0; tries < entries; ++tries) {
+    if (state.decoder_command.load(relaxed) != CMD_RUN) return false;
+    int32_t repeat = std::atomic_ref<int32_t>(options.repeat).load(relaxed);
+    int32_t next = repeat == 2 ? library::pick_random_entry() : current + 1;
+    library::playlist.current_entry.store(next, relaxed);
+    if (!library::slot_used(next)) {
+      library::playlist.current_entry.store(0, relaxed);
+      next = 0;
+      if (repeat == 0) return false;
+    }
+    const char* path = entry_path(next);
+    if (is_url(path)) {
+      // A URL in the list ends the session at that entry; it stays in the list.
+      char text[library::ENTRY_BYTES + 32];
+      std::snprintf(text, sizeof text, "URL'%s'は使えない", path);
+      message_box(CAPTION, text);
+      return false;
+    }
+    if (open_entry(path)) {
+      publish_stream();
+      if (options.powersave) preread_file(reader.file);
+      state.damaged_flag.store(0, relaxed);
+      if (play_hooks.title_next_entry) play_hooks.title_next_entry();
+      return true;
+    }
+    current = next;
+  }
+  return false;
 }
 
 void play_thread_main(int32_t generation) {
@@ -399,6 +436,7 @@ int32_t start_play() {
     close_input();
     return START_OPEN_FAILED;
   }
+  publish_stream();
   if (options.powersave) preread_file(reader.file);
 
   state.decoded_channels = 1;

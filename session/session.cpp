@@ -1,13 +1,14 @@
-// The file job: one thread that decodes one file, or the jobs of a batch list one after another,
-// into PCM files through the writers.
+// The file job: decodes one file, or the jobs of a batch list one after another, into PCM files
+// through the writers, as the body of a Job.
 //
-// Threads: start_decode_file runs on the main thread while no job exists; decode_file_thread owns
-// the input file, the output file and the decoder state until it ends. The main thread stops it only
-// through file_job_cancel, which the job reads once a frame.
+// Threads: start_decode_file runs on the main thread while no job exists; the job's thread owns the
+// input file, the output file and the decoder state until it ends. The main thread stops it only
+// through the job's Cancel word, which the job reads once a frame.
 #include "session/session.h"
 
 #include <chrono>
 #include <cstdio>
+#include <mutex>
 #include <thread>
 
 #include "decoder/decoder.h"
@@ -25,11 +26,12 @@ State state;
 
 namespace {
 
+std::mutex published_lock;
+StreamInfo published;
+
 constexpr int32_t PROGRESS_INTERVAL = 10;  // frames between progress messages
 // The progress rate is the MPEG-1 row by sampling index, for MPEG-2 streams too.
 constexpr int32_t progress_rate[3] = {44100, 48000, 32000};
-
-std::thread job_thread;
 
 constexpr auto relaxed = std::memory_order_relaxed;
 
@@ -38,7 +40,8 @@ enum Outcome { OUTCOME_DONE, OUTCOME_CANCELLED, OUTCOME_FATAL };
 void sleep_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 void close_files() {
-  if (state.out_file) std::fclose(state.out_file);
+  // Buffered bytes go out at the close: a disk that fills there fails the job like a write.
+  if (state.out_file && std::fclose(state.out_file) != 0) state.write_failed.store(1, relaxed);
   state.out_file = nullptr;
   if (reader.file) std::fclose(reader.file);
   reader.file = nullptr;
@@ -50,7 +53,7 @@ void report_progress(int32_t frames, int32_t sampling_index) {
 }
 
 // Walks one job's frames. Returns the outcome; frames and the last header are left for the reports.
-Outcome decode_frames(int32_t& frames) {
+Outcome decode_frames(Job& job, int32_t& frames) {
   FrameHeader& header = state.last_header;
   for (;;) {
     int32_t code = read_frame(header);
@@ -64,7 +67,7 @@ Outcome decode_frames(int32_t& frames) {
       // A reader failure looks like an end: no frame skipping in a file job, and no header.
       return OUTCOME_DONE;
     }
-    if (state.file_job_cancel.load(relaxed)) return OUTCOME_CANCELLED;
+    if (job.cancel.load(relaxed)) return OUTCOME_CANCELLED;
     // A stray Layer I header goes to the Layer II decoder, as any non-Layer III frame does.
     if (header.layer_code == 1) {
       decoder::decode_layer3_frame(header);
@@ -78,13 +81,16 @@ Outcome decode_frames(int32_t& frames) {
   }
 }
 
-void end_thread() {
+// The runner removes the output of a job that did not end done once this returns.
+int32_t end_thread(Job& job, int32_t end) {
   state.file_job_idle.store(1, relaxed);
   state.file_job_active.store(0, relaxed);
-  if (state.file_job_cancel.load(relaxed) && !options.leave && !state.out_path.empty())
-    std::remove(state.out_path.c_str());
   state.decoder_command.store(CMD_STOP, relaxed);
-  state.file_job_cancel.store(1, relaxed);
+  if (end == JOB_END_DONE && state.write_failed.load(relaxed)) {
+    job.code = FILE_JOB_WRITE_FAILED;
+    end = JOB_END_FAILED;
+  }
+  return end;
 }
 
 void fatal_decode_error(bool in_batch, int32_t job_index) {
@@ -97,7 +103,7 @@ void fatal_decode_error(bool in_batch, int32_t job_index) {
   close_files();
 }
 
-void decode_file_thread() {
+int32_t decode_file_thread(Job& job) {
   state.file_job_idle.store(0, relaxed);
   state.file_job_active.store(1, relaxed);
   if (options.prior_cnv && platform_family() != PLATFORM_NT) set_current_thread_priority(PRIORITY_ABOVE_NORMAL);
@@ -121,15 +127,24 @@ void decode_file_thread() {
       // Later reports of a Layer I job use these constants: the job counts no frames of its own.
       frames = 44100;
       sampling_index = 0;
-      outcome = state.file_job_cancel.load(relaxed) ? OUTCOME_CANCELLED : OUTCOME_DONE;
+      outcome = job.cancel.load(relaxed) ? OUTCOME_CANCELLED : OUTCOME_DONE;
     } else {
-      outcome = decode_frames(frames);
+      outcome = decode_frames(job, frames);
       sampling_index = state.last_header.sampling_index;
     }
     if (outcome == OUTCOME_FATAL) {
       fatal_decode_error(in_batch, job_index);
-      end_thread();
-      return;
+      job.code = FILE_JOB_DECODE_ERROR;
+      return end_thread(job, JOB_END_FAILED);
+    }
+    if (outcome == OUTCOME_DONE && frames == 0) {
+      // Headers that looked like a stream and not one frame behind them: no audio, no file.
+      job.code = FILE_JOB_NO_AUDIO;
+      if (!in_batch) {
+        post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
+        close_files();
+        return end_thread(job, JOB_END_FAILED);
+      }
     }
 
     if (in_batch) {
@@ -150,11 +165,16 @@ void decode_file_thread() {
       int32_t format = batch_fetch_job(job_index, in_path, out_path);
       if (format == -1) continue;
       if (format < 0 || format > 4) break;
+      if (same_file(in_path.c_str(), out_path.c_str())) {
+        post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_NOT_READABLE, job_index);
+        continue;
+      }
       options.ext_filter = format;
       reader.file = std::fopen(in_path.c_str(), "rb");
       if (reader.file) {
         reset_decoding();
         if (open_stream() == STREAM_OK) {
+          publish_stream();
           more = true;
           break;
         }
@@ -178,22 +198,32 @@ void decode_file_thread() {
       break;
     }
     state.damaged_flag.store(0, relaxed);
-    if (state.file_job_cancel.load(relaxed)) {
+    if (job.cancel.load(relaxed)) {
       // Cancel was pressed on the job just ended: drop its output, wait for the progress window to
       // close, and let the rest of the list go on.
-      if (!options.leave && !state.out_path.empty()) std::remove(state.out_path.c_str());
+      settle_output(job, JOB_END_CANCELLED);
       while (window_open(WINDOW_PROGRESS)) sleep_ms(20);
       send_message(WINDOW_BATCH, MSG_BATCH_PROGRESS_GONE);
-      state.file_job_cancel.store(0, relaxed);
+      job.cancel.store(0, relaxed);
     } else {
       post_message(WINDOW_PROGRESS, MSG_PROGRESS_NEXT);
     }
-    state.out_path = out_path;
+    job.out_path = out_path;
   }
-  end_thread();
+  return end_thread(job, job.cancel.load(relaxed) ? JOB_END_CANCELLED : JOB_END_DONE);
 }
 
 }  // namespace
+
+void publish_stream() {
+  std::lock_guard<std::mutex> lock(published_lock);
+  published = stream;
+}
+
+StreamInfo published_stream() {
+  std::lock_guard<std::mutex> lock(published_lock);
+  return published;
+}
 
 void reset_decoding() {
   reset_frame_reader();
@@ -201,9 +231,10 @@ void reset_decoding() {
   decoder::reset_decoder_state();
 }
 
-int32_t start_decode_file(const char* in_path, const char* out_path) {
-  if (state.file_job_cancel.load(relaxed) == 0) return START_BUSY;
-  if (job_thread.joinable()) job_thread.join();  // a finished job's thread
+int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
+  if (job.busy.load(std::memory_order_acquire)) return START_BUSY;
+  if (same_file(in_path, out_path)) return START_SAME_FILE;
+  wait_job(job);  // a finished job's thread still owns the files until it is joined
   reader.file = std::fopen(in_path, "rb");
   if (!reader.file) return START_NO_INPUT;
   state.out_file = std::fopen(out_path, "w+b");
@@ -215,25 +246,21 @@ int32_t start_decode_file(const char* in_path, const char* out_path) {
   reset_decoding();
   if (open_stream() != STREAM_OK) {
     close_files();
-    std::remove(out_path);
+    remove_output(out_path);
     return START_OPEN_FAILED;
   }
+  publish_stream();
   state.decoded_channels = 0;
   state.damaged_flag.store(0, relaxed);
-  state.file_job_cancel.store(0, relaxed);
   state.decoder_command.store(CMD_RUN, relaxed);
   state.paused.store(0, relaxed);
   state.shaper_slot = write_decoded_block;
   state.write_failed.store(0, relaxed);
-  state.out_path = out_path;
-  // Marked busy before the thread runs, so that a second start is refused at once.
+  state.file_job = &job;
+  // Marked busy before the thread runs, so that a play start is refused at once.
   state.file_job_idle.store(0, relaxed);
-  job_thread = std::thread(decode_file_thread);
+  start_job(job, decode_file_thread, out_path);
   return START_OK;
-}
-
-void wait_file_job() {
-  if (job_thread.joinable()) job_thread.join();
 }
 
 // The batch list is not built yet: there is never a batch.

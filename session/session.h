@@ -12,6 +12,7 @@
 #include <string>
 
 #include "session/frame_reader.h"
+#include "session/job.h"
 
 namespace session {
 
@@ -74,6 +75,15 @@ enum StartCode : int32_t {
   START_NOT_MPEG = 4,
   START_URL = 5,
   START_OPEN_FAILED = 6,
+  START_SAME_FILE = 7,  // the output would overwrite the input: nothing was opened
+};
+
+// A file job's job.code when it ends failed.
+enum FileJobCode : int32_t {
+  FILE_JOB_OK = 0,
+  FILE_JOB_NO_AUDIO = 1,
+  FILE_JOB_WRITE_FAILED = 2,
+  FILE_JOB_DECODE_ERROR = 3
 };
 
 // One synthesis variant per track: channel 0 or 1.
@@ -91,7 +101,6 @@ struct State {
   Word paused{0};
   Word file_job_active{0};
   Word file_job_idle{1};
-  Word file_job_cancel{1};  // 1 at rest and after Cancel, 0 while a converter thread works
   Word damaged_flag{0};
   Word play_requested{0};
   Word write_failed{0};
@@ -108,23 +117,30 @@ struct State {
   int32_t session_hi_fi = 0;  // copied per track, read by nothing
 
   std::FILE* out_file = nullptr;
-  std::string out_path;  // deleted on cancel unless "Leave"
+  // The running file job, whose Cancel the frame loops read; set before its thread starts.
+  Job* file_job = nullptr;
   FrameHeader last_header{};
 };
 
 extern OutputOptions options;
-extern StreamInfo stream;
+extern StreamInfo stream;  // the session thread's own; other threads read published_stream()
 extern State state;
+
+// The open stream's facts for other threads: the thread that opened a stream publishes a copy of
+// it whole; published_stream returns that copy, taken whole under a lock, never half of one track
+// and half of the next.
+void publish_stream();
+StreamInfo published_stream();
 
 // Clears the frame reader, the reservoir, the synthesis history, the Layer III buffers and
 // pcm_block, as both start operations do.
 void reset_decoding();
 
-// Starts a file job converting in_path to out_path in options.ext_filter's format.
-// Returns START_OK, START_BUSY, START_NO_INPUT, START_NO_OUTPUT or START_OPEN_FAILED.
-int32_t start_decode_file(const char* in_path, const char* out_path);
-// Blocks until the file-job thread (if any) has ended. For front ends without a message loop.
-void wait_file_job();
+// Starts a file job on job converting in_path to out_path in options.ext_filter's format.
+// Returns START_OK, START_BUSY, START_NO_INPUT, START_NO_OUTPUT, START_OPEN_FAILED or
+// START_SAME_FILE; a refused start leaves no output file. The job ends failed (and its output is
+// removed) after a decode error, a write error or when no frame at all was decoded.
+int32_t start_decode_file(Job& job, const char* in_path, const char* out_path);
 
 // Hooks for the batch converter (batch list and job paths); stubs until the batch window exists.
 // Fetches job index's paths and format; returns -1 for nothing to do, a value outside 0-4 when the

@@ -96,7 +96,7 @@ void seek_percent(int32_t position) {
   leave_pause();
   // Two signed integer divisions, as the bar always computed it.
   int64_t percent = int64_t(position) * 100 / SEEK_BAR_PIXELS;
-  state.seek_target.store(int32_t(percent * stream.frame_count / 100), relaxed);
+  state.seek_target.store(int32_t(percent * published_stream().frame_count / 100), relaxed);
   state.decoder_command.store(CMD_JUMP, relaxed);
 }
 
@@ -122,29 +122,18 @@ void pause_command() { output::toggle_pause(); }
 
 void seek_milliseconds(int32_t ms) {
   if (command() != CMD_RUN) return;
-  int32_t limit = stream.play_seconds * 1000;
+  const StreamInfo s = published_stream();
+  int32_t limit = s.play_seconds * 1000;
   if (ms > limit)
-    seek_frame(stream.frame_count);
+    seek_frame(s.frame_count);
   else
-    seek_frame(mul_div(ms, stream.frame_count, limit));
+    seek_frame(mul_div(ms, s.frame_count, limit));
 }
 
-void start_current(int32_t flags) {
-  if (repeat_word().load(relaxed) == 2 && !(flags & START_KEEP_INDEX)) {
-    int32_t before = current();
-    set_current(library::pick_random_entry());
-    if (current() != before) flags |= START_NEW_TITLE;
-  }
-  if (!library::slot_used(current())) {
-    state.play_requested.store(0, relaxed);
-    return;
-  }
-  int32_t code = start_play();
-  if (code == START_OK) {
-    if ((flags & START_NEW_TITLE) && play_hooks.restart_title_scroll) play_hooks.restart_title_scroll();
-    return;
-  }
-  state.play_requested.store(0, relaxed);
+namespace {
+
+// Says why a start failed; removes the entry where the code asks for it. Returns true if removed.
+bool report_start_failure(int32_t code) {
   const char* path = library::playlist.entries[current()].path;
   char text[library::ENTRY_BYTES + 64];
   bool remove = false;
@@ -165,13 +154,50 @@ void start_current(int32_t flags) {
       remove = true;
       break;
     case START_OPEN_FAILED:
-      return;  // open_stream has spoken for itself; the entry stays
+      return false;  // open_stream has spoken for itself; the entry stays
     default:
       std::snprintf(text, sizeof text, "error");
       break;
   }
   message_box(CAPTION, text);
   if (remove) remove_current_entry();
+  return remove;
+}
+
+int32_t entry_count() {
+  int32_t n = 0;
+  while (library::slot_used(n)) ++n;
+  return n;
+}
+
+}  // namespace
+
+void start_current(int32_t flags) {
+  if (repeat_word().load(relaxed) == 2 && !(flags & START_KEEP_INDEX)) {
+    int32_t before = current();
+    set_current(library::pick_random_entry());
+    if (current() != before) flags |= START_NEW_TITLE;
+  }
+  // An entry that will not open or holds no MPEG audio is reported and the list goes on with the
+  // one after it, as the session does between tracks; at most once through the list.
+  for (int32_t tries = entry_count(); tries > 0; --tries) {
+    if (!library::slot_used(current())) break;
+    int32_t code = start_play();
+    if (code == START_OK) {
+      if ((flags & START_NEW_TITLE) && play_hooks.restart_title_scroll) play_hooks.restart_title_scroll();
+      return;
+    }
+    state.play_requested.store(0, relaxed);
+    const int32_t index = current();
+    const bool removed = report_start_failure(code);
+    if (code != START_NO_INPUT && code != START_NOT_MPEG && code != START_OPEN_FAILED) return;
+    // A removed entry's place is taken by the next one, unless it was the last.
+    const int32_t next = removed ? index : index + 1;
+    if ((removed && current() != index) || !library::slot_used(next)) return;
+    set_current(next);
+    flags |= START_NEW_TITLE;
+  }
+  state.play_requested.store(0, relaxed);
 }
 
 void play_command(int32_t flags) {

@@ -38,8 +38,6 @@ namespace {
 
 constexpr auto relaxed = std::memory_order_relaxed;
 
-std::thread job_thread;
-
 // pi as the nearest double, and the rest of pi behind it; 2 pi by an exact doubling.
 constexpr double PI = 3.141592653589793;
 constexpr double PI_LO = 1.2246467991473532e-16;
@@ -297,14 +295,13 @@ int32_t setup_job(const char* input_path, const char* output_path, int32_t rate,
   }
   resample.quality = std::clamp(quality, 0, RESAMPLE_QUALITY_MAX);
   resample.kernel = resample.quality == 0 ? kernel_linear : resample.quality == 1 ? kernel_cubic : kernel_sinc;
-  resample.out_path = output_path;
   return WAVE_OK;
 }
 
 enum LoopEnd { LOOP_DONE, LOOP_FAILED, LOOP_CANCELLED };
 
 // The output frames of one job. frames receives the count written.
-LoopEnd run_loop(int32_t& result, int64_t& frames) {
+LoopEnd run_loop(const session::Job& job, int32_t& result, int64_t& frames) {
   constexpr int32_t BLOCK = 64;
   double positions[BLOCK];
   int32_t left[BLOCK], right[BLOCK];
@@ -332,7 +329,7 @@ LoopEnd run_loop(int32_t& result, int64_t& frames) {
       if (int64_t(position) >= limit) return LOOP_DONE;
       if ((n & RESAMPLE_PROGRESS_MASK) == 0) {
         session::post_message(session::WINDOW_PROGRESS, session::MSG_RESAMPLE_PROGRESS, n, total);
-        if (session::state.file_job_cancel.load(relaxed)) return LOOP_CANCELLED;
+        if (job.cancel.load(relaxed)) return LOOP_CANCELLED;
         // The NT family's converters give the system a moment now and then.
         if (nt_family) std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }
@@ -342,33 +339,38 @@ LoopEnd run_loop(int32_t& result, int64_t& frames) {
 }
 
 // Finds the batch list's next entry that can be set up. False when the list is exhausted.
-bool next_batch_entry() {
+bool next_batch_entry(session::Job& job) {
   for (;;) {
     ++resample.job_index;
     std::string in, out;
     int32_t rate = 0, bits = 0, channels = 0, quality = 0;
     if (next_resample_job(in, out, rate, bits, channels, quality, resample.job_index) == 0) return false;
-    if (setup_job(in.c_str(), out.c_str(), rate, bits, channels, quality) == WAVE_OK) return true;
+    if (!session::same_file(in.c_str(), out.c_str()) &&
+        setup_job(in.c_str(), out.c_str(), rate, bits, channels, quality) == WAVE_OK) {
+      job.out_path = out;
+      return true;
+    }
     session::post_message(session::WINDOW_BATCH, session::MSG_BATCH_RESAMPLE_STATE, session::JOB_NOT_READABLE,
                           resample.job_index);
   }
 }
 
-void resample_thread() {
+int32_t resample_thread(session::Job& job) {
   using namespace session;
   // The raise is for the 9x family only, as with the other converters; the classic call that
   // named the main window instead of a thread changed nothing and is left out.
   if (options.prior_cnv && !is_not_win9x()) set_current_thread_priority(PRIORITY_ABOVE_NORMAL);
   const bool in_batch = batch_active();
+  int32_t job_end = JOB_END_DONE;
   for (;;) {
     if (in_batch) post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_STARTED, resample.job_index);
     int32_t result = WAVE_OK;
     int64_t frames = 0;
-    LoopEnd end = run_loop(result, frames);
+    LoopEnd end = run_loop(job, result, frames);
     if (end == LOOP_CANCELLED) {
       close_wave_output();
       close_wave_input();
-      if (!options.leave) std::remove(resample.out_path.c_str());
+      job_end = JOB_END_CANCELLED;
       if (in_batch) {
         post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_CANCELLED, resample.job_index);
         post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_LIST_FINISHED, resample.job_index);
@@ -383,15 +385,18 @@ void resample_thread() {
     if (result == WAVE_OK) result = closed;
     close_wave_input();
     post_message(WINDOW_PROGRESS, MSG_PROGRESS_STATUS, result, 0);
+    job.code = result;
+    job_end = result == WAVE_OK ? JOB_END_DONE : JOB_END_FAILED;
     if (!in_batch) break;
     post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, result == WAVE_OK ? JOB_DONE : JOB_FAILED, resample.job_index);
-    if (!next_batch_entry()) {
+    settle_output(job, job_end);
+    if (!next_batch_entry(job)) {
       post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_LIST_FINISHED, resample.job_index);
       break;
     }
   }
-  state.file_job_cancel.store(1, relaxed);
   post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
+  return job_end;
 }
 
 }  // namespace
@@ -512,23 +517,16 @@ void kernel_sinc_block(const double* positions, int32_t count, int32_t* left, in
   }
 }
 
-int32_t start_resample(const char* input_path, const char* output_path, int32_t rate, int32_t bits, int32_t channels,
-                       int32_t quality) {
-  if (session::state.file_job_cancel.load(relaxed) == 0) return RESAMPLE_BUSY;
-  // A finished (or cancelled and still closing) tool job's thread: the flag it clears at its end
-  // must not land on the new job.
-  wait_resample();
-  wait_split();
+int32_t start_resample(session::Job& job, const char* input_path, const char* output_path, int32_t rate, int32_t bits,
+                       int32_t channels, int32_t quality) {
+  if (job.busy.load(std::memory_order_acquire)) return RESAMPLE_BUSY;
+  if (session::same_file(input_path, output_path)) return RESAMPLE_SAME_FILE;
+  session::wait_job(job);  // a finished job's thread still holds the reader and writer until joined
   int32_t code = setup_job(input_path, output_path, rate, bits, channels, quality);
   if (code != WAVE_OK) return code;
   resample.job_index = 0;
-  session::state.file_job_cancel.store(0, relaxed);
-  job_thread = std::thread(resample_thread);
+  session::start_job(job, resample_thread, output_path);
   return WAVE_OK;
-}
-
-void wait_resample() {
-  if (job_thread.joinable()) job_thread.join();
 }
 
 int32_t next_resample_job(std::string&, std::string&, int32_t&, int32_t&, int32_t&, int32_t&, int32_t) { return 0; }

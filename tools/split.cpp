@@ -33,7 +33,6 @@
 #include "session/messages.h"
 #include "session/platform.h"
 #include "session/session.h"
-#include "tools/resample.h"
 
 namespace tools {
 
@@ -43,9 +42,10 @@ namespace {
 
 constexpr auto relaxed = std::memory_order_relaxed;
 
-std::thread job_thread;
+// The running job's Cancel word; split_stream also runs on its caller's thread without a job.
+std::atomic<int32_t>* cancel_word = nullptr;
 
-bool cancelled() { return session::state.file_job_cancel.load(relaxed) != 0; }
+bool cancelled() { return cancel_word && cancel_word->load(relaxed) != 0; }
 
 enum ReadEnd { READ_OK, READ_SHORT, READ_FAILED };
 
@@ -61,7 +61,7 @@ void post_progress(int64_t position, int64_t file_size) {
   session::post_message(session::WINDOW_PROGRESS, session::MSG_SPLIT_PROGRESS, position, file_size);
 }
 
-void split_thread() {
+int32_t split_thread(session::Job& job) {
   using namespace session;
   if (options.prior_cnv && !is_not_win9x()) set_current_thread_priority(PRIORITY_ABOVE_NORMAL);
   // The whole of a packet fits, whatever its length field says.
@@ -71,9 +71,10 @@ void split_thread() {
   // Buffered bytes go out at the close: a disk that fills there fails the job like a write.
   if (std::fclose(split.out) != 0 && result == SPLIT_OK) result = SPLIT_AUDIO_WRITE_ERROR;
   split.in = split.out = nullptr;
-  if (result == SPLIT_CANCELLED && !options.leave) std::remove(split.out_path.c_str());
-  state.file_job_cancel.store(1, relaxed);
-  if (result != SPLIT_CANCELLED) post_message(WINDOW_PROGRESS, MSG_SPLIT_END, result, split.bytes_read);
+  job.code = result;
+  if (result == SPLIT_CANCELLED) return JOB_END_CANCELLED;
+  post_message(WINDOW_PROGRESS, MSG_SPLIT_END, result, split.bytes_read);
+  return result == SPLIT_OK ? JOB_END_DONE : JOB_END_FAILED;
 }
 
 }  // namespace
@@ -168,12 +169,10 @@ int32_t split_stream(std::FILE* in, std::FILE* out, int64_t file_size, int64_t& 
   }
 }
 
-int32_t start_split(const char* input_path, const char* output_path) {
-  if (session::state.file_job_cancel.load(relaxed) == 0) return session::START_BUSY;
-  // A finished (or cancelled and still closing) tool job's thread: the flag it clears at its end
-  // must not land on the new job.
-  wait_split();
-  wait_resample();
+int32_t start_split(session::Job& job, const char* input_path, const char* output_path) {
+  if (job.busy.load(std::memory_order_acquire)) return session::START_BUSY;
+  if (session::same_file(input_path, output_path)) return session::START_SAME_FILE;
+  session::wait_job(job);  // a finished job's thread
   split.in = std::fopen(input_path, "rb");
   if (!split.in) return session::START_NO_INPUT;
   split.out = std::fopen(output_path, "wb");
@@ -190,14 +189,9 @@ int32_t start_split(const char* input_path, const char* output_path) {
     if (std::fseek(split.in, 0, SEEK_SET) != 0) split.file_size = 0;
   }
   split.bytes_read = 0;
-  split.out_path = output_path;
-  session::state.file_job_cancel.store(0, relaxed);
-  job_thread = std::thread(split_thread);
+  cancel_word = &job.cancel;
+  session::start_job(job, split_thread, output_path);
   return 0;
-}
-
-void wait_split() {
-  if (job_thread.joinable()) job_thread.join();
 }
 
 }  // namespace tools

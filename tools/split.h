@@ -3,16 +3,18 @@
 // (stream ids C0 to CF, all of them into one output) and appends their payloads unchanged.
 // MPEG-2 program streams are not understood: their packet header forms are refused.
 //
-// Threads: start_split runs on the main thread while no converter runs and starts split_thread,
-// which owns both files until it ends. The main thread stops it only through
-// session::state.file_job_cancel, which the walk reads between units and within a packet header.
-// The thread posts MSG_SPLIT_PROGRESS (position, file size) for each audio packet and
-// MSG_SPLIT_END (result, bytes read) at its end, unless it was cancelled.
+// Threads: start_split runs on the main thread while its Job is idle and starts the job, whose
+// thread owns both files until it ends. The main thread stops it only through the job's Cancel
+// word, which the walk reads between units and within a packet header. The thread posts
+// MSG_SPLIT_PROGRESS (position, file size) for each audio packet and MSG_SPLIT_END (result, bytes
+// read) at its end, unless it was cancelled. A failed or cancelled job leaves no output.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 #include <string>
+
+#include "session/job.h"
 
 namespace tools {
 
@@ -24,7 +26,7 @@ enum SplitResult : int32_t {
   SPLIT_BAD_AUDIO_HEADER = 6,
   SPLIT_VIDEO_WRITE_ERROR = 7,  // reserved: video is never written
   SPLIT_AUDIO_WRITE_ERROR = 8,
-  SPLIT_CANCELLED = -1,  // the walk saw file_job_cancel; no result is posted
+  SPLIT_CANCELLED = -1,  // the walk saw the job's Cancel; no result is posted
 };
 
 // The progress window's text for a result (nullptr for 0 and unknown ones).
@@ -36,7 +38,6 @@ constexpr int32_t SPLIT_PACKET_BUFFER_BYTES = 65536;
 struct SplitState {
   std::FILE* in = nullptr;
   std::FILE* out = nullptr;
-  std::string out_path;  // deleted on cancel unless "Leave"
   int64_t file_size = 0;
   int64_t bytes_read = 0;
 };
@@ -44,10 +45,9 @@ struct SplitState {
 extern SplitState split;
 
 // Opens the input ("rb", else 2) and the output ("wb", else the input is closed again and 3),
-// and starts the thread. Returns 0, or 1 while another converter runs.
-int32_t start_split(const char* input_path, const char* output_path);
-// Waits for the splitter thread, if any, to end.
-void wait_split();
+// and starts the job. Returns 0, 1 while the job runs, or 7 (START_SAME_FILE) when the output
+// would overwrite the input.
+int32_t start_split(session::Job& job, const char* input_path, const char* output_path);
 
 // The walk over open files on the calling thread, posting progress as the thread does. packet is
 // SPLIT_PACKET_BUFFER_BYTES long. Returns a SplitResult; bytes_read counts every byte read.

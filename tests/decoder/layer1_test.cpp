@@ -211,7 +211,8 @@ std::vector<uint8_t> run_direct(const std::vector<uint8_t>& stream_bytes, int32_
   state.shaper_slot = write_decoded_block;
   state.decoder_command.store(CMD_RUN);
   state.file_job_active.store(1);
-  state.file_job_cancel.store(0);
+  Job job;
+  state.file_job = &job;
   reserve_header(EXT_WAV);
   decoder::decode_layer1_stream();
   *command_after = state.decoder_command.load();
@@ -220,7 +221,7 @@ std::vector<uint8_t> run_direct(const std::vector<uint8_t>& stream_bytes, int32_
   state.out_file = nullptr;
   reader.file = nullptr;
   state.file_job_active.store(0);
-  state.file_job_cancel.store(1);
+  state.file_job = nullptr;
   state.decoder_command.store(CMD_STOP);
   return test::read_file(dir.file("out"));
 }

@@ -40,7 +40,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   state.shaper_slot = write_decoded_block;
   state.decoder_command.store(CMD_RUN);
   state.file_job_active.store(1);  // a file job: no pacing sleeps
-  state.file_job_cancel.store(0);
   decoder::decode_layer1_stream();
   std::fclose(reader.file);
   reader.file = nullptr;

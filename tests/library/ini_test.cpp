@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "fixture.h"
+#include "session/messages.h"
 
 namespace {
 
@@ -50,7 +51,7 @@ TEST_F(LibraryTest, SaveReplacesTheFileWholeAndKeepsItsPermissionsAndLinks) {
   std::string link = dir.file("link.ini");
   ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
   IniFile ini;
-  ASSERT_TRUE(ini_load(ini, link));
+  ASSERT_EQ(ini_load(ini, link), TEXT_OK);
   ini_set_int(ini, "A", "K", 2);
   ASSERT_TRUE(ini_save(ini, link));
   EXPECT_EQ(read_text(path), "[A]\nK=2\n");
@@ -65,3 +66,30 @@ TEST_F(LibraryTest, SaveReplacesTheFileWholeAndKeepsItsPermissionsAndLinks) {
 }
 
 }  // namespace
+
+// Settings and lists beyond 1 MiB, or with a line beyond 4 KiB, are refused with a message and
+// change nothing: not the settings, not the playlist, not the file at the next save. Devices and
+// pipes that never end are cut off at the limit.
+TEST_F(LibraryTest, OversizedTextFilesAreRefusedAndKept) {
+  static int boxes = 0;
+  boxes = 0;
+  session::set_sink({nullptr, [](const char*, const char*, int32_t) { return ++boxes, int32_t(session::ANSWER_OK); }});
+  std::string lines;
+  while (lines.size() <= TEXT_FILE_MAX_BYTES) lines += "[Settings]\nVolume=1\n";
+  const std::string big = write_text("big.ini", lines);
+  const std::string wide = write_text("wide.m3u", std::string(TEXT_LINE_MAX_BYTES + 1, 'a') + "\n");
+  std::string text;
+  EXPECT_EQ(read_text_file(big.c_str(), text), TEXT_TOO_LARGE);
+  EXPECT_EQ(read_text_file("/dev/zero", text), TEXT_LONG_LINE);
+  EXPECT_EQ(read_text_file(dir.file("none").c_str(), text), TEXT_MISSING);
+  EXPECT_EQ(boxes, 2);
+  EXPECT_TRUE(text.empty());
+
+  library::StartupRecord record;
+  EXPECT_EQ(library::load_settings(big, record), 0);
+  EXPECT_EQ(library::save_settings(), 0);
+  EXPECT_EQ(read_text(big), lines);
+  library::read_playlist(wide.c_str(), 0);
+  EXPECT_EQ(library::playlist_length(), 0);
+  session::set_sink({});
+}

@@ -9,6 +9,8 @@
 namespace {
 
 constexpr size_t BLOCK_BYTES = 18432;
+// At most 150 ms of the device's silence before a 44.1 kHz stereo 16-bit stream starts.
+constexpr size_t FIRST_SOUND_BOUND = 4 * 44100 * 150 / 1000;
 
 std::string cli() { return test::cli_path(); }
 
@@ -49,9 +51,10 @@ const Form full_rate_stereo = {"--rate 0", 4, 0, [](const std::vector<int16_t>& 
 // silence while the device is held for its priming, then the very bytes that the shapers make of
 // what `decode --format raw` writes, then the padding of the last block (alternating 128 and 0),
 // then silence until the device closes. A Layer I track hands its last partial block to the ring as
-// a whole one (tail_bytes, 2304): the ring's untouched zeros stand before the padding.
+// a whole one (tail_bytes, 2304): the ring's untouched zeros stand before the padding. lead, when
+// given, receives the bytes of silence that the device played before the stream's first byte.
 void expect_capture_matches_decode(const std::string& in, const test::TempDir& dir, size_t tail_bytes = 1,
-                                   const Form& form = full_rate_stereo) {
+                                   const Form& form = full_rate_stereo, size_t* lead = nullptr) {
   SCOPED_TRACE(form.options);
   std::string raw_path = dir.file("decoded.raw"), cap_path = dir.file("captured.raw");
   ASSERT_EQ(test::run(cli() + " decode " + in + " " + raw_path + " --format raw 2>/dev/null"), 0);
@@ -72,6 +75,7 @@ void expect_capture_matches_decode(const std::string& in, const test::TempDir& d
   ASSERT_EQ(start % form.frame_bytes, 0u) << "the capture is not aligned to sample times";
   ASSERT_GE(cap.size(), start + raw.size());
   EXPECT_TRUE(all_silent(cap, 0, start, form.silence));
+  if (lead) *lead = start;
   size_t mismatch = 0;
   while (mismatch < raw.size() && cap[start + mismatch] == raw[mismatch]) ++mismatch;
   ASSERT_EQ(mismatch, raw.size()) << "first difference at byte " << mismatch << " of " << raw.size();
@@ -92,7 +96,9 @@ TEST(PlayCli, LayerIICaptureIsTheDecodedStreamAndItsPadding) {
   std::string wav = dir.file("in.wav"), mp2 = dir.file("in.mp2");
   ASSERT_EQ(test::run("sox -q -n -r 44100 -c 2 -b 16 " + wav + " synth 1.5 sine 440 sine 660 vol 0.5"), 0);
   ASSERT_EQ(test::run("twolame --quiet -b 192 " + wav + " " + mp2), 0);
-  expect_capture_matches_decode(mp2, dir);
+  size_t lead = SIZE_MAX;
+  expect_capture_matches_decode(mp2, dir, 1, full_rate_stereo, &lead);
+  EXPECT_LE(lead, FIRST_SOUND_BOUND) << "the sound starts late";
 }
 
 TEST(PlayCli, LayerIIICaptureIsTheDecodedStreamAndItsPadding) {
@@ -102,7 +108,9 @@ TEST(PlayCli, LayerIIICaptureIsTheDecodedStreamAndItsPadding) {
   std::string wav = dir.file("in.wav"), mp3 = dir.file("in.mp3");
   ASSERT_EQ(test::run("sox -q -n -r 44100 -c 2 -b 16 " + wav + " synth 1.5 sine 330 sine 550 vol 0.5"), 0);
   ASSERT_EQ(test::run("lame --quiet -b 128 " + wav + " " + mp3), 0);
-  expect_capture_matches_decode(mp3, dir);
+  size_t lead = SIZE_MAX;
+  expect_capture_matches_decode(mp3, dir, 1, full_rate_stereo, &lead);
+  EXPECT_LE(lead, FIRST_SOUND_BOUND) << "the sound starts late";
 }
 
 // The narrowed, folded and thinned forms are the shaper table applied to the same decode: 8-bit is
@@ -185,6 +193,15 @@ TEST(PlayCli, APlaylistPlaysToItsEndThroughTheDiskDriver) {
   // The second track's device replaces the first one's file: one track of 8-bit mono, whole blocks.
   std::vector<uint8_t> captured = test::read_file(cap);
   EXPECT_GE(captured.size(), BLOCK_BYTES);
+
+  // A file in the middle that won't open is reported and skipped; the run then ends as a failure.
+  std::string missing = dir.file("missing.mp2");
+  err = test::run_output(
+      disk_driver(dir, cap) + cli() + " play " + dir.file("a.mp2") + " " + missing + " " + dir.file("b.mp2") + " 2>&1",
+      &status);
+  EXPECT_EQ(status, 1) << err;
+  EXPECT_NE(err.find("TOVRA: '" + missing + "'が開けない"), std::string::npos) << err;
+  EXPECT_NE(err.find("3. "), std::string::npos) << err;
 }
 
 // Damaged and unusual streams play to their end or are refused, never crash or hang: refused

@@ -1,6 +1,6 @@
-// stop_play's bound: a session whose device never hands a block back cannot end, and after 200
-// polls of 40 ms and a last 200 ms it is abandoned. The abandoned threads stay blocked for good, so
-// the case runs in a child process of its own.
+// stop_play's bound: a session whose thread never comes back to its frame loop (here a front end's
+// hook that hangs) cannot end, and after 200 polls of 40 ms and a last 200 ms it is abandoned. The
+// abandoned thread stays blocked for good, so the case runs in a child process of its own.
 #include <cstdio>
 #include <cstdlib>
 
@@ -12,10 +12,16 @@ using namespace play_test;
 using session::state;
 
 // Runs in the child: returns 0 when everything held, else the number of the first check that failed.
-int stop_on_a_device_that_never_plays(const std::string& track) {
+std::atomic<int32_t> hook_entered{0};
+
+int stop_on_a_session_that_hangs(const std::string& track) {
+  session::play_hooks.title_new_track = [] {
+    hook_entered.store(1);
+    for (;;) sleep_ms(1000);
+  };
   library::append_entry(track.c_str());
   if (session::start_play() != session::START_OK) return 1;
-  if (!wait_lead_full()) return 2;  // the decoder is blocked on a full ring
+  if (!wait_until([] { return hook_entered.load() == 1; })) return 2;
   int32_t generation = session::play_generation.load();
   auto begin = std::chrono::steady_clock::now();
   session::stop_command();
@@ -43,7 +49,7 @@ TEST_F(PlaySession, StopGivesUpOnASessionThatCannotEnd) {
   library::reset_playlist();
   EXPECT_EXIT(
       {
-        int code = stop_on_a_device_that_never_plays(track);
+        int code = stop_on_a_session_that_hangs(track);
         std::fflush(nullptr);
         // Threads stay blocked behind the abandoned session: leave without running destructors.
         std::_Exit(code);

@@ -16,6 +16,7 @@ class Transport : public PlaySession {
     state.seek_target.store(-7);
     session::stream.frame_count = 1000;
     session::stream.play_seconds = 10;
+    session::publish_stream();
   }
 };
 
@@ -68,6 +69,7 @@ TEST_F(Transport, JumpToAFrameOverridesAndAMillisecondRequestIsRounded) {
 
   // Remote control asks in milliseconds of a 10 s stream of 1000 frames: 64-bit, rounded.
   session::stream.frame_count = 383;
+  session::publish_stream();
   const int32_t ms[] = {5000, 26, 10000, 10001, 0};
   const int32_t frames[] = {192, 1, 383, 383, 0};
   for (int i = 0; i < 5; ++i) {

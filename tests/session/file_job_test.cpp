@@ -1,4 +1,5 @@
-// The file job from start to end: its start codes, its messages, cancel, and what it leaves on disk.
+// The file job from start to end on the job runner: its start codes, its messages, cancel (its own,
+// never another job's), and what it leaves on disk.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -9,6 +10,7 @@
 #include "session/messages.h"
 #include "session/session.h"
 #include "support/support.h"
+#include "tools/split.h"
 
 namespace {
 
@@ -22,14 +24,19 @@ std::vector<Recorded> recorded;
 // Frames-done value at which the sink presses Cancel, 0 for never.
 int64_t cancel_at = 0;
 int32_t busy_code = -1;  // what a second start returned from inside the job
+session::Job job;
+// When set, the sink runs this at the first progress instead of cancelling.
+void (*at_first_progress)() = nullptr;
 
 void record(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, bool) {
-  std::lock_guard<std::mutex> lock(record_lock);
+  std::unique_lock<std::mutex> lock(record_lock);
   recorded.push_back({window, msg, wparam, lparam});
   if (msg == session::MSG_PROGRESS_FRAMES && wparam == cancel_at) {
+    lock.unlock();
+    if (at_first_progress) return at_first_progress();
     // A second start while the job runs is refused, not queued.
-    busy_code = session::start_decode_file("/dev/null", "/dev/null");
-    session::state.file_job_cancel.store(1);
+    busy_code = session::start_decode_file(job, "/dev/null", "/dev/null");
+    job.cancel.store(1);
   }
 }
 
@@ -52,11 +59,12 @@ class FileJob : public ::testing::Test {
     recorded.clear();
     cancel_at = 0;
     busy_code = -1;
+    at_first_progress = nullptr;
     session::options = session::OutputOptions{};
     session::options.ext_filter = 0;
   }
   void TearDown() override {
-    session::wait_file_job();
+    session::wait_job(job);
     session::set_sink({});
   }
   test::TempDir dir;
@@ -69,8 +77,8 @@ TEST_F(FileJob, ReportsEveryTenFramesThenTheTotalAndTheEnd) {
   bytes.insert(bytes.end(), {0xFF, 0xFF, 0xFF, 0x12});
   std::string in = dir.file("in.mp2"), out = dir.file("out.raw");
   test::write_file(in, bytes);
-  ASSERT_EQ(session::start_decode_file(in.c_str(), out.c_str()), session::START_OK);
-  session::wait_file_job();
+  ASSERT_EQ(session::start_decode_file(job, in.c_str(), out.c_str()), session::START_OK);
+  session::wait_job(job);
 
   std::vector<int64_t> seen;  // message, wparam
   for (const Recorded& r : recorded) {
@@ -83,9 +91,9 @@ TEST_F(FileJob, ReportsEveryTenFramesThenTheTotalAndTheEnd) {
   // Two blocks of 576 mono samples a frame, every frame walked.
   EXPECT_EQ(test::read_file(out).size(), 25u * 2 * 1152);
   // At rest again: a new job may start.
-  EXPECT_EQ((std::vector<int32_t>{session::state.file_job_cancel.load(), session::state.file_job_idle.load(),
+  EXPECT_EQ((std::vector<int32_t>{job.busy.load(), job.end.load(), session::state.file_job_idle.load(),
                                   session::state.decoder_command.load()}),
-            (std::vector<int32_t>{1, 1, session::CMD_STOP}));
+            (std::vector<int32_t>{0, session::JOB_END_DONE, 1, session::CMD_STOP}));
 }
 
 TEST_F(FileJob, CancelEndsTheJobAndRemovesTheOutputUnlessLeave) {
@@ -95,29 +103,56 @@ TEST_F(FileJob, CancelEndsTheJobAndRemovesTheOutputUnlessLeave) {
     cancel_at = 10;
     std::string in = dir.file("in.mp2"), out = dir.file("out" + std::to_string(leave) + ".raw");
     test::write_file(in, silent_layer2(40));
-    ASSERT_EQ(session::start_decode_file(in.c_str(), out.c_str()), session::START_OK);
-    session::wait_file_job();
+    ASSERT_EQ(session::start_decode_file(job, in.c_str(), out.c_str()), session::START_OK);
+    session::wait_job(job);
     EXPECT_EQ(busy_code, session::START_BUSY);
     // Cancel is seen before the next frame is decoded: no total, just the end.
     ASSERT_EQ(recorded.size(), 2u);
     EXPECT_EQ(recorded[1].msg, session::MSG_PROGRESS_END);
     EXPECT_EQ(test::run("test -e " + out), leave ? 0 : 1) << "leave=" << leave;
-    EXPECT_EQ(session::state.file_job_cancel.load(), 1);
+    EXPECT_EQ(job.end.load(), session::JOB_END_CANCELLED);
   }
 }
 
-TEST_F(FileJob, StartCodes) {
+// Another job's Cancel, pressed and settled while the file job runs, leaves the file job alone.
+TEST_F(FileJob, CancelBelongsToItsJob) {
+  static test::TempDir* tmp = &dir;
+  cancel_at = 10;
+  at_first_progress = [] {
+    std::vector<uint8_t> stream = {0x00, 0x00, 0x01, 0xBA, 0x21, 0x00, 0x01, 0x00, 0x01, 0x80, 0x00, 0x01};
+    for (int i = 0; i < 40; ++i) stream.insert(stream.end(), {0x00, 0x00, 0x01, 0xC0, 0x00, 0x01, 0x0F});
+    test::write_file(tmp->file("in.mpg"), stream);
+    session::Job other;
+    ASSERT_EQ(tools::start_split(other, tmp->file("in.mpg").c_str(), tmp->file("out.mpa").c_str()), 0);
+    other.cancel.store(1);
+    session::wait_job(other);
+  };
+  std::string in = dir.file("in.mp2"), out = dir.file("out.raw");
+  test::write_file(in, silent_layer2(40));
+  ASSERT_EQ(session::start_decode_file(job, in.c_str(), out.c_str()), session::START_OK);
+  session::wait_job(job);
+  EXPECT_EQ(job.end.load(), session::JOB_END_DONE);
+  EXPECT_EQ(test::read_file(out).size(), 40u * 2 * 1152);
+}
+
+TEST_F(FileJob, RefusedStartsLeaveNoFileAndNeverTouchTheInput) {
   std::string good = dir.file("good.mp2"), junk = dir.file("junk.bin"), out = dir.file("out.raw");
   test::write_file(good, silent_layer2(3));
   test::write_file(junk, std::vector<uint8_t>(5000, 0x55));
 
-  EXPECT_EQ(session::start_decode_file(dir.file("missing.mp2").c_str(), out.c_str()), session::START_NO_INPUT);
-  EXPECT_EQ(session::start_decode_file(good.c_str(), dir.file("no/such/folder.raw").c_str()), session::START_NO_OUTPUT);
+  EXPECT_EQ(session::start_decode_file(job, dir.file("missing.mp2").c_str(), out.c_str()), session::START_NO_INPUT);
+  EXPECT_EQ(session::start_decode_file(job, good.c_str(), dir.file("no/such/folder.raw").c_str()),
+            session::START_NO_OUTPUT);
   // No frame anywhere: refused, and the output made for it is removed again.
-  EXPECT_EQ(session::start_decode_file(junk.c_str(), out.c_str()), session::START_OPEN_FAILED);
+  EXPECT_EQ(session::start_decode_file(job, junk.c_str(), out.c_str()), session::START_OPEN_FAILED);
   EXPECT_NE(test::run("test -e " + out), 0);
   EXPECT_EQ(session::reader.file, nullptr) << "a refused start closes the input";
-  EXPECT_EQ(session::state.file_job_cancel.load(), 1) << "a refused start leaves the job word at rest";
+  // The output is the input, by name, by a symbolic link or by a hard link.
+  ASSERT_EQ(test::run("ln -s good.mp2 " + dir.file("soft.mp2") + " && ln " + good + " " + dir.file("hard.mp2")), 0);
+  for (const char* name : {"good.mp2", "soft.mp2", "hard.mp2"})
+    EXPECT_EQ(session::start_decode_file(job, good.c_str(), dir.file(name).c_str()), session::START_SAME_FILE);
+  EXPECT_EQ(test::read_file(good), silent_layer2(3));
+  EXPECT_EQ(job.busy.load(), 0);
   EXPECT_TRUE(recorded.empty());
 }
 

@@ -21,10 +21,9 @@ class Resample : public ToolsTest {
   int32_t run(const std::string& in, const std::string& out, int32_t rate, int32_t bits, int32_t channels,
               int32_t quality) {
     install_recorder();
-    int32_t code = tools::start_resample(in.c_str(), dir.file(out).c_str(), rate, bits, channels, quality);
+    int32_t code = tools::start_resample(tool_job, in.c_str(), dir.file(out).c_str(), rate, bits, channels, quality);
     if (code != tools::WAVE_OK) return code;
-    tools::wait_resample();
-    EXPECT_EQ(session::state.file_job_cancel.load(), 1);
+    session::wait_job(tool_job);
     std::vector<Message> status = recorded(session::MSG_PROGRESS_STATUS);
     EXPECT_EQ(status.size(), 1u);
     EXPECT_EQ(recorded(session::MSG_PROGRESS_END).size(), 1u);
@@ -37,7 +36,7 @@ class Resample : public ToolsTest {
     EXPECT_EQ(run(dir.file("in.wav"), "out.wav", out_rate, 16, channels, quality), 0);
     return as_pcm16(check_written_wave(dir.file("out.wav")).data);
   }
-  void TearDown() override { tools::wait_resample(); }
+  void TearDown() override { session::wait_job(tool_job); }
 };
 
 TEST_F(Resample, EqualRatesCopyTheInput) {
@@ -200,11 +199,10 @@ TEST_F(Resample, CancelFailuresAndBusy) {
     const std::string out = dir.file("out" + std::to_string(leave) + ".wav");
     install_recorder();
     recorder.cancel_on.store(session::MSG_RESAMPLE_PROGRESS);  // Cancel pressed as the first progress shows
-    ASSERT_EQ(tools::start_resample(dir.file("in.wav").c_str(), out.c_str(), 48000, 16, 2, 21), 0);
-    tools::wait_resample();
+    ASSERT_EQ(tools::start_resample(tool_job, dir.file("in.wav").c_str(), out.c_str(), 48000, 16, 2, 21), 0);
+    session::wait_job(tool_job);
     EXPECT_EQ(recorded(session::MSG_PROGRESS_STATUS).size(), 0u);
     EXPECT_EQ(recorded(session::MSG_PROGRESS_END).size(), 1u);
-    EXPECT_EQ(session::state.file_job_cancel.load(), 1);
     if (leave)
       EXPECT_EQ(check_written_wave(out).data.size(), 4u);  // the one frame before the first look at the flag
     else
@@ -216,15 +214,15 @@ TEST_F(Resample, CancelFailuresAndBusy) {
   test::write_file(dir.file("text.wav"), Bytes(200, 'a'));
   EXPECT_EQ(run(dir.file("text.wav"), "o.wav", 22050, 16, 2, 0), tools::WAVE_BAD_FORMAT);
   EXPECT_EQ(run(dir.file("in.wav"), "o.wav", 22050, 24, 2, 0), tools::WAVE_BAD_FORMAT);
-  session::state.file_job_cancel.store(0);  // another converter at work
+  tool_job.busy.store(1);  // the job at work
   EXPECT_EQ(run(dir.file("in.wav"), "o.wav", 22050, 16, 2, 0), tools::RESAMPLE_BUSY);
-  session::state.file_job_cancel.store(1);
+  tool_job.busy.store(0);
   if (std::FILE* probe = std::fopen("/dev/full", "wb")) {  // a disk that fills: the job ends with 2
     std::fclose(probe);
     write_wave(dir.file("long.wav"), 44100, 16, 2, noise(2 * 300000, 9));
     install_recorder();
-    ASSERT_EQ(tools::start_resample(dir.file("long.wav").c_str(), "/dev/full", 44100, 16, 2, 0), 0);
-    tools::wait_resample();
+    ASSERT_EQ(tools::start_resample(tool_job, dir.file("long.wav").c_str(), "/dev/full", 44100, 16, 2, 0), 0);
+    session::wait_job(tool_job);
     ASSERT_EQ(recorded(session::MSG_PROGRESS_STATUS).size(), 1u);
     EXPECT_EQ(recorded(session::MSG_PROGRESS_STATUS)[0].wparam, tools::WAVE_WRITE_ERROR);
   }

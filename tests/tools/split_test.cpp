@@ -49,16 +49,15 @@ class Split : public ToolsTest {
   }
   int32_t split_file(const std::string& path, Bytes* out = nullptr) {
     install_recorder();
-    int32_t started = tools::start_split(path.c_str(), dir.file("out.mpa").c_str());
+    int32_t started = tools::start_split(tool_job, path.c_str(), dir.file("out.mpa").c_str());
     EXPECT_EQ(started, 0);
     if (started != 0) return -200;
-    tools::wait_split();
-    EXPECT_EQ(session::state.file_job_cancel.load(), 1);
+    session::wait_job(tool_job);
     if (out) *out = test::read_file(dir.file("out.mpa"));
     std::vector<Message> ends = recorded(session::MSG_SPLIT_END);
     return ends.size() == 1 ? int32_t(ends[0].wparam) : -100;
   }
-  void TearDown() override { tools::wait_split(); }
+  void TearDown() override { session::wait_job(tool_job); }
 };
 
 TEST_F(Split, WritesTheAudioPayloadsAndSkipsEverythingElse) {
@@ -133,21 +132,20 @@ TEST_F(Split, CancelAndRefusedStarts) {
     session::options.leave = leave;
     install_recorder();
     recorder.cancel_on.store(session::MSG_SPLIT_PROGRESS);  // Cancel as the first progress shows
-    ASSERT_EQ(tools::start_split(dir.file("in.mpg").c_str(), dir.file("out.mpa").c_str()), 0);
-    tools::wait_split();
+    ASSERT_EQ(tools::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("out.mpa").c_str()), 0);
+    session::wait_job(tool_job);
     EXPECT_EQ(recorded(session::MSG_SPLIT_END).size(), 0u);
-    EXPECT_EQ(session::state.file_job_cancel.load(), 1);
     if (leave)
       EXPECT_EQ(test::read_file(dir.file("out.mpa")), Bytes(200, 0));  // the packet in hand is written
     else
       EXPECT_NE(access(dir.file("out.mpa").c_str(), F_OK), 0);
   }
   // The start refuses a missing input (2), an output it can't make (3), a running job (1).
-  EXPECT_EQ(tools::start_split(dir.file("missing.mpg").c_str(), dir.file("o.mpa").c_str()), 2);
-  EXPECT_EQ(tools::start_split(dir.file("in.mpg").c_str(), dir.file("no/dir/o.mpa").c_str()), 3);
-  session::state.file_job_cancel.store(0);
-  EXPECT_EQ(tools::start_split(dir.file("in.mpg").c_str(), dir.file("o.mpa").c_str()), 1);
-  session::state.file_job_cancel.store(1);
+  EXPECT_EQ(tools::start_split(tool_job, dir.file("missing.mpg").c_str(), dir.file("o.mpa").c_str()), 2);
+  EXPECT_EQ(tools::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("no/dir/o.mpa").c_str()), 3);
+  tool_job.busy.store(1);
+  EXPECT_EQ(tools::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("o.mpa").c_str()), 1);
+  tool_job.busy.store(0);
 }
 
 // ffmpeg's system streams, split here and copied by ffmpeg itself.

@@ -127,6 +127,8 @@ struct Recorder {
   std::atomic<int32_t> cancel_on{0};
 };
 inline Recorder recorder;
+// The job every tool test runs on.
+inline session::Job tool_job;
 
 inline void install_recorder() {
   std::lock_guard<std::mutex> hold(recorder.lock);
@@ -137,7 +139,7 @@ inline void install_recorder() {
                          std::lock_guard<std::mutex> hold(recorder.lock);
                          recorder.messages.push_back({window, msg, wparam, lparam});
                        }
-                       if (msg == recorder.cancel_on.load()) session::state.file_job_cancel.store(1);
+                       if (msg == recorder.cancel_on.load()) tool_job.cancel.store(1);
                      },
                      nullptr});
   session::set_window_open(session::WINDOW_PROGRESS, true);
@@ -155,7 +157,6 @@ inline std::vector<Message> recorded(int32_t msg) {
 class ToolsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    session::state.file_job_cancel.store(1);
     session::options = session::OutputOptions{};
     install_recorder();
   }

@@ -1,0 +1,60 @@
+// The job runner. busy is stored last, with release, so that whoever sees it clear also sees the
+// end, the code and the settled output.
+#include "session/job.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+
+#include "session/session.h"
+
+namespace session {
+
+namespace {
+
+void run(Job* job, JobBody body) {
+  int32_t end = body(*job);
+  settle_output(*job, end);
+  job->end.store(end, std::memory_order_relaxed);
+  job->busy.store(0, std::memory_order_release);
+}
+
+}  // namespace
+
+Job::~Job() {
+  cancel.store(1, std::memory_order_relaxed);
+  wait_job(*this);
+}
+
+int32_t start_job(Job& job, JobBody body, const char* out_path) {
+  if (job.busy.load(std::memory_order_acquire)) return JOB_BUSY;
+  wait_job(job);  // a finished job's thread
+  job.cancel.store(0, std::memory_order_relaxed);
+  job.end.store(JOB_END_DONE, std::memory_order_relaxed);
+  job.code = 0;
+  job.out_path = out_path ? out_path : "";
+  job.busy.store(1, std::memory_order_relaxed);
+  job.thread = std::thread(run, &job, body);
+  return 0;
+}
+
+void wait_job(Job& job) {
+  if (job.thread.joinable()) job.thread.join();
+}
+
+void settle_output(const Job& job, int32_t end) {
+  if (end == JOB_END_FAILED || (end == JOB_END_CANCELLED && !options.leave)) remove_output(job.out_path.c_str());
+}
+
+void remove_output(const char* path) {
+  struct stat st;
+  if (path && *path && stat(path, &st) == 0 && S_ISREG(st.st_mode)) std::remove(path);
+}
+
+bool same_file(const char* in_path, const char* out_path) {
+  struct stat in, out;
+  if (stat(in_path, &in) != 0 || stat(out_path, &out) != 0) return false;
+  return S_ISREG(in.st_mode) && in.st_dev == out.st_dev && in.st_ino == out.st_ino;
+}
+
+}  // namespace session
