@@ -1,5 +1,5 @@
 // tovra-cli encode IN.wav OUT [options]: the MPEG audio encoder, Layers I and II, from the command
-// line. The job runs on this thread with a progress bar; Ctrl+C cancels it like the progress
+// line. The job runs on the job runner with a progress bar; Ctrl+C cancels it like the progress
 // window's Cancel, and the partial output is removed.
 #include <cstdio>
 #include <cstdlib>
@@ -101,11 +101,13 @@ int cmd_encode(int argc, char** argv) {
     std::fputs(USAGE, stderr);
     return 2;
   }
-  install_console(0);
   console.on_message = on_encode_message;
-  encoder::EncodeJob job;
-  int32_t code = encoder::encode_open(job, in, out, p, kbps, wave_header);
-  switch (code) {
+  session::Job job;
+  encoder::EncodeJob enc;
+  int32_t code = encoder::ENCODE_OK;
+  int status = run_job(
+      job, [&] { return encoder::encoder_start(job, enc, in, out, p, kbps, wave_header); }, code);
+  switch (status == -1 ? code : encoder::ENCODE_OK) {
     case encoder::ENCODE_OK:
       break;
     case encoder::ENCODE_NO_INPUT:
@@ -122,19 +124,15 @@ int cmd_encode(int argc, char** argv) {
       return 1;
     case encoder::ENCODE_EMPTY:
       return 1;
+    case encoder::ENCODE_SAME_FILE:
+      std::fprintf(stderr, "%s: 入力と出力で同じ名前は使えません\n", session::CAPTION);
+      return 2;
     default:
       return fail("this bit rate, mode and layer do not make a valid stream at the input's sampling rate");
   }
-  cancel_job_on_interrupt(true);
-  int32_t result = encoder::run_encode_job(job);
-  cancel_job_on_interrupt(false);
-  finish_progress();
-  if (result == 1) return interrupted() ? 130 : 1;
-  if (result != 0) {
+  if (status == 1 && job.end.load() == session::JOB_END_FAILED)
     std::fprintf(stderr, "%s: '%s'が書き込めない\n", session::CAPTION_ERROR, out);
-    return 1;
-  }
-  return 0;
+  return status;
 }
 
 }  // namespace cli

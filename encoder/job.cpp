@@ -4,7 +4,6 @@
 #include <memory>
 
 #include "session/messages.h"
-#include "session/session.h"
 #include "tools/wave.h"
 
 namespace encoder {
@@ -86,13 +85,11 @@ int32_t encode_open(EncodeJob& job, const char* input_path, const char* output_p
   job.bytes_total = data_size;
   job.frames_written = 0;
   job.stream_bytes = 0;
-  job.cancelled = 0;
   if (wave_header) {
     uint8_t zeros[MPEG_WAVE_HEADER_BYTES] = {};
     std::fwrite(zeros, 1, sizeof zeros, job.out);
   }
   job.state = state.release();
-  session::state.file_job_cancel.store(0, std::memory_order_relaxed);
   return ENCODE_OK;
 }
 
@@ -112,9 +109,10 @@ int32_t read_pcm_frame(EncodeJob& job, int16_t (*pcm)[FRAME_SAMPLES_L2]) {
   return take;
 }
 
-int32_t run_encode_job(EncodeJob& job) {
+int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel) {
   using namespace session;
   constexpr auto relaxed = std::memory_order_relaxed;
+  bool cancelled = false;
   std::unique_ptr<EncoderState> owned(job.state);  // freed on every path out
   EncoderState& s = *job.state;
   int16_t pcm[2][FRAME_SAMPLES_L2];
@@ -122,8 +120,8 @@ int32_t run_encode_job(EncodeJob& job) {
   bool write_failed = false;
   const int64_t bytes_per_frame = job.frames_total ? job.bytes_total / job.frames_total : 1;
   for (int32_t got = read_pcm_frame(job, pcm); got > 0; got = read_pcm_frame(job, pcm)) {
-    if (state.file_job_cancel.load(relaxed)) {
-      job.cancelled = 1;
+    if (cancel.load(relaxed)) {
+      cancelled = true;
       break;
     }
     if (job.frames_written % 4 == 0) {
@@ -138,25 +136,41 @@ int32_t run_encode_job(EncodeJob& job) {
     job.stream_bytes += n;
     ++job.frames_written;
   }
-  int32_t result = job.cancelled ? 1 : write_failed ? 2 : 0;
-  if (result == 0 && job.wave_header) {
+  int32_t result = cancelled ? JOB_END_CANCELLED : write_failed ? JOB_END_FAILED : JOB_END_DONE;
+  if (result == JOB_END_DONE && job.wave_header) {
     uint8_t header[MPEG_WAVE_HEADER_BYTES];
     make_mpeg_wave_header(header, s, job.stream_bytes, job.frames_written);
     if (std::fseek(job.out, 0, SEEK_SET) != 0 || std::fwrite(header, 1, sizeof header, job.out) != sizeof header)
-      result = 2;
+      result = JOB_END_FAILED;
   }
-  if (std::fclose(job.out) != 0 && result == 0) result = 2;
+  if (std::fclose(job.out) != 0 && result == JOB_END_DONE) result = JOB_END_FAILED;
   job.out = nullptr;
   tools::close_wave_input();
-  if (result == 2 || (result == 1 && !options.leave)) std::remove(job.out_path.c_str());
-  state.file_job_cancel.store(1, relaxed);
   job.state = nullptr;
-  if (result == 0) {
+  if (result == JOB_END_DONE) {
     post_message(WINDOW_PROGRESS, MSG_PROGRESS_ENCODE, 0, job.bytes_total);
     post_message(WINDOW_PROGRESS, MSG_PROGRESS_STATUS, 0, 0);
     post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
   }
   return result;
+}
+
+namespace {
+
+int32_t encoder_thread(session::Job& job) { return run_encode_job(*static_cast<EncodeJob*>(job.context), job.cancel); }
+
+}  // namespace
+
+int32_t encoder_start(session::Job& job, EncodeJob& enc, const char* input_path, const char* output_path,
+                      EncoderParams params, int32_t kbps, bool wave_header) {
+  if (job.busy.load(std::memory_order_acquire)) return ENCODE_BUSY;
+  if (session::same_file(input_path, output_path)) return ENCODE_SAME_FILE;
+  session::wait_job(job);  // a finished job's thread still holds the WAVE reader until joined
+  int32_t code = encode_open(enc, input_path, output_path, params, kbps, wave_header);
+  if (code != ENCODE_OK) return code;
+  job.context = &enc;
+  session::start_job(job, encoder_thread, output_path);
+  return ENCODE_OK;
 }
 
 }  // namespace encoder

@@ -1,12 +1,12 @@
 // One encode job: a PCM WAVE file in, an MPEG audio Layer I or II file out, optionally inside a
 // RIFF WAVE file (format tag 80).
 //
-// Threads: encode_open runs on the caller's thread and opens both files; run_encode_job then
-// owns them to the end, on whatever thread runs the job. It reads session::state.file_job_cancel
-// once per frame (a Cancel takes effect at the head of the next frame) and posts
+// Threads: encoder_start runs on the caller's thread, opens both files and starts the job on the
+// job runner (session/job.h); from then on the job's thread owns them. It reads the job's Cancel
+// word once per frame (a Cancel takes effect at the head of the next frame) and posts
 // MSG_PROGRESS_ENCODE (data bytes left, in all) to the progress window every fourth frame and at
-// the end, then MSG_PROGRESS_STATUS (0, 0) and MSG_PROGRESS_END. A cancelled job posts nothing and
-// removes its output unless session::options.leave is set.
+// the end, then MSG_PROGRESS_STATUS (0, 0) and MSG_PROGRESS_END. A cancelled job posts nothing;
+// the runner removes its output unless "Leave" is set, and the output of a failed one.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +14,7 @@
 #include <string>
 
 #include "encoder/encoder.h"
+#include "session/job.h"
 
 namespace encoder {
 
@@ -26,6 +27,8 @@ enum EncodeOpenCode : int32_t {
   ENCODE_NO_DATA = 4,     // no "data" chunk
   ENCODE_EMPTY = 6,       // "data" chunk of length 0
   ENCODE_BAD_PARAMS = 7,  // parameters refused by encoder_init (layer, rate, mode pairing)
+  ENCODE_BUSY = 8,        // the job still runs
+  ENCODE_SAME_FILE = 9,   // the output would overwrite the input
 };
 
 // Size of the RIFF WAVE wrapper written ahead of the stream when asked: "RIFF", "fmt " with the
@@ -44,7 +47,6 @@ struct EncodeJob {
   int64_t bytes_total = 0;  // of the data chunk, for progress
   int64_t frames_written = 0;
   int64_t stream_bytes = 0;
-  int32_t cancelled = 0;
 };
 
 // Opens the input through the WAVE reader, fills the rate and mode of params from it (mono input
@@ -53,10 +55,13 @@ struct EncodeJob {
 // creates the output. On failure nothing stays open and no output is left.
 int32_t encode_open(EncodeJob& job, const char* input_path, const char* output_path, EncoderParams params, int32_t kbps,
                     bool wave_header);
-// The frame loop to the end of input or to a Cancel, then the closing (WAVE header when asked,
-// removal of a cancelled output unless "Leave"). Returns 0 when done, 1 when cancelled, 2 when
-// writing failed (the output is removed).
-int32_t run_encode_job(EncodeJob& job);
+// Opens the job (encode_open) and starts it on the runner with enc as its context; enc must live
+// until the job has ended. Returns an EncodeOpenCode; on anything but ENCODE_OK nothing runs.
+int32_t encoder_start(session::Job& job, EncodeJob& enc, const char* input_path, const char* output_path,
+                      EncoderParams params, int32_t kbps, bool wave_header);
+// The frame loop to the end of input or to cancel, then the closing (the WAVE wrapper when asked).
+// Frees the encoder state and closes both files. Returns a session::JobEnd.
+int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel);
 
 // Fills pcm with the next frame of the input (samples per channel of the job's layer), zero beyond
 // the data. Returns the sample frames taken from the input, 0 at its end.

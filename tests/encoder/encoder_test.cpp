@@ -175,9 +175,9 @@ TEST(Encoder, CodedSignalComesBackThroughOurDecoder) {
 
 // The job: a short input gives one zero-padded frame and the wrapper says so; a Cancel at the
 // first progress message removes the output unless "Leave" is set.
-int32_t cancel_on_progress = 0;
+session::Job* cancel_on_progress = nullptr;
 void sink_message(int32_t, int32_t msg, int64_t, int64_t, bool) {
-  if (msg == session::MSG_PROGRESS_ENCODE && cancel_on_progress) session::state.file_job_cancel.store(1);
+  if (msg == session::MSG_PROGRESS_ENCODE && cancel_on_progress) cancel_on_progress->cancel.store(1);
 }
 
 TEST(EncodeJob, ShortInputWrapperAndCancel) {
@@ -188,34 +188,37 @@ TEST(EncodeJob, ShortInputWrapperAndCancel) {
   session::set_window_open(session::WINDOW_PROGRESS, true);
   std::string shorter = dir.file("short.wav"), longer = dir.file("long.wav"), out = dir.file("o.wav");
   ASSERT_EQ(test::run("sox -q -n -r 32000 -c 2 -b 16 '" + shorter + "' synth 0.01 sine 500"), 0);
-  ASSERT_EQ(test::run("sox -q -n -r 48000 -c 1 -b 16 '" + longer + "' synth 2 sine 500"), 0);
+  ASSERT_EQ(test::run("sox -q -n -r 48000 -c 1 -b 16 '" + longer + "' synth 2 sine 500 vol 0.5"), 0);
 
   EncoderParams p;
-  encoder::EncodeJob job;
-  ASSERT_EQ(encoder::encode_open(job, shorter.c_str(), out.c_str(), p, 0, true), encoder::ENCODE_OK);
-  cancel_on_progress = 0;
-  ASSERT_EQ(encoder::run_encode_job(job), 0);
+  session::Job job;
+  encoder::EncodeJob enc;
+  ASSERT_EQ(encoder::encoder_start(job, enc, shorter.c_str(), out.c_str(), p, 0, true), encoder::ENCODE_OK);
+  session::wait_job(job);
+  EXPECT_EQ(job.end.load(), session::JOB_END_DONE);
   std::vector<uint8_t> bytes = test::read_file(out);
   ASSERT_EQ(bytes.size(), size_t(encoder::MPEG_WAVE_HEADER_BYTES + 864));  // 144 * 192 / 32, no padding
   EXPECT_EQ(std::memcmp(bytes.data() + 72, "data", 4), 0);
   EXPECT_EQ(bytes[20], 80);
   EXPECT_EQ(quiet_stderr("ffmpeg -nostdin -v warning -i '" + out + "' -f null -"), "");
 
+  cancel_on_progress = &job;
   for (int32_t leave = 0; leave <= 1; ++leave) {
     session::options.leave = leave;
-    ASSERT_EQ(encoder::encode_open(job, longer.c_str(), out.c_str(), p, 128, false), encoder::ENCODE_OK);
-    EXPECT_EQ(job.state->stereo, 1);  // a one-channel input is always coded mono
-    cancel_on_progress = 1;
-    EXPECT_EQ(encoder::run_encode_job(job), 1);
-    EXPECT_EQ(job.frames_written, 1);  // the Cancel pressed at frame 0 stops the job at frame 1
+    ASSERT_EQ(encoder::encoder_start(job, enc, longer.c_str(), out.c_str(), p, 128, false), encoder::ENCODE_OK);
+    session::wait_job(job);
+    EXPECT_EQ(job.end.load(), session::JOB_END_CANCELLED);
+    EXPECT_EQ(enc.frames_written, 1);  // the Cancel pressed at frame 0 stops the job at frame 1
     std::FILE* f = std::fopen(out.c_str(), "rb");
     EXPECT_EQ(f != nullptr, leave == 1);
     if (f) std::fclose(f);
   }
+  cancel_on_progress = nullptr;
   session::options.leave = 0;
-  EXPECT_EQ(encoder::encode_open(job, dir.file("none.wav").c_str(), out.c_str(), p, 0, false),
+  EXPECT_EQ(encoder::encoder_start(job, enc, dir.file("none.wav").c_str(), out.c_str(), p, 0, false),
             encoder::ENCODE_NO_INPUT);
-  EXPECT_EQ(encoder::encode_open(job, longer.c_str(), out.c_str(), p, 999, false), encoder::ENCODE_BAD_PARAMS);
+  EXPECT_EQ(encoder::encoder_start(job, enc, longer.c_str(), out.c_str(), p, 999, false), encoder::ENCODE_BAD_PARAMS);
+  EXPECT_EQ(encoder::encoder_start(job, enc, longer.c_str(), longer.c_str(), p, 0, false), encoder::ENCODE_SAME_FILE);
   session::set_window_open(session::WINDOW_PROGRESS, false);
   session::set_sink({});
 }
