@@ -88,54 +88,14 @@ int32_t bits_for_nonoise_l2(const EncoderState& s, const Frame& f) {
   return req;
 }
 
-// Greedy allocation: give a step to the (channel, subband) whose noise lies highest above its
-// mask, until nothing more fits. Layer I looks only at entries within 1 dB of subband 0's ratio.
-void allocation_l1(const EncoderState& s, Frame& f, int32_t& adb) {
-  adb -= 32 + (s.params.error_protection ? 16 : 0) + 4 * (s.jsbound * s.stereo + 32 - s.jsbound);
-  double mnr[2][32];
-  int32_t used[2][32] = {};
-  for (int32_t ch = 0; ch < s.stereo; ++ch)
-    for (int32_t sb = 0; sb < 32; ++sb) {
-      mnr[ch][sb] = -f.smr[ch][sb];
-      f.alloc[ch][sb] = 0;
-    }
-  int32_t spent = 0;
-  for (;;) {
-    double small = mnr[0][0] + 1.0;
-    int32_t min_ch = -1, min_sb = -1;
-    for (int32_t sb = 0; sb < 32; ++sb)
-      for (int32_t ch = 0; ch < s.stereo; ++ch)
-        if (used[ch][sb] != 2 && mnr[ch][sb] < small) {
-          small = mnr[ch][sb];
-          min_ch = ch;
-          min_sb = sb;
-        }
-    if (min_ch < 0) break;
-    const bool joint = s.stereo == 2 && min_sb >= s.jsbound;
-    const int32_t ba = f.alloc[min_ch][min_sb];
-    int32_t cost = ba == 0 ? 24 + 6 * (joint ? 2 : 1) : 12;
-    if (spent + cost <= adb) {
-      spent += cost;
-      f.alloc[min_ch][min_sb] = ba + 1;
-      used[min_ch][min_sb] = ba + 1 >= 14 ? 2 : 1;
-      mnr[min_ch][min_sb] = SNR_L1[ba + 1] - f.smr[min_ch][min_sb];
-    } else {
-      used[min_ch][min_sb] = 2;
-    }
-    if (joint) {
-      int32_t o = 1 - min_ch;
-      f.alloc[o][min_sb] = f.alloc[min_ch][min_sb];
-      used[o][min_sb] = used[min_ch][min_sb];
-      mnr[o][min_sb] = SNR_L1[f.alloc[o][min_sb]] - f.smr[o][min_sb];
-    }
-  }
-  adb -= spent;
-}
-
-void allocation_l2(const EncoderState& s, Frame& f, int32_t& adb) {
-  const AllocTable& t = ALLOC_TABLES[s.table];
-  adb -= 32 + (s.params.error_protection ? 16 : 0);
-  for (int32_t sb = 0; sb < s.sblimit; ++sb) adb -= t.sb[sb].nbal * (sb < s.jsbound ? s.stereo : 1);
+// Greedy allocation, one loop for both layers: give a step to the (channel, subband) whose noise
+// lies highest above its mask until nothing more fits; above jsbound both channels share the
+// allocation. cost(ch, sb, ba) is the bits of going from ba to ba + 1, top(sb) the highest
+// allocation, snr(sb, ba) its signal to noise. Layer I only looks at entries within 1 dB of
+// subband 0's ratio: when all the rest lie higher, it stops early, leaving bits unused.
+template <typename Cost, typename Top, typename Snr>
+void allocate(const EncoderState& s, Frame& f, int32_t& adb, int32_t bands, Cost cost, Top top, Snr snr) {
+  const bool l1 = s.params.layer == 1;
   double mnr[2][32];
   int32_t used[2][32] = {};
   for (int32_t ch = 0; ch < 2; ++ch)
@@ -145,9 +105,9 @@ void allocation_l2(const EncoderState& s, Frame& f, int32_t& adb) {
     }
   int32_t spent = 0;
   for (;;) {
-    double small = 999999.0;
+    double small = l1 ? mnr[0][0] + 1.0 : 999999.0;
     int32_t min_ch = -1, min_sb = -1;
-    for (int32_t sb = 0; sb < s.sblimit; ++sb)
+    for (int32_t sb = 0; sb < bands; ++sb)
       for (int32_t ch = 0; ch < s.stereo; ++ch)
         if (used[ch][sb] != 2 && mnr[ch][sb] < small) {
           small = mnr[ch][sb];
@@ -155,31 +115,55 @@ void allocation_l2(const EncoderState& s, Frame& f, int32_t& adb) {
           min_sb = sb;
         }
     if (min_ch < 0) break;
-    const bool joint = s.stereo == 2 && min_sb >= s.jsbound;
     const int32_t ba = f.alloc[min_ch][min_sb];
-    int32_t cost = l2_sample_bits(t, min_sb, ba + 1) - l2_sample_bits(t, min_sb, ba);
-    if (ba == 0) {
-      if (joint)
-        cost += 4 + 6 * (SFS_PER_SCFSI[f.scfsi[0][min_sb]] + SFS_PER_SCFSI[f.scfsi[1][min_sb]]);
-      else
-        cost += 2 + 6 * SFS_PER_SCFSI[f.scfsi[min_ch][min_sb]];
-    }
-    if (spent + cost <= adb) {
-      spent += cost;
+    const int32_t bits = cost(min_ch, min_sb, ba);
+    if (spent + bits <= adb) {
+      spent += bits;
       f.alloc[min_ch][min_sb] = ba + 1;
-      used[min_ch][min_sb] = ba + 1 >= (1 << t.sb[min_sb].nbal) - 1 ? 2 : 1;
-      mnr[min_ch][min_sb] = SNR_L2[t.sb[min_sb].cls[ba + 1] + 1] - f.smr[min_ch][min_sb];
+      used[min_ch][min_sb] = ba + 1 >= top(min_sb) ? 2 : 1;
+      mnr[min_ch][min_sb] = snr(min_sb, ba + 1) - f.smr[min_ch][min_sb];
     } else {
       used[min_ch][min_sb] = 2;
     }
-    if (joint) {
-      int32_t o = 1 - min_ch;
+    if (s.stereo == 2 && min_sb >= s.jsbound) {
+      const int32_t o = 1 - min_ch;
       f.alloc[o][min_sb] = f.alloc[min_ch][min_sb];
       used[o][min_sb] = used[min_ch][min_sb];
-      mnr[o][min_sb] = SNR_L2[t.sb[min_sb].cls[f.alloc[o][min_sb]] + 1] - f.smr[o][min_sb];
+      mnr[o][min_sb] = snr(min_sb, f.alloc[o][min_sb]) - f.smr[o][min_sb];
     }
   }
   adb -= spent;
+}
+
+void allocation_l1(const EncoderState& s, Frame& f, int32_t& adb) {
+  adb -= 32 + (s.params.error_protection ? 16 : 0) + 4 * (s.jsbound * s.stereo + 32 - s.jsbound);
+  // A first step costs 12 samples of 2 bits and the scale factor(s); each later one a bit a sample.
+  auto cost = [&](int32_t, int32_t sb, int32_t ba) {
+    return ba == 0 ? 24 + 6 * (s.stereo == 2 && sb >= s.jsbound ? 2 : 1) : 12;
+  };
+  allocate(
+      s, f, adb, 32, cost, [](int32_t) { return 14; }, [](int32_t, int32_t ba) { return SNR_L1[ba]; });
+}
+
+void allocation_l2(const EncoderState& s, Frame& f, int32_t& adb) {
+  const AllocTable& t = ALLOC_TABLES[s.table];
+  adb -= 32 + (s.params.error_protection ? 16 : 0);
+  for (int32_t sb = 0; sb < s.sblimit; ++sb) adb -= t.sb[sb].nbal * (sb < s.jsbound ? s.stereo : 1);
+  // Sample bits of the new step less the old; a first step adds the selection information and the
+  // scale factors it selects, of both channels in the joint part.
+  auto cost = [&](int32_t ch, int32_t sb, int32_t ba) {
+    int32_t bits = l2_sample_bits(t, sb, ba + 1) - l2_sample_bits(t, sb, ba);
+    if (ba == 0) {
+      if (s.stereo == 2 && sb >= s.jsbound)
+        bits += 4 + 6 * (SFS_PER_SCFSI[f.scfsi[0][sb]] + SFS_PER_SCFSI[f.scfsi[1][sb]]);
+      else
+        bits += 2 + 6 * SFS_PER_SCFSI[f.scfsi[ch][sb]];
+    }
+    return bits;
+  };
+  allocate(
+      s, f, adb, s.sblimit, cost, [&](int32_t sb) { return (1 << t.sb[sb].nbal) - 1; },
+      [&](int32_t sb, int32_t ba) { return SNR_L2[t.sb[sb].cls[ba] + 1]; });
 }
 
 // Quantises a sample already divided by its scale factor (|x| <= 1 up to rounding) to a code of
