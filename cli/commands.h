@@ -8,6 +8,7 @@ int cmd_decode(int argc, char** argv);
 int cmd_settings(int argc, char** argv);
 int cmd_resample(int argc, char** argv);
 int cmd_split(int argc, char** argv);
+int cmd_encode(int argc, char** argv);
 int cmd_play(int argc, char** argv);
 int cmd_tag(int argc, char** argv);
 

@@ -22,6 +22,8 @@ constexpr Command commands[] = {
     {"settings", cli::cmd_settings, "settings [--file PATH] [--save]   effective settings"},
     {"resample", cli::cmd_resample,
      "resample IN OUT --rate HZ [--bits 8|16] [--channels 1|2] [--quality Q]   WAVE to WAVE"},
+    {"encode", cli::cmd_encode,
+     "encode IN.wav OUT [--layer 1|2] [--bitrate KBPS] [--mode stereo|joint|mono] [--model 1|2] ...   WAVE to MPEG"},
     {"split", cli::cmd_split, "split IN OUT                 audio of an MPEG-1 system stream"},
     {"tag", cli::cmd_tag, "tag FILE [--title T ...|--delete|--show]   the ID3v1 tag at the file's end"},
 };

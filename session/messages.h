@@ -27,6 +27,7 @@ enum MessageId : int32_t {
   MSG_SPLIT_END = 1049,             // result code, bytes read
   MSG_RESAMPLE_PROGRESS = 1050,     // frames done, frames in all
   MSG_PROGRESS_STATUS = 1051,       // result code of the resampler (0 for success); the encoder clears with 0
+  MSG_PROGRESS_ENCODE = 1052,       // data bytes left, data bytes in all
   MSG_PROGRESS_NEXT = 1053,         // 0, 0
   MSG_BATCH_JOB_STATE = 1057,       // state, job index
   MSG_BATCH_RESAMPLE_STATE = 1061,  // state as batch_job_state (0 meaning resampling), entry index

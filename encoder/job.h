@@ -1,0 +1,73 @@
+// One encode job: a PCM WAVE file in, an MPEG audio Layer I or II file out, optionally inside a
+// RIFF WAVE file (format tag 80).
+//
+// Threads: encoder_start runs on the caller's thread, opens both files and starts the job on the
+// job runner (session/job.h); from then on the job's thread owns them. It reads the job's Cancel
+// word once per frame (a Cancel takes effect at the head of the next frame) and posts
+// MSG_PROGRESS_ENCODE (data bytes left, in all) to the progress window every fourth frame and at
+// the end, then MSG_PROGRESS_STATUS (0, 0) and MSG_PROGRESS_END. A cancelled job posts nothing;
+// the runner removes its output unless "Leave" is set, and the output of a failed one.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "encoder/encoder.h"
+#include "session/job.h"
+
+namespace encoder {
+
+// encode_open results; the front end words them.
+enum EncodeOpenCode : int32_t {
+  ENCODE_OK = 0,
+  ENCODE_NO_INPUT = 1,    // input cannot be opened
+  ENCODE_NO_OUTPUT = 2,   // output cannot be created
+  ENCODE_NOT_WAVE = 3,    // not a WAVE file, or a sample format, rate or channel count the encoder can't take
+  ENCODE_NO_DATA = 4,     // RIFF WAVE, but no usable "data" chunk
+  ENCODE_EMPTY = 6,       // "data" chunk of length 0
+  ENCODE_BAD_PARAMS = 7,  // parameters refused by encoder_init (layer, rate, mode pairing)
+  ENCODE_BUSY = 8,        // the job still runs
+  ENCODE_SAME_FILE = 9,   // the output would overwrite the input
+};
+
+// Size of the RIFF WAVE wrapper written ahead of the stream when asked: "RIFF", "fmt " with the
+// 40-byte MPEG-1 wave format (22 bytes beyond the common 18), "fact" and the "data" head.
+constexpr int32_t MPEG_WAVE_HEADER_BYTES = 80;
+
+struct EncodeJob {
+  EncoderState* state = nullptr;  // allocated by encode_open, freed by run_encode_job
+  std::FILE* out = nullptr;
+  std::string out_path;
+  bool wave_header = false;
+  bool downmix = false;      // a two-channel input coded as mono
+  int32_t channels = 0;      // of the input
+  int64_t frames_total = 0;  // sample frames in the input
+  int64_t frames_read = 0;
+  int64_t bytes_total = 0;  // of the data chunk, for progress
+  int64_t frames_written = 0;
+  int64_t stream_bytes = 0;
+};
+
+// Opens the input through the WAVE reader, fills the rate and mode of params from it (mono input
+// is always mode 3; mode 3 for a stereo input mixes both channels down) and the bit rate index
+// from kbps (0: 192 kbit/s at 32-48 kHz, 96 at 16-24 kHz), checks them with encoder_init and
+// creates the output. On failure nothing stays open and no output is left.
+int32_t encode_open(EncodeJob& job, const char* input_path, const char* output_path, EncoderParams params, int32_t kbps,
+                    bool wave_header);
+// Opens the job (encode_open) and starts it on the runner with enc as its context; enc must live
+// until the job has ended. Returns an EncodeOpenCode; on anything but ENCODE_OK nothing runs.
+int32_t encoder_start(session::Job& job, EncodeJob& enc, const char* input_path, const char* output_path,
+                      EncoderParams params, int32_t kbps, bool wave_header);
+// The frame loop to the end of input or to cancel, then the closing (the WAVE wrapper when asked).
+// Frees the encoder state and closes both files. Returns a session::JobEnd.
+int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel);
+
+// Fills pcm with the next frame of the input (samples per channel of the job's layer), zero beyond
+// the data. Returns the sample frames taken from the input, 0 at its end.
+int32_t read_pcm_frame(EncodeJob& job, int16_t (*pcm)[FRAME_SAMPLES_L2]);
+
+// Fills the wrapper of MPEG_WAVE_HEADER_BYTES for a stream of stream_bytes and frames frames.
+void make_mpeg_wave_header(uint8_t* header, const EncoderState& s, int64_t stream_bytes, int64_t frames);
+
+}  // namespace encoder
