@@ -26,8 +26,8 @@ constexpr int32_t MAX_QUANT = 8191 + 15;  // largest magnitude a Huffman table w
 
 struct Tables {
   float win[4][36];     // windows of block types 0 to 3 (type 2 uses the first 12)
-  float cos_l[18][36];  // long MDCT, with the 1/9 that makes the decoder's inverse exact
-  float cos_s[6][12];   // short MDCT, with 1/3
+  float cos_l[36][18];  // long MDCT [input][line], with the 1/9 that makes the inverse exact
+  float cos_s[12][6];   // short MDCT [input][line], with 1/3
   float cs[8], ca[8];   // alias butterflies
   float pow43[MAX_QUANT + 1];
   float step[256];    // 2^(g/4) for g = index - 210: the quantiser's step
@@ -50,9 +50,9 @@ Tables make_tables() {
     t.win[2][i] = i < 12 ? float(std::sin(M_PI / 12 * (i + 0.5))) : 0.0f;
   }
   for (int32_t k = 0; k < 18; ++k)
-    for (int32_t n = 0; n < 36; ++n) t.cos_l[k][n] = float(std::cos(M_PI / 72 * (2 * n + 19) * (2 * k + 1)) / 9.0);
+    for (int32_t n = 0; n < 36; ++n) t.cos_l[n][k] = float(std::cos(M_PI / 72 * (2 * n + 19) * (2 * k + 1)) / 9.0);
   for (int32_t k = 0; k < 6; ++k)
-    for (int32_t n = 0; n < 12; ++n) t.cos_s[k][n] = float(std::cos(M_PI / 24 * (2 * n + 7) * (2 * k + 1)) / 3.0);
+    for (int32_t n = 0; n < 12; ++n) t.cos_s[n][k] = float(std::cos(M_PI / 24 * (2 * n + 7) * (2 * k + 1)) / 3.0);
   static constexpr double CI[8] = {-0.6, -0.535, -0.33, -0.185, -0.095, -0.041, -0.0142, -0.0037};
   for (int32_t i = 0; i < 8; ++i) {
     double sq = std::sqrt(1.0 + CI[i] * CI[i]);
@@ -318,19 +318,17 @@ int32_t scale_bits(Granule& g, bool mpeg1, bool short_block) {
 
 // Quantises every band with the global gain and its scale factor; false when a magnitude is too
 // large to code.
-bool quantise(Granule& g, const float* xr34, const Bands& bands, int32_t sf_shift) {
+bool quantise(Granule& g, const float* xr34, const Bands& bands, const float* band_max, int32_t sf_shift) {
   const Tables& t = tables();
   const float base = t.step34[g.global_gain];
   for (int32_t b = 0; b < bands.count; ++b) {
     int32_t sf = bands.win[b] < 0 ? g.sf_l[bands.sfb[b]] : g.sf_s[bands.sfb[b]][bands.win[b]];
     // A scale factor lowers the step by 2^(-sf/2) (or 2^-sf), so the 3/4 power rises by
     // 2^(3 sf/8) (or 2^(3 sf/4)): an exact table index away.
-    float step = sf ? base * t.step34[210 - (sf << sf_shift)] * t.step34[210] : base;
-    for (int32_t i = bands.start[b]; i < bands.end[b]; ++i) {
-      float v = xr34[i] * step;
-      if (v > float(MAX_QUANT)) return false;
-      g.ix[i] = int32_t(v + 0.4054f);
-    }
+    const float step = sf ? base * t.step34[210 - (sf << sf_shift)] : base;
+    if (band_max[b] * step > float(MAX_QUANT)) return false;
+    int32_t* ix = g.ix;
+    for (int32_t i = bands.start[b]; i < bands.end[b]; ++i) ix[i] = int32_t(xr34[i] * step + 0.4054f);
   }
   return true;
 }
@@ -359,21 +357,21 @@ void noise(const Granule& g, const float* xr, const Bands& bands, const double* 
 }
 
 // Finds the smallest global gain whose bits fit the budget, searching up from `from`.
-int32_t fit_gain(Granule& g, const float* xr34, const Bands& bands, int32_t sf_shift, int32_t budget,
-                 const int32_t* long_start, int32_t low) {
+int32_t fit_gain(Granule& g, const float* xr34, const Bands& bands, const float* band_max, int32_t sf_shift,
+                 int32_t budget, const int32_t* long_start, int32_t low) {
   int32_t lo = low, hi = 255;
   // Bisection over [lo, hi]: bits fall as the gain rises.
   while (lo < hi) {
     int32_t mid = (lo + hi) >> 1;
     g.global_gain = mid;
-    bool ok = quantise(g, xr34, bands, sf_shift) && count_bits(g, long_start) <= budget;
+    bool ok = quantise(g, xr34, bands, band_max, sf_shift) && count_bits(g, long_start) <= budget;
     if (ok)
       hi = mid;
     else
       lo = mid + 1;
   }
   g.global_gain = lo;
-  quantise(g, xr34, bands, sf_shift);
+  quantise(g, xr34, bands, band_max, sf_shift);
   return count_bits(g, long_start);
 }
 
@@ -393,6 +391,11 @@ void code_granule(Granule& g, const float* xr, const Bands& bands, const double*
     xr34[i] = std::sqrt(a * std::sqrt(a));
     any = any || a > 0.0f;
   }
+  float band_max[40];
+  for (int32_t b = 0; b < bands.count; ++b) {
+    band_max[b] = 0.0f;
+    for (int32_t i = bands.start[b]; i < bands.end[b]; ++i) band_max[b] = std::max(band_max[b], xr34[i]);
+  }
   if (!any || max_bits <= g.part2) {
     g.part2_3 = 0;
     count_bits(g, long_start);
@@ -409,7 +412,7 @@ void code_granule(Granule& g, const float* xr, const Bands& bands, const double*
   for (int32_t pass = 0; pass < 24; ++pass) {
     int32_t part2 = scale_bits(g, mpeg1, short_block);
     if (part2 < 0) break;
-    int32_t huff = fit_gain(g, xr34, bands, sf_shift, max_bits - part2, long_start, low);
+    int32_t huff = fit_gain(g, xr34, bands, band_max, sf_shift, max_bits - part2, long_start, low);
     if (huff > max_bits - part2) break;
     g.part2 = part2;
     g.part2_3 = part2 + huff;
@@ -449,21 +452,20 @@ void mdct_subband(const float* z, int32_t block_type, float* out) {
   if (block_type != BLOCK_SHORT) {
     float x[36];
     for (int32_t n = 0; n < 36; ++n) x[n] = z[n] * t.win[block_type][n];
-    for (int32_t k = 0; k < 18; ++k) {
-      float sum = 0.0f;
-      for (int32_t n = 0; n < 36; ++n) sum += x[n] * t.cos_l[k][n];
-      out[k] = sum;
-    }
+    // Each line's sum runs over n in order; the loop over lines is the one that vectorises.
+    float sum[18] = {};
+    for (int32_t n = 0; n < 36; ++n)
+      for (int32_t k = 0; k < 18; ++k) sum[k] += x[n] * t.cos_l[n][k];
+    std::memcpy(out, sum, sizeof sum);
     return;
   }
   for (int32_t w = 0; w < 3; ++w) {
     float x[12];
     for (int32_t n = 0; n < 12; ++n) x[n] = z[6 + 6 * w + n] * t.win[2][n];
-    for (int32_t k = 0; k < 6; ++k) {
-      float sum = 0.0f;
-      for (int32_t n = 0; n < 12; ++n) sum += x[n] * t.cos_s[k][n];
-      out[3 * k + w] = sum;
-    }
+    float sum[6] = {};
+    for (int32_t n = 0; n < 12; ++n)
+      for (int32_t k = 0; k < 6; ++k) sum[k] += x[n] * t.cos_s[n][k];
+    for (int32_t k = 0; k < 6; ++k) out[3 * k + w] = sum[k];
   }
 }
 

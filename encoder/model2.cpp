@@ -188,7 +188,8 @@ void model2_l3(Model2State& m, Layer3State& l3, const int16_t* pcm, int32_t ch, 
   double thr_line[513];
   pe = 0.0;
   double tb = 0.0;
-  for (int32_t b = 0; b < m.partitions; ++b) {
+  int32_t first = 0;  // first line of partition b
+  for (int32_t b = 0; b < m.partitions; first += m.numlines[b], ++b) {
     double ecb = 0.0, ct = 0.0;
     for (int32_t j = m.spread_low[b]; j <= m.spread_high[b]; ++j) {
       ecb += m.spread[b][j] * eb[j];
@@ -209,8 +210,6 @@ void model2_l3(Model2State& m, Layer3State& l3, const int16_t* pcm, int32_t ch, 
     double thr = std::fmin(nb, std::fmin(2.0 * l3.nb1[ch][b], 16.0 * l3.nb2[ch][b]));
     l3.nb2[ch][b] = l3.nb1[ch][b];
     l3.nb1[ch][b] = nb;
-    int32_t first = 0;
-    while (m.partition_of[first] != b) ++first;
     double quiet = 0.0;
     for (int32_t i = first; i < first + m.numlines[b]; ++i) quiet += m.absthr[i];
     thr = std::fmax(thr, quiet);
