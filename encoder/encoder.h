@@ -81,6 +81,7 @@ struct Layer3State {
   double nb1[2][63];
   double nb2[2][63];
   int32_t blocktype_old[2];
+  int32_t last_gain[2];  // where the next granule's gain search starts
   float sb_prev[2][18][32];
   int32_t line_cutoff;
   int32_t resv_bits;  // reservoir the next frame may use, in bits

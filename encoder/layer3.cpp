@@ -356,16 +356,43 @@ void noise(const Granule& g, const float* xr, const Bands& bands, const double* 
   }
 }
 
-// Finds the smallest global gain whose bits fit the budget, searching up from `from`.
+// Finds the smallest global gain at or above `low` whose bits fit the budget (bits fall as the
+// gain rises). The search starts at `hint`, steps outward by doubling distances until the answer is
+// bracketed, then bisects: near a good hint that is a handful of quantisations instead of eight.
 int32_t fit_gain(Granule& g, const float* xr34, const Bands& bands, const float* band_max, int32_t sf_shift,
-                 int32_t budget, const int32_t* long_start, int32_t low) {
+                 int32_t budget, const int32_t* long_start, int32_t low, int32_t hint) {
+  auto fits = [&](int32_t gain) {
+    g.global_gain = gain;
+    return quantise(g, xr34, bands, band_max, sf_shift) && count_bits(g, long_start) <= budget;
+  };
   int32_t lo = low, hi = 255;
-  // Bisection over [lo, hi]: bits fall as the gain rises.
+  if (hint >= low && hint < 255) {
+    int32_t step = 1;
+    if (fits(hint)) {
+      hi = hint;
+      while (hi - step >= lo) {
+        if (!fits(hi - step)) {
+          lo = hi - step + 1;
+          break;
+        }
+        hi -= step;
+        step *= 2;
+      }
+    } else {
+      lo = hint + 1;
+      while (lo + step < hi) {
+        if (fits(lo + step)) {
+          hi = lo + step;
+          break;
+        }
+        lo += step + 1;
+        step *= 2;
+      }
+    }
+  }
   while (lo < hi) {
     int32_t mid = (lo + hi) >> 1;
-    g.global_gain = mid;
-    bool ok = quantise(g, xr34, bands, band_max, sf_shift) && count_bits(g, long_start) <= budget;
-    if (ok)
+    if (fits(mid))
       hi = mid;
     else
       lo = mid + 1;
@@ -377,7 +404,7 @@ int32_t fit_gain(Granule& g, const float* xr34, const Bands& bands, const float*
 
 // The loops for one granule and channel: xr in stream order, xmin the allowed noise per band.
 void code_granule(Granule& g, const float* xr, const Bands& bands, const double* xmin, int32_t max_bits, bool mpeg1,
-                  const int32_t* long_start) {
+                  const int32_t* long_start, int32_t hint) {
   const bool short_block = g.block_type == BLOCK_SHORT;
   std::memset(g.ix, 0, sizeof g.ix);
   std::memset(g.sf_l, 0, sizeof g.sf_l);
@@ -412,7 +439,7 @@ void code_granule(Granule& g, const float* xr, const Bands& bands, const double*
   for (int32_t pass = 0; pass < 24; ++pass) {
     int32_t part2 = scale_bits(g, mpeg1, short_block);
     if (part2 < 0) break;
-    int32_t huff = fit_gain(g, xr34, bands, band_max, sf_shift, max_bits - part2, long_start, low);
+    int32_t huff = fit_gain(g, xr34, bands, band_max, sf_shift, max_bits - part2, long_start, low, hint);
     if (huff > max_bits - part2) break;
     g.part2 = part2;
     g.part2_3 = part2 + huff;
@@ -439,7 +466,7 @@ void code_granule(Granule& g, const float* xr, const Bands& bands, const double*
       all = all && sf > 0;
     }
     if (!any_up || all) break;
-    low = g.global_gain;  // raising factors raises the bits: the gain only goes up from here
+    low = hint = g.global_gain;  // raising factors raises the bits: the gain only goes up from here
   }
   g = best;
 }
@@ -591,6 +618,7 @@ void layer3_init(EncoderState& s) {
   for (int32_t ch = 0; ch < 2; ++ch)
     for (int32_t b = 0; b < 63; ++b) l3.nb1[ch][b] = l3.nb2[ch][b] = 1e30;
   const int32_t index = s.params.bit_rate_index < 4 ? 4 : s.params.bit_rate_index > 10 ? 10 : s.params.bit_rate_index;
+  l3.last_gain[0] = l3.last_gain[1] = 180;
   l3.line_cutoff = CUTOFF[(s.params.mpeg1 ? 2 : 0) + (s.stereo == 2 ? 1 : 0)][index - 4];
   if (s.params.mode == 1) l3.line_cutoff = std::min(576, l3.line_cutoff + 18);
   // The decoder's buffer holds 7680 bits; main_data_begin has 9 bits (8 at the low rates).
@@ -709,7 +737,8 @@ int32_t encode_frame_l3(EncoderState& s, const int16_t (*pcm)[FRAME_SAMPLES_L2],
       const int32_t over = resv - l3.resv_max * 4 / 5 - add;
       if (over > 0) add += over;
       const int32_t max_bits = std::min(4095, mean + std::min(add, resv));
-      code_granule(g, xr[gr][ch], bands, xmin, max_bits, mpeg1, long_start);
+      code_granule(g, xr[gr][ch], bands, xmin, max_bits, mpeg1, long_start, l3.last_gain[ch]);
+      if (g.part2_3 > 0) l3.last_gain[ch] = g.global_gain;
       resv += mean - g.part2_3;
     }
   }
