@@ -25,16 +25,17 @@ void analysis_init(EncoderState& s) {
   }
 }
 
-void analyse_slot(EncoderState& s, int32_t ch, const int16_t* pcm, float* out) {
-  float* ring = s.analysis_ring[ch];
-  int32_t off = s.ring_offset[ch];
-  // The newest sample goes lowest: the window reads ring[off .. off + 511] newest first.
-  for (int32_t i = 0; i < 32; ++i) {
-    float v = float(pcm[i]) * 3.0517578e-5f;
-    ring[off + 31 - i] = v;
-    ring[off + 31 - i + 512] = v;
-  }
-  const float* x = ring + off;
+// The window and matrix run in wider vectors where the processor has them; every output is the
+// same sum in the same order on every path, so the bytes out do not depend on the processor.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+#define TOVRA_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define TOVRA_VECTOR_CLONES
+#endif
+
+namespace {
+
+TOVRA_VECTOR_CLONES void window_and_matrix(const float* x, const float (*matrix)[32], float* out) {
   double y[64];
   for (int32_t j = 0; j < 64; ++j) y[j] = 0.0;
   for (int32_t i = 0; i < 8; ++i)
@@ -46,26 +47,41 @@ void analyse_slot(EncoderState& s, int32_t ch, const int16_t* pcm, float* out) {
   double acc[32];
   for (int32_t i = 0; i < 32; ++i) acc[i] = 0.0;
   for (int32_t j = 0; j < 32; ++j) {
-    const float* m = s.matrix[j];
+    const float* m = matrix[j];
     for (int32_t i = 0; i < 32; ++i) acc[i] += double(m[i] * v[j]);
   }
   for (int32_t i = 0; i < 32; ++i) out[i] = float(acc[i]);
+}
+
+}  // namespace
+
+void analyse_slot(EncoderState& s, int32_t ch, const int16_t* pcm, float* out) {
+  float* ring = s.analysis_ring[ch];
+  const int32_t off = s.ring_offset[ch];
+  // The newest sample goes lowest: the window reads ring[off .. off + 511] newest first.
+  for (int32_t i = 0; i < 32; ++i) {
+    const float v = float(pcm[i]) * 3.0517578e-5f;
+    ring[off + 31 - i] = v;
+    ring[off + 31 - i + 512] = v;
+  }
+  window_and_matrix(ring + off, s.matrix, out);
   s.ring_offset[ch] = (off + 480) & 511;
 }
 
 void scale_factors(const float (*sb)[12][32], int32_t groups, int32_t sblimit, int32_t layer, int32_t (*index)[32]) {
   for (int32_t g = 0; g < groups; ++g) {
+    float peaks[32] = {};
+    for (int32_t t = 0; t < 12; ++t)
+      for (int32_t b = 0; b < 32; ++b) {
+        const float v = sb[g][t][b] < 0 ? -sb[g][t][b] : sb[g][t][b];
+        peaks[b] = v > peaks[b] ? v : peaks[b];
+      }
     for (int32_t b = 0; b < 32; ++b) {
       if (b >= sblimit) {
         index[g][b] = 63;
         continue;
       }
-      float peak_f = 0.0f;
-      for (int32_t t = 0; t < 12; ++t) {
-        const float v = sb[g][t][b] < 0 ? -sb[g][t][b] : sb[g][t][b];
-        peak_f = v > peak_f ? v : peak_f;
-      }
-      const double peak = peak_f;
+      const double peak = peaks[b];
       // multiple[] falls with the index: find the largest index whose entry is above the peak
       // (Layer II: at or above it), 0 when none is.
       int32_t lo = 0, hi = 62;  // the answer lies in [lo, hi]

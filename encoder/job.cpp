@@ -82,10 +82,15 @@ int32_t encode_open(EncodeJob& job, const char* input_path, const char* output_p
   uint32_t data_size = 0;
   std::FILE* probe = std::fopen(input_path, "rb");
   if (!probe) return ENCODE_NO_INPUT;
+  uint8_t head[12] = {};
+  const bool riff_wave = std::fread(head, 1, 12, probe) == 12 && std::memcmp(head, "RIFF", 4) == 0 &&
+                         std::memcmp(head + 8, "WAVE", 4) == 0;
   std::fclose(probe);
   int32_t code = tools::open_wave_input(input_path, rate, bits, channels, data_size);
-  if (code == tools::WAVE_NO_DATA) return ENCODE_NO_DATA;
   if (code == tools::WAVE_READ_ERROR) return ENCODE_NO_INPUT;
+  // A RIFF WAVE file the reader can't use (no "data" chunk, chunks that run off) is an invalid
+  // WAVE file rather than no WAVE file at all.
+  if (code == tools::WAVE_NO_DATA || (code != tools::WAVE_OK && riff_wave)) return ENCODE_NO_DATA;
   if (code != tools::WAVE_OK) return ENCODE_NOT_WAVE;
   auto fail = [&](int32_t result) {
     tools::close_wave_input();

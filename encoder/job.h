@@ -24,7 +24,7 @@ enum EncodeOpenCode : int32_t {
   ENCODE_NO_INPUT = 1,    // input cannot be opened
   ENCODE_NO_OUTPUT = 2,   // output cannot be created
   ENCODE_NOT_WAVE = 3,    // not a WAVE file, or a sample format, rate or channel count the encoder can't take
-  ENCODE_NO_DATA = 4,     // no "data" chunk
+  ENCODE_NO_DATA = 4,     // RIFF WAVE, but no usable "data" chunk
   ENCODE_EMPTY = 6,       // "data" chunk of length 0
   ENCODE_BAD_PARAMS = 7,  // parameters refused by encoder_init (layer, rate, mode pairing)
   ENCODE_BUSY = 8,        // the job still runs

@@ -91,9 +91,11 @@ void model1(EncoderState& s, const int16_t* const* pcm, const double (*max_scale
     // 1-2. Ring, window.
     double* ring = m.ring[ch];
     int32_t pos = m.write_pos[ch];
-    for (int32_t i = 0; i < count; ++i) ring[(pos + i) % ring_len] = pcm[ch][i] * (1.0 / 32768.0);
+    for (int32_t i = 0, at = pos; i < count; ++i, at = at + 1 == ring_len ? 0 : at + 1)
+      ring[at] = pcm[ch][i] * (1.0 / 32768.0);
     double x[1024], re[513], im[513];
-    for (int32_t i = 0; i < n; ++i) x[i] = ring[(pos + read_offset + i) % ring_len] * m.window[i];
+    for (int32_t i = 0, at = (pos + read_offset) % ring_len; i < n; ++i, at = at + 1 == ring_len ? 0 : at + 1)
+      x[i] = ring[at] * m.window[i];
     m.write_pos[ch] = (pos + count) % ring_len;
     // 3-4. Spectrum in dB.
     real_fft(x, re, im, n);
