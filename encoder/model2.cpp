@@ -108,6 +108,30 @@ void model2_spectrum(Model2State& m, const int16_t* samples, int32_t ch, double*
   }
 }
 
+namespace {
+
+// Energy by partition (eb), and the spread energy and spread unpredictability-weighted energy.
+void model2_partitions(const Model2State& m, const double* energy, const double* cw, double* eb, double* spread_e,
+                       double* spread_c) {
+  double cb[63] = {};
+  for (int32_t b = 0; b < 63; ++b) eb[b] = 0.0;
+  for (int32_t i = 0; i < 513; ++i) {
+    eb[m.partition_of[i]] += energy[i];
+    cb[m.partition_of[i]] += energy[i] * cw[i];
+  }
+  for (int32_t b = 0; b < m.partitions; ++b) {
+    double ecb = 0.0, ct = 0.0;
+    for (int32_t j = m.spread_low[b]; j <= m.spread_high[b]; ++j) {
+      ecb += m.spread[b][j] * eb[j];
+      ct += m.spread[b][j] * cb[j];
+    }
+    spread_e[b] = ecb;
+    spread_c[b] = ct;
+  }
+}
+
+}  // namespace
+
 void model2_l12(Model2State& m, const int16_t* pcm, int32_t ch, int32_t layer, double* smr) {
   const int32_t passes = layer == 1 ? 1 : 2;
   const int32_t flush = layer == 1 ? 384 : 576;
@@ -120,18 +144,11 @@ void model2_l12(Model2State& m, const int16_t* pcm, int32_t ch, int32_t layer, d
     std::memcpy(save + kept, pcm + pass * fresh, size_t(fresh) * sizeof(int16_t));
     double energy[513], cw[513];
     model2_spectrum(m, save, ch, energy, cw);
-    double eb[63] = {}, cb[63] = {};
-    for (int32_t i = 0; i < 513; ++i) {
-      eb[m.partition_of[i]] += energy[i];
-      cb[m.partition_of[i]] += energy[i] * cw[i];
-    }
+    double eb[63], spread_e[63], spread_c[63];
+    model2_partitions(m, energy, cw, eb, spread_e, spread_c);
     double nb[63];
     for (int32_t b = 0; b < m.partitions; ++b) {
-      double ecb = 0.0, ct = 0.0;
-      for (int32_t j = m.spread_low[b]; j <= m.spread_high[b]; ++j) {
-        ecb += m.spread[b][j] * eb[j];
-        ct += m.spread[b][j] * cb[j];
-      }
+      const double ecb = spread_e[b], ct = spread_c[b];
       double c = ecb != 0.0 ? ct / ecb : 0.0;
       c = c < 0.05 ? 0.05 : c > 0.5 ? 0.5 : c;
       double tb = -0.434294482 * std::log(c) - 0.301029996;
@@ -166,10 +183,6 @@ void model2_l12(Model2State& m, const int16_t* pcm, int32_t ch, int32_t layer, d
   }
 }
 
-}  // namespace encoder
-
-namespace encoder {
-
 void model2_l3(Model2State& m, Layer3State& l3, const int16_t* pcm, int32_t ch, const int32_t* long_start,
                const int32_t* short_start, double* ratio_l, double* ratio_s, double& pe) {
   int16_t* save = l3.save[ch];
@@ -177,11 +190,8 @@ void model2_l3(Model2State& m, Layer3State& l3, const int16_t* pcm, int32_t ch, 
   std::memcpy(save + 768, pcm, 576 * sizeof(int16_t));
   double energy[513], cw[513];
   model2_spectrum(m, save, ch, energy, cw);
-  double eb[63] = {}, cb[63] = {};
-  for (int32_t i = 0; i < 513; ++i) {
-    eb[m.partition_of[i]] += energy[i];
-    cb[m.partition_of[i]] += energy[i] * cw[i];
-  }
+  double eb[63], spread_e[63], spread_c[63];
+  model2_partitions(m, energy, cw, eb, spread_e, spread_c);
   // Partition thresholds: tonal parts (low cb) want 29 dB of signal to noise, noise-like ones 6,
   // at least the bark's minimum. Pre-echo control: no more than twice the last granule's
   // threshold, sixteen times the one before.
@@ -190,11 +200,7 @@ void model2_l3(Model2State& m, Layer3State& l3, const int16_t* pcm, int32_t ch, 
   double tb = 0.0;
   int32_t first = 0;  // first line of partition b
   for (int32_t b = 0; b < m.partitions; first += m.numlines[b], ++b) {
-    double ecb = 0.0, ct = 0.0;
-    for (int32_t j = m.spread_low[b]; j <= m.spread_high[b]; ++j) {
-      ecb += m.spread[b][j] * eb[j];
-      ct += m.spread[b][j] * cb[j];
-    }
+    const double ecb = spread_e[b], ct = spread_c[b];
     int32_t bi = int32_t(m.bval[b] + 0.5);
     const double snr_min = BMAX[bi < 26 ? bi : 26];
     double snr = snr_min > 6.0 ? snr_min : 6.0;
