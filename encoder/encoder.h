@@ -1,8 +1,9 @@
-// The MPEG audio encoder, Layers I and II (ISO 11172-3, and ISO 13818-3 at 16 to 24 kHz): 16-bit
-// PCM frames in, one frame's bytes out. Everything is a pure function of caller-owned state: the
+// The MPEG audio encoder, Layers I, II and III (ISO 11172-3, and ISO 13818-3 at 16 to 24 kHz):
+// 16-bit PCM frames in, frame bytes out. Everything is a pure function of caller-owned state: the
 // analysis filter bank, psychoacoustic model 1 or 2, scale factors, joint stereo, bit allocation,
-// quantisation and the bitstream. No file I/O, no globals, no messages: the job (encoder/job.h)
-// feeds it and writes what it returns.
+// quantisation and the bitstream; for Layer III the MDCT, block switching, the quantisation loops,
+// Huffman coding and the bit reservoir. No file I/O, no messages, no mutable globals: the job
+// (encoder/job.h) feeds it and writes what it returns.
 //
 // Every frame is exactly as long as its header says, padding included, so that every decoder
 // reads the stream without complaint.
