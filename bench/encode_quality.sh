@@ -1,18 +1,19 @@
 #!/usr/bin/env bash
-# Layer II quality at 192 kbit/s: tovra-cli (models 1 and 2) against twolame on the same inputs.
+# Encoding quality on the same inputs: Layer II at 192 kbit/s, tovra-cli (models 1 and 2) against
+# twolame; Layer III at 128 kbit/s, tovra-cli against LAME.
 #
 # Makes ten seconds each of a sine, a sweep, pink noise and a music-like mix (plucked chords over
 # soft noise) at 44.1 kHz stereo with sox, encodes each with `tovra-cli encode --layer 2 --bitrate
-# 192` and `twolame -b 192`, decodes every stream with mpg123, and prints per input and encoder
-# the SNR and a simple noise-to-mask ratio in dB (encode_quality.py says how they are computed;
-# higher SNR and lower NMR are better).
+# 192`, `twolame -b 192`, `tovra-cli encode --layer 3 --bitrate 128` and `lame -b 128`, decodes
+# every stream with mpg123, and prints per input and encoder the SNR and a simple noise-to-mask
+# ratio in dB (encode_quality.py says how they are computed; higher SNR and lower NMR are better).
 #
 # Usage: bench/encode_quality.sh [path/to/tovra-cli]   (default: build/release/tovra-cli)
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")/.." && pwd)"
 cli="${1:-$here/build/release/tovra-cli}"
-for tool in sox twolame mpg123 python3; do
+for tool in sox twolame lame mpg123 python3; do
   command -v "$tool" >/dev/null || { echo "encode_quality: $tool is not installed" >&2; exit 2; }
 done
 [ -x "$cli" ] || { echo "encode_quality: no tovra-cli at $cli (build the release preset first)" >&2; exit 2; }
@@ -30,12 +31,19 @@ sox -q -n -r 44100 -c 2 -b 16 "$work/music.wav" synth 10 pluck C3 pluck E3 pluck
 printf '%-7s %-13s %8s %8s\n' input encoder snr_db nmr_db
 for input in sine sweep noise music; do
   in="$work/$input.wav"
-  "$cli" encode "$in" "$work/m1.mp2" --layer 2 --bitrate 192 --model 1
-  "$cli" encode "$in" "$work/m2.mp2" --layer 2 --bitrate 192 --model 2
-  twolame --quiet -b 192 "$in" "$work/tl.mp2"
-  for enc in m1 m2 tl; do
-    mpg123 -q -w "$work/$enc.wav" "$work/$enc.mp2"
-    name=$([ $enc = tl ] && echo twolame || echo "tovra-model${enc#m}")
+  "$cli" encode "$in" "$work/m1.mpa" --layer 2 --bitrate 192 --model 1
+  "$cli" encode "$in" "$work/m2.mpa" --layer 2 --bitrate 192 --model 2
+  twolame --quiet -b 192 "$in" "$work/tl.mpa"
+  "$cli" encode "$in" "$work/l3.mpa" --layer 3 --bitrate 128
+  lame --quiet -b 128 "$in" "$work/lame.mpa"
+  for enc in m1 m2 tl l3 lame; do
+    mpg123 -q -w "$work/$enc.wav" "$work/$enc.mpa"
+    case $enc in
+      tl) name=twolame ;;
+      l3) name=tovra-mp3-128 ;;
+      lame) name=lame-128 ;;
+      *) name="tovra-model${enc#m}" ;;
+    esac
     read -r snr nmr _ < <(python3 "$here/bench/encode_quality.py" "$in" "$work/$enc.wav")
     printf '%-7s %-13s %8s %8s\n' "$input" "$name" "$snr" "$nmr"
   done

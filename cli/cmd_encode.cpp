@@ -1,4 +1,4 @@
-// tovra-cli encode IN.wav OUT [options]: the MPEG audio encoder, Layers I and II, from the command
+// tovra-cli encode IN.wav OUT [options]: the MPEG audio encoder, Layers I, II and III, from the command
 // line. The job runs on the job runner with a progress bar; Ctrl+C cancels it like the progress
 // window's Cancel, and the partial output is removed.
 #include <cstdio>
@@ -17,11 +17,12 @@ namespace cli {
 namespace {
 
 constexpr const char* USAGE =
-    "usage: tovra-cli encode IN.wav OUT [--layer 1|2] [--bitrate KBPS] [--mode stereo|joint|mono]\n"
+    "usage: tovra-cli encode IN.wav OUT [--layer 1|2|3] [--bitrate KBPS] [--mode stereo|joint|mono]\n"
     "                        [--model 1|2] [--emphasis none|50/15|ccitt] [--crc] [--private]\n"
     "                        [--copyright] [--original] [--wave-header]\n"
     "  Bit rates (kbit/s): Layer I 32-448 (MPEG-1), 32-256 (16-24 kHz); Layer II 32-384 (MPEG-1),\n"
-    "  8-160 (16-24 kHz). Default: Layer II, 192 kbit/s (MPEG-1) or 96 (16-24 kHz), stereo, model 1.\n";
+    "  8-160 (16-24 kHz); Layer III 32-320 (MPEG-1), 8-160 (16-24 kHz); Layer III always uses model 2.\n"
+    "  Default: Layer II, 192 kbit/s (MPEG-1) or 96 (16-24 kHz), stereo, model 1.\n";
 
 bool on_encode_message(int32_t msg, int64_t wparam, int64_t lparam) {
   if (msg != session::MSG_PROGRESS_ENCODE) return false;
@@ -55,8 +56,8 @@ int cmd_encode(int argc, char** argv) {
                        std::strcmp(a, "--emphasis") == 0;
     if (takes_value && !v) return fail((std::string(a) + " needs a value").c_str());
     if (std::strcmp(a, "--layer") == 0) {
-      if (std::strcmp(v, "3") == 0) return fail("Layer III is not available yet: use --layer 1 or 2");
-      if (std::strcmp(v, "1") != 0 && std::strcmp(v, "2") != 0) return fail("--layer is 1 or 2");
+      if (std::strcmp(v, "1") != 0 && std::strcmp(v, "2") != 0 && std::strcmp(v, "3") != 0)
+        return fail("--layer is 1, 2 or 3");
       p.layer = std::atoi(v);
     } else if (std::strcmp(a, "--bitrate") == 0) {
       kbps = std::atoi(v);

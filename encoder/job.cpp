@@ -23,6 +23,31 @@ void put32(uint8_t* p, uint32_t v) {
 
 void make_mpeg_wave_header(uint8_t* h, const EncoderState& s, int64_t stream_bytes, int64_t frames) {
   const EncoderParams& p = s.params;
+  if (p.layer == 3) {
+    std::memset(h, 0, MP3_WAVE_HEADER_BYTES);
+    std::memcpy(h, "RIFF", 4);
+    put32(h + 4, uint32_t(stream_bytes + MP3_WAVE_HEADER_BYTES - 8));
+    std::memcpy(h + 8, "WAVEfmt ", 8);
+    put32(h + 16, 30);
+    put16(h + 20, 85);  // MPEG Layer III
+    put16(h + 22, uint32_t(s.stereo));
+    put32(h + 24, uint32_t(s.rate_hz));
+    put32(h + 28, uint32_t(s.kbps * 125));
+    put16(h + 32, 1);
+    put16(h + 34, 0);
+    put16(h + 36, 12);
+    put16(h + 38, 1);                                                          // ID: MPEG
+    put32(h + 40, 2);                                                          // padding flags
+    put16(h + 44, uint32_t((p.mpeg1 ? 144000 : 72000) * s.kbps / s.rate_hz));  // block size
+    put16(h + 46, 1);                                                          // frames per block
+    put16(h + 48, 1393);                                                       // codec delay
+    std::memcpy(h + 50, "fact", 4);
+    put32(h + 54, 4);
+    put32(h + 58, uint32_t(frames * frame_samples(p)));
+    std::memcpy(h + 62, "data", 4);
+    put32(h + 66, uint32_t(stream_bytes));
+    return;
+  }
   std::memset(h, 0, MPEG_WAVE_HEADER_BYTES);
   std::memcpy(h, "RIFF", 4);
   put32(h + 4, uint32_t(stream_bytes + MPEG_WAVE_HEADER_BYTES - 8));
@@ -92,7 +117,7 @@ int32_t encode_open(EncodeJob& job, const char* input_path, const char* output_p
   job.stream_bytes = 0;
   if (wave_header) {
     uint8_t zeros[MPEG_WAVE_HEADER_BYTES] = {};
-    std::fwrite(zeros, 1, sizeof zeros, job.out);
+    std::fwrite(zeros, 1, size_t(wave_header_bytes(params)), job.out);
   }
   job.state = state.release();
   return ENCODE_OK;
@@ -141,12 +166,19 @@ int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel) {
     job.stream_bytes += n;
     ++job.frames_written;
   }
+  // Layer III holds its last frames until their main data is complete: write them, also when
+  // cancelled (a kept output ends on a whole frame).
+  if (!write_failed) {
+    int32_t n = encode_flush(s, frame);
+    if (std::fwrite(frame, 1, size_t(n), job.out) != size_t(n)) write_failed = true;
+    job.stream_bytes += n;
+  }
   int32_t result = cancelled ? JOB_END_CANCELLED : write_failed ? JOB_END_FAILED : JOB_END_DONE;
   if (result == JOB_END_DONE && job.wave_header) {
     uint8_t header[MPEG_WAVE_HEADER_BYTES];
+    const size_t size = size_t(wave_header_bytes(s.params));
     make_mpeg_wave_header(header, s, job.stream_bytes, job.frames_written);
-    if (std::fseek(job.out, 0, SEEK_SET) != 0 || std::fwrite(header, 1, sizeof header, job.out) != sizeof header)
-      result = JOB_END_FAILED;
+    if (std::fseek(job.out, 0, SEEK_SET) != 0 || std::fwrite(header, 1, size, job.out) != size) result = JOB_END_FAILED;
   }
   if (std::fclose(job.out) != 0 && result == JOB_END_DONE) result = JOB_END_FAILED;
   job.out = nullptr;

@@ -1,5 +1,5 @@
-// One encode job: a PCM WAVE file in, an MPEG audio Layer I or II file out, optionally inside a
-// RIFF WAVE file (format tag 80).
+// One encode job: a PCM WAVE file in, an MPEG audio file out, optionally inside a RIFF WAVE file
+// (format tag 80 for Layers I and II, 85 for Layer III).
 //
 // Threads: encoder_start runs on the caller's thread, opens both files and starts the job on the
 // job runner (session/job.h); from then on the job's thread owns them. It reads the job's Cancel
@@ -34,6 +34,11 @@ enum EncodeOpenCode : int32_t {
 // Size of the RIFF WAVE wrapper written ahead of the stream when asked: "RIFF", "fmt " with the
 // 40-byte MPEG-1 wave format (22 bytes beyond the common 18), "fact" and the "data" head.
 constexpr int32_t MPEG_WAVE_HEADER_BYTES = 80;
+// The Layer III wrapper: "fmt " with the 12-byte MPEG Layer III extension.
+constexpr int32_t MP3_WAVE_HEADER_BYTES = 70;
+inline int32_t wave_header_bytes(const EncoderParams& p) {
+  return p.layer == 3 ? MP3_WAVE_HEADER_BYTES : MPEG_WAVE_HEADER_BYTES;
+}
 
 struct EncodeJob {
   EncoderState* state = nullptr;  // allocated by encode_open, freed by run_encode_job
@@ -67,7 +72,7 @@ int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel);
 // the data. Returns the sample frames taken from the input, 0 at its end.
 int32_t read_pcm_frame(EncodeJob& job, int16_t (*pcm)[FRAME_SAMPLES_L2]);
 
-// Fills the wrapper of MPEG_WAVE_HEADER_BYTES for a stream of stream_bytes and frames frames.
+// Fills the wrapper of wave_header_bytes() for a stream of stream_bytes and frames frames.
 void make_mpeg_wave_header(uint8_t* header, const EncoderState& s, int64_t stream_bytes, int64_t frames);
 
 }  // namespace encoder

@@ -69,7 +69,20 @@ void scale_factors(const float (*sb)[12][32], int32_t groups, int32_t sblimit, i
 void model1(EncoderState& s, const int16_t* const* pcm, const double (*max_scale)[32], double (*smr)[32]);
 // Model 2 set-up for the job's rate, and its Layers I/II form for one channel.
 void model2_init(Model2State& m, int32_t rate_hz);
+// The shared front of both forms: Hann window and spectrum of 1024 samples, line energies and
+// unpredictability against the channel's last two spectra (which it then advances).
+void model2_spectrum(Model2State& m, const int16_t* samples, int32_t ch, double* energy, double* cw);
 void model2_l12(Model2State& m, const int16_t* pcm, int32_t ch, int32_t layer, double* smr);
+// Model 2 in its Layer III form for one granule (576 new samples) of one channel: threshold to
+// energy ratios by long and short scale factor band (band starts given, 23 and 14 of them) and
+// the perceptual entropy that asks for short blocks.
+void model2_l3(Model2State& m, Layer3State& l3, const int16_t* pcm, int32_t ch, const int32_t* long_start,
+               const int32_t* short_start, double* ratio_l, double* ratio_s, double& pe);
+// Layer III (layer3.cpp): set-up after the common part of encoder_init, one frame with the
+// padding already chosen, and the frames still held at the end.
+void layer3_init(EncoderState& s);
+int32_t encode_frame_l3(EncoderState& s, const int16_t (*pcm)[FRAME_SAMPLES_L2], int32_t padding, uint8_t* out);
+int32_t flush_l3(EncoderState& s, uint8_t* out);
 // Spectrum of n real samples (n a power of two, 4 to 1024): lines 0 to n/2 into re and im.
 void real_fft(const double* x, double* re, double* im, int32_t n);
 

@@ -379,10 +379,10 @@ int32_t sample_rate_hz(const EncoderParams& p) {
 }
 
 int32_t encoder_init(EncoderState& s, const EncoderParams& p) {
-  if (p.layer != 1 && p.layer != 2) return ENCODER_BAD_LAYER;
+  if (p.layer < 1 || p.layer > 3) return ENCODER_BAD_LAYER;
   if (p.sample_rate_index < 0 || p.sample_rate_index > 2) return ENCODER_BAD_RATE;
   if (p.mode != 0 && p.mode != 1 && p.mode != 3) return ENCODER_BAD_MODE;
-  if (p.psy_model != 1 && p.psy_model != 2) return ENCODER_BAD_MODEL;
+  if (p.psy_model != 1 && p.psy_model != 2 && p.layer != 3) return ENCODER_BAD_MODEL;
   if (p.emphasis < 0 || p.emphasis > 2) return ENCODER_BAD_EMPHASIS;
   const int32_t kbps = bitrate_kbps(p.mpeg1, p.layer, p.bit_rate_index);
   if (kbps == 0) return ENCODER_BAD_BITRATE;
@@ -407,7 +407,7 @@ int32_t encoder_init(EncoderState& s, const EncoderParams& p) {
   // Frame length in slots (4 bytes in Layer I, 1 in Layer II): 12 or 144 times kbit/s per kHz,
   // kept as a whole part and a remainder in units of 1/rate. Exact integers, so that a rate that
   // divides evenly (48 kHz at 128 kbit/s) never pads, and padding follows the standard's rule.
-  const int64_t numerator = int64_t(p.layer == 1 ? 12000 : 144000) * kbps;
+  const int64_t numerator = int64_t(p.layer == 1 ? 12000 : p.layer == 3 && !p.mpeg1 ? 72000 : 144000) * kbps;
   s.slot_bytes = p.layer == 1 ? 4 : 1;
   s.whole_slots = int32_t(numerator / s.rate_hz);
   s.frac = numerator % s.rate_hz;
@@ -421,8 +421,15 @@ int32_t encoder_init(EncoderState& s, const EncoderParams& p) {
   for (int32_t i = 0; i < n; ++i)
     s.model1.window[i] = std::sqrt(8.0 / 3.0) * 0.5 * (1.0 - std::cos(2.0 * M_PI * i / n)) / n;
   model2_init(s.model2, s.rate_hz);
+  if (p.layer == 3) {
+    s.params.psy_model = 2;
+    s.mode_ext = p.mode == 1 ? 2 : 0;  // mid/side in every frame, no intensity stereo
+    layer3_init(s);
+  }
   return ENCODER_OK;
 }
+
+int32_t encode_flush(EncoderState& s, uint8_t* out) { return s.params.layer == 3 ? flush_l3(s, out) : 0; }
 
 int32_t encode_frame(EncoderState& s, const int16_t (*pcm)[FRAME_SAMPLES_L2], uint8_t* out) {
   const bool l1 = s.params.layer == 1;
@@ -436,6 +443,10 @@ int32_t encode_frame(EncoderState& s, const int16_t (*pcm)[FRAME_SAMPLES_L2], ui
       padding = 1;
       s.lag += s.rate_hz - s.frac;
     }
+  }
+  if (s.params.layer == 3) {
+    ++s.frames;
+    return encode_frame_l3(s, pcm, padding, out);
   }
   const int32_t frame_bytes = s.slot_bytes * (s.whole_slots + padding);
   int32_t adb = 8 * frame_bytes;
