@@ -225,16 +225,36 @@ void invalidate() {
   if (app.area) gtk_widget_queue_draw(app.area);
 }
 
+void set_window_title();
+
 void repaint_all() {
+  set_window_title();
   repaint(app.skin, face());
   app.first_paint_done = true;
   invalidate();
 }
 
+// The caption (and the tray's tip): the entry's number and file name.
+void set_window_title() {
+  int32_t index = library::playlist.current_entry.load(relaxed);
+  std::string caption = "TOVRA version 1.10";
+  if (library::slot_used(index)) {
+    const char* path = library::playlist.entries[index].path;
+    const char* name = std::strrchr(path, '/');
+    caption = std::to_string(index + 1) + ". " + to_utf8(name && name[1] ? name + 1 : path) + " - TOVRA";
+  }
+  gtk_window_set_title(GTK_WINDOW(app.window), caption.c_str());
+  G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+  if (app.tray) gtk_status_icon_set_tooltip_text(app.tray, caption.c_str());
+  G_GNUC_END_IGNORE_DEPRECATIONS
+}
+
 gboolean redraw_from_engine(gpointer) {
   redraw_pending.store(0);
   int32_t what = redraw_wanted.exchange(0);
-  if (!app.window || !gtk_widget_get_visible(app.window)) return G_SOURCE_REMOVE;
+  if (!app.window) return G_SOURCE_REMOVE;
+  if (what & 2) set_window_title();
+  if (!gtk_widget_get_visible(app.window)) return G_SOURCE_REMOVE;
   Face f = face();
   if (what & 2) draw_title(app.skin, f);
   if (what & 1) draw_time(app.skin, f);
@@ -1317,6 +1337,12 @@ void install_engine_hooks() {
 void destroy_main_window_state() {
   if (session::stop_play() == 0) show_box(session::CAPTION_ERROR, STOP_TIMED_OUT_AT_EXIT, session::BOX_OK);
   if (!session::is_not_win9x()) unload_plugins();
+  if (cfg().style & 6) {
+    cfg().x = app.restore_x;
+    cfg().y = app.restore_y;
+  } else {
+    gtk_window_get_position(GTK_WINDOW(app.window), &cfg().x, &cfg().y);
+  }
   if (cfg().style & 4) delete_tray_icon();
   if (app.menu_timer) g_source_remove(app.menu_timer);
   app.menu_timer = 0;
