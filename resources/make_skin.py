@@ -224,10 +224,18 @@ def main_face():
         text(img, x + (24 - text_width(label)) // 2, 60, label, INK_DIM)
     text(img, 30, 72, "REFRESH", INK_DIM)
     lcd(d, 92, 72, 12, 3)
-    # Percent readout and damage lamp.
+    # A faint grid in the display window, for the visualisers to draw over.
+    for gx in range(30, 105, 8):
+        for gy in range(28, 55, 2):
+            d.point([gx, gy], fill=(18, 34, 22))
+    for gy in range(30, 55, 6):
+        for gx in range(30, 105, 2):
+            d.point([gx, gy], fill=(18, 34, 22))
+    # Percent readout and damage lamp (off).
     lcd(d, 34, 88, 21, 7)
     text(img, 58, 89, "%", INK_DIM)
     lcd(d, 36, 79, 38, 8)
+    text(img, 39, 80, "DAMAGE", RED_DIM)
     # Title window, seek bar, time, rates.
     lcd(d, 118, 29, 160, 20)
     bevel(d, 119, 48, 90, 8, GROOVE, CASE_LO, CASE_HI)

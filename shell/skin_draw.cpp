@@ -195,7 +195,9 @@ void draw_title(Skin& skin, const Face& face) {
     cairo_select_font_face(cr, "IPAGothic", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
     cairo_set_font_size(cr, 12);
     cairo_font_options_t* options = cairo_font_options_create();
-    cairo_font_options_set_antialias(options, CAIRO_ANTIALIAS_GRAY);
+    // Crisp pixels, like the rest of the face, also when it is shown doubled.
+    cairo_font_options_set_antialias(options, CAIRO_ANTIALIAS_NONE);
+    cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_FULL);
     cairo_set_font_options(cr, options);
     cairo_font_options_destroy(options);
     // The text fades out towards the right end of the window, as the title's mask does.
