@@ -235,14 +235,17 @@ void repaint_all() {
 }
 
 // The caption (and the tray's tip): the entry's number and file name.
-void set_window_title() {
+// "N. name - TOVRA" for the entry playing, or the program's version with none.
+std::string entry_caption() {
   int32_t index = library::playlist.current_entry.load(relaxed);
-  std::string caption = "TOVRA version 1.10";
-  if (library::slot_used(index)) {
-    const char* path = library::playlist.entries[index].path;
-    const char* name = std::strrchr(path, '/');
-    caption = std::to_string(index + 1) + ". " + to_utf8(name && name[1] ? name + 1 : path) + " - TOVRA";
-  }
+  if (!library::slot_used(index)) return "TOVRA version 1.10";
+  const char* path = library::playlist.entries[index].path;
+  const char* name = std::strrchr(path, '/');
+  return std::to_string(index + 1) + ". " + to_utf8(name && name[1] ? name + 1 : path) + " - TOVRA";
+}
+
+void set_window_title() {
+  std::string caption = entry_caption();
   gtk_window_set_title(GTK_WINDOW(app.window), caption.c_str());
   G_GNUC_BEGIN_IGNORE_DEPRECATIONS
   if (app.tray) gtk_status_icon_set_tooltip_text(app.tray, caption.c_str());
@@ -271,6 +274,15 @@ void hook_draw_time() { request_redraw(1); }
 void hook_refresh_title(int32_t) { request_redraw(3); }
 void hook_title() { request_redraw(3); }
 void hook_set_title_display(int32_t) { request_redraw(3); }
+
+// The tip over the title row says what plays. GTK shows the text as it is, so an "&" in a name
+// needs no doubling here.
+gboolean on_query_tooltip(GtkWidget*, gint x, gint y, gboolean, GtkTooltip* tip, gpointer) {
+  int32_t bx = x >> (scale() - 1), by = y >> (scale() - 1);
+  if (bx < 2 || bx >= 288 || by < 4 || by >= 17) return FALSE;
+  gtk_tooltip_set_text(tip, entry_caption().c_str());
+  return TRUE;
+}
 
 gboolean on_draw(GtkWidget*, cairo_t* cr, gpointer) {
   if (!app.skin.back) return TRUE;
@@ -1202,6 +1214,22 @@ gboolean on_key(GtkWidget*, GdkEventKey* e, gpointer) {
     case GDK_KEY_O:
       post_command(CMD_LOAD, 1);
       break;
+    // The converters' and editors' windows take these numbers.
+    case GDK_KEY_D:
+      post_command(40055, 0);
+      break;
+    case GDK_KEY_E:
+      post_command(40036, 0);
+      break;
+    case GDK_KEY_G:
+      post_command(40069, 0);
+      break;
+    case GDK_KEY_L:
+      post_command(40016, 0);
+      break;
+    case GDK_KEY_T:
+      post_command(40009, 0);
+      break;
     case GDK_KEY_R:
       command(CMD_REPEAT, 1);
       set_pressed_button(BTN_REPEAT);
@@ -1428,6 +1456,8 @@ int32_t process_entry(int argc, char** argv) {
                         GDK_BUTTON_PRESS_MASK | GDK_BUTTON_RELEASE_MASK | GDK_POINTER_MOTION_MASK | GDK_SCROLL_MASK);
   gtk_widget_set_can_focus(app.window, TRUE);
   g_signal_connect(app.area, "draw", G_CALLBACK(on_draw), nullptr);
+  gtk_widget_set_has_tooltip(app.area, TRUE);
+  g_signal_connect(app.area, "query-tooltip", G_CALLBACK(on_query_tooltip), nullptr);
   g_signal_connect(app.area, "button-press-event", G_CALLBACK(on_button_press), nullptr);
   g_signal_connect(app.area, "button-release-event", G_CALLBACK(on_button_release), nullptr);
   g_signal_connect(app.area, "motion-notify-event", G_CALLBACK(on_motion), nullptr);
