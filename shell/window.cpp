@@ -85,6 +85,10 @@ bool on_main_thread() { return app.main_thread == nullptr || g_thread_self() == 
 
 library::Settings& cfg() { return library::settings; }
 bool shaded() { return cfg().style != 0; }
+// The list file named by "PlayList", or the default playlist when it names none.
+const std::string& playlist_file() {
+  return cfg().playlist_file.empty() ? cfg().default_playlist : cfg().playlist_file;
+}
 int32_t scale() { return cfg().double_size ? 2 : 1; }
 bool session_playing() { return session::state.decoder_command.load(relaxed) == session::CMD_RUN; }
 
@@ -791,7 +795,9 @@ int64_t remote(int64_t wparam, int64_t code) {
       return beyond ? 1 : 0;
     }
     case 120:
-      if (wparam == -2) return library::write_playlist(cfg().playlist_file.c_str(), 0) ? 0 : -1;
+      if (wparam == -2) {
+        return library::write_playlist(playlist_file().c_str(), library::WRITE_AS_IS) ? 0 : -1;
+      }
       if (text_byte(app.save_name, app.save_index, wparam))
         return library::write_playlist(app.save_name, library::WRITE_RELATIVE) ? 0 : -1;
       return 0;
@@ -1255,7 +1261,7 @@ gboolean on_key(GtkWidget*, GdkEventKey* e, gpointer) {
       post_command(CMD_ABOUT, 0);
       break;
     case GDK_KEY_F4: {
-      const std::string& list = cfg().playlist_file.empty() ? cfg().default_playlist : cfg().playlist_file;
+      const std::string& list = playlist_file();
       GtkWidget* dialog =
           gtk_file_chooser_dialog_new("Save PlayList (*.m3u)", GTK_WINDOW(app.window), GTK_FILE_CHOOSER_ACTION_SAVE,
                                       "_Cancel", GTK_RESPONSE_CANCEL, "_Save", GTK_RESPONSE_ACCEPT, nullptr);
@@ -1482,7 +1488,7 @@ int32_t process_entry(int argc, char** argv) {
     g_io_channel_unref(channel);
   }
   repaint_all();
-  if (!(cfg().style & 4)) gtk_widget_show_all(app.window);
+  gtk_widget_show_all(app.window);
   gtk_window_move(GTK_WINDOW(app.window), place.x, place.y);
 
   gtk_main();
