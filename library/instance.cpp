@@ -206,6 +206,16 @@ int32_t send_remote_message(const std::string& folder, const RemoteMessage& mess
   return ok ? 1 : 0;
 }
 
+int32_t send_remote_messages(const std::string& folder, const RemoteMessage* messages, size_t count,
+                             int64_t* results) {
+  int fd = connect_to(folder);
+  if (fd < 0) return 0;
+  bool ok = true;
+  for (size_t i = 0; ok && i < count; ++i) ok = exchange(fd, messages[i], results ? results + i : nullptr);
+  close(fd);
+  return ok ? 1 : 0;
+}
+
 int32_t hand_over_command_line(const std::string& folder, const char* command_line) {
   int fd = connect_to(folder);
   if (fd < 0) return 0;

@@ -60,6 +60,10 @@ int32_t hand_over_command_line(const std::string& folder, const char* command_li
 // Sends or posts one message on a fresh connection; a sent one waits up to 15 s for its result.
 // Returns 1 when delivered (and *result set for a sent message), 0 otherwise.
 int32_t send_remote_message(const std::string& folder, const RemoteMessage& message, int64_t* result);
+// Sends count messages in order on one connection (so that no other peer's come between them);
+// results[i] receives the result of each sent one. Returns 1 when all were delivered.
+int32_t send_remote_messages(const std::string& folder, const RemoteMessage* messages, size_t count,
+                             int64_t* results);
 
 // The receiving side.
 struct InstanceServer {

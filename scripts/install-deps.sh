@@ -6,6 +6,7 @@ packages=(
   g++ clang libclang-rt-14-dev cmake ninja-build pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
   libsdl2-dev
+  libgtk-3-dev xvfb xauth xdotool imagemagick fonts-ipafont-gothic python3-pil
   mpg123 lame twolame sox ffmpeg hyperfine
   clang-format
 )
