@@ -54,7 +54,7 @@ void render_strip(const std::string& text, const library::FontSettings& font) {
   PangoFontDescription* desc = pango_font_description_new();
   pango_font_description_set_family(desc, font.face.empty() ? "Sans" : font.face.c_str());
   const int32_t height = font.height < 0 ? -font.height : font.height;
-  pango_font_description_set_absolute_size(desc, double((height > 0 ? height : 10) + 2) * PANGO_SCALE);
+  pango_font_description_set_absolute_size(desc, double(height > 0 ? height : 10) * PANGO_SCALE);
   if (font.weight > 0) pango_font_description_set_weight(desc, PangoWeight(font.weight));
   if (font.italic) pango_font_description_set_style(desc, PANGO_STYLE_ITALIC);
 
@@ -101,7 +101,7 @@ void title_thread_main() {
   int32_t step = 40, fraction = 0;
   while (!t.stop.load(relaxed)) {
     fraction = (fraction + step) % 256;
-    if (fraction == 80) {
+    if (fraction >= 80) {
       t.title_x.fetch_sub(1, relaxed);
       fraction = 0;
     }

@@ -236,6 +236,7 @@ void post_invalidate() {
 
 // The words the wave thread reads of the settings.
 void mirror_display_settings() {
+  if (app.first_paint_done) output::wave.render.store(cfg().render);
   display_words.graphics.store(cfg().graphics);
   display_words.rev_time.store(cfg().rev_time);
 }
@@ -1385,8 +1386,6 @@ std::string executable_folder() {
 void install_engine_hooks() {
   session::set_sink({sink_message, sink_box});
   session::set_window_open(session::WINDOW_MAIN, true);
-  install_display(app.skin);
-  install_title(app.skin);
   display_host.invalidate = post_invalidate;
   mirror_display_settings();
   output::wave_hooks.refresh_title = hook_refresh_title;
@@ -1447,6 +1446,8 @@ int32_t create_main_window_state() {
     show_box(session::CAPTION_ERROR, INIT_FAILED, session::BOX_OK);
     return -1;
   }
+  install_display(app.skin);
+  install_title(app.skin);
   if (!session::is_not_win9x()) load_plugins((executable_folder() + "/Plugins").c_str());
   library::validate_start_entry();
   connect_menus();
