@@ -420,7 +420,7 @@ def sub_cells(main):
     title_bar(img, 1012, 22, 57, 6, True)
     title_bar(img, 1069, 22, 57, 6, False)
     d.rectangle([1040, 17, 1135, 21], fill=LCD)
-    text(img, 1040, 17, "NO FILE", AMBER_DIM)
+    text(img, 1046, 17, "NO FILE", AMBER_DIM)  # its first columns are the percentage blank's last
     # Balance knob and a plain piece of the track it covers.
     d.rectangle([1126, 22, 1130, 27], fill=KEY_HI)
     d.rectangle([1127, 23, 1129, 26], fill=AMBER)

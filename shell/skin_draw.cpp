@@ -7,8 +7,9 @@
 #include "library/settings.h"
 #include "shell/title.h"
 
-// The bundle made by glib-compile-resources; asking for it also keeps it in the link.
-extern "C" GResource* tovra_get_resource(void);
+// The bundle made by glib-compile-resources (compiled as C++); asking for it also keeps it in the
+// link.
+GResource* tovra_get_resource(void);
 
 namespace shell {
 

@@ -45,7 +45,6 @@ constexpr auto relaxed = std::memory_order_relaxed;
 constexpr int32_t MSG_COMMAND = 273;
 constexpr int32_t MSG_TRAY = 1040;
 constexpr int32_t TRAY_MENU = 1041;
-constexpr int32_t VERSION = 0x1100;
 constexpr const char* INIT_FAILED = "初期化に失敗しました";
 constexpr const char* STOP_TIMED_OUT_AT_EXIT = "タイムアウトです。強制終了します。";
 constexpr const char* BUSY_CONVERTING = "変換処理中ですが終了してもよろしいですか？";
@@ -69,18 +68,10 @@ struct Main {
   guint menu_timer = 0;
   bool hot_key_grabbed = false;
 
-  // Remote control and the hand-over.
+  // The instance socket that carries the remote control and the hand-over.
   std::string folder;
   library::InstanceLock lock;
   library::InstanceServer server;
-  library::HandOver hand_over;
-  char work_dir[260] = {};
-  int32_t work_dir_index = 0;
-  char save_name[260] = {};
-  int32_t save_index = 0;
-  char add_path[260] = {};
-  int32_t add_index = 0;
-  std::string answer;
 };
 Main app;
 
@@ -469,15 +460,24 @@ void show_popup_menu(int32_t kind, int32_t x, int32_t y) {
   if (!menu) return;
   mark_menu(menu, common_marks(kind));
   GdkRectangle r{x * scale(), y * scale(), 1, 1};
+  // A menu opened from the timer has no event of its own to grab the pointer with; it gets a press.
+  GdkEvent* trigger = gtk_get_current_event();
+  if (!trigger) {
+    trigger = gdk_event_new(GDK_BUTTON_PRESS);
+    trigger->button.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(app.area)));
+    trigger->button.time = GDK_CURRENT_TIME;
+    trigger->button.button = 1;
+    gdk_event_set_device(trigger, gdk_seat_get_pointer(gdk_display_get_default_seat(gdk_display_get_default())));
+  }
   gtk_menu_popup_at_rect(GTK_MENU(menu), gtk_widget_get_window(app.area), &r, GDK_GRAVITY_NORTH_WEST,
-                         GDK_GRAVITY_NORTH_WEST, nullptr);
+                         GDK_GRAVITY_NORTH_WEST, trigger);
+  gdk_event_free(trigger);
 }
 
 gboolean menu_timer_fired(gpointer) {
   app.menu_timer = 0;
   set_pressed_button(BTN_SYSTEM);
-  show_popup_menu(0, 3, 21);
-  set_pressed_button(0);
+  show_popup_menu(0, 3, 21);  // the button comes up when the menu closes (connect_menus)
   return G_SOURCE_REMOVE;
 }
 
@@ -785,110 +785,8 @@ void foreground() {
   gtk_window_present(GTK_WINDOW(app.window));
 }
 
-// Collects one byte of a text sent byte by byte; returns 1 when the text ended with this byte.
-int32_t text_byte(char* buffer, int32_t& index, int64_t byte) {
-  if (byte == -1) {
-    index = 0;
-    return 0;
-  }
-  if (byte == 0) {
-    buffer[index < 260 ? index : 259] = 0;
-    index = 0;
-    return 1;
-  }
-  if (index < 259) buffer[index++] = char(byte);
-  return 0;
-}
-
-int64_t remote(int64_t wparam, int64_t code) {
-  switch (code) {
-    case 0:
-      return VERSION;
-    case 100:
-      if (text_byte(app.add_path, app.add_index, wparam)) library::append_entry(app.add_path);
-      return 0;
-    case 101:
-      library::clear_playlist();
-      return 0;
-    case 102:
-      post_command(CMD_PLAY, int32_t(wparam));
-      return 0;
-    case 103:
-      if (text_byte(app.work_dir, app.work_dir_index, wparam) && chdir(app.work_dir) != 0) return 0;
-      return 0;
-    case 104:
-      if (session::state.paused.load(relaxed)) return 3;
-      return session_playing() || session::state.decoder_running.load(relaxed) ? 1 : 0;
-    case 105:
-      if (wparam == 1) return session::stream.play_seconds;
-      return session_playing() ? int64_t(output::wave.display_seconds.load(relaxed)) * 1000 : 0;
-    case 106: {
-      if (!session_playing()) return -1;
-      int64_t beyond = wparam > int64_t(session::stream.play_seconds) * 1000;
-      session::seek_milliseconds(int32_t(wparam));
-      return beyond ? 1 : 0;
-    }
-    case 120:
-      if (wparam == -2) {
-        return library::write_playlist(playlist_file().c_str(), library::WRITE_AS_IS) ? 0 : -1;
-      }
-      if (text_byte(app.save_name, app.save_index, wparam))
-        return library::write_playlist(app.save_name, library::WRITE_RELATIVE) ? 0 : -1;
-      return 0;
-    case 121:
-      if (wparam >= 0 && wparam < library::PLAYLIST_SLOTS) {
-        int32_t index = int32_t(wparam);
-        if (!library::slot_used(index)) {
-          index = library::playlist_length() - 1;
-          if (index < 0) index = 0;
-        }
-        library::playlist.current_entry.store(index);
-        request_redraw(2);
-      }
-      return 0;
-    case 122: {
-      int64_t v = wparam > 255 ? 255 : wparam < 0 ? 0 : wparam;
-      set_volume(int32_t((255 - v) * 73 / 255 + 80));
-      return 0;
-    }
-    case 123: {
-      int64_t v = wparam > 255 ? 255 : wparam < 0 ? 0 : wparam;
-      set_balance(int32_t(v * 44 / 255 + 23));
-      return 0;
-    }
-    case 124: {
-      int32_t n = library::playlist_length();
-      return n > 0 ? n - 1 : 0;
-    }
-    case 211:
-    case 212:
-      if (wparam < 0 || wparam >= library::PLAYLIST_SLOTS || !library::slot_used(int32_t(wparam))) {
-        app.answer.clear();
-        return 0;
-      }
-      app.answer = library::playlist.entries[wparam].path;
-      return 1;
-    case REMOTE_ANSWER_BYTE:
-      return wparam >= 0 && size_t(wparam) < app.answer.size() ? uint8_t(app.answer[size_t(wparam)]) : 0;
-    case library::REMOTE_HAND_OVER: {
-      int32_t commands[2];
-      int32_t n =
-          library::hand_over_message(app.hand_over, wparam, session::state.paused.load(relaxed) != 0, false, commands);
-      for (int32_t i = 0; i < n; ++i) post_command(commands[i], 3);
-      if (n) {
-        session::post_message(session::WINDOW_PLAYLIST, library::MSG_PLAYLIST_REFRESH, 1);
-        request_redraw(3);
-      }
-      return 0;
-    }
-    default:
-      foreground();
-      return 0;
-  }
-}
-
 int64_t remote_from_socket(void*, const library::RemoteMessage& m) {
-  if (m.msg == library::MSG_REMOTE) return remote(m.wparam, m.lparam);
+  if (m.msg == library::MSG_REMOTE) return remote_control(m.wparam, m.lparam);
   if (m.msg == MSG_COMMAND) post_command(int32_t(m.wparam), int32_t(m.lparam));
   return 0;
 }
@@ -903,7 +801,7 @@ void dispatch(int32_t window, int32_t msg, int64_t wparam, int64_t lparam) {
   if (msg == MSG_COMMAND) {
     command(int32_t(wparam), int32_t(lparam));
   } else if (msg == library::MSG_REMOTE) {
-    remote(wparam, lparam);
+    remote_control(wparam, lparam);
   } else if (msg == MSG_TRAY) {
     if (lparam == 2) {
       post_command(CMD_CLOSE, 0);
@@ -1438,6 +1336,11 @@ void connect_menus() {
   g_slist_free(objects);
   for (const char* name : {"tvrmenu", "tvrcommenu", "tvrsysmenu", "tvrcnvmenu", "tvrinfomenu", "tvrrendermenu"})
     if (GtkWidget* m = menu_named(name)) gtk_menu_attach_to_widget(GTK_MENU(m), app.area, nullptr);
+  if (GtkWidget* system = menu_named("tvrsysmenu"))
+    g_signal_connect(system, "deactivate", G_CALLBACK(+[](GtkMenuShell*, gpointer) {
+                       if (app.pressed_button == BTN_SYSTEM) set_pressed_button(0);
+                     }),
+                     nullptr);
 }
 
 // The window's creation: skin, plug-ins, the entry to play, hot key, then the saved window state.
@@ -1465,9 +1368,13 @@ int32_t create_main_window_state() {
 
 }  // namespace
 
-void post_command(int32_t id, int32_t tag) { session::post_message(session::WINDOW_MAIN, MSG_COMMAND, id, tag); }
+void window_foreground() { foreground(); }
+void window_redraw(int32_t what) { request_redraw(what); }
+void window_set_volume(int32_t volume) { set_volume(volume); }
+void window_set_balance(int32_t pan) { set_balance(pan); }
+const std::string& window_playlist_file() { return playlist_file(); }
 
-int64_t remote_control(int64_t wparam, int64_t code) { return remote(wparam, code); }
+void post_command(int32_t id, int32_t tag) { session::post_message(session::WINDOW_MAIN, MSG_COMMAND, id, tag); }
 
 int32_t process_entry(int argc, char** argv) {
   // A skinned window places itself, which only X11 allows; on Wayland this runs under XWayland.
@@ -1535,53 +1442,6 @@ int32_t process_entry(int argc, char** argv) {
   library::close_instance_server(app.server);
   library::release_instance_lock(app.lock);
   free_skin(app.skin);
-  return 0;
-}
-
-int32_t remote_client(int argc, char** argv) {
-  if (argc < 1) {
-    std::fputs("usage: tovra --remote CODE [ARG]\n", stderr);
-    return 2;
-  }
-  int64_t code = std::strtoll(argv[0], nullptr, 10);
-  const char* arg = argc > 1 ? argv[1] : nullptr;
-  std::string folder = library::instance_folder();
-  std::vector<library::RemoteMessage> messages;
-  auto add = [&messages](int64_t wparam, int64_t c, int32_t sent) {
-    messages.push_back({library::MSG_REMOTE, sent, wparam, c});
-  };
-  bool text = code == 100 || code == 103 || code == 120;
-  if (text && arg && !(code == 120 && std::strcmp(arg, "-2") == 0)) {
-    std::string value = arg;
-    if (code == 100 || code == 103) {
-      // Paths are taken from the client's folder, not the instance's.
-      if (char* full = realpath(arg, nullptr)) {
-        value = full;
-        std::free(full);
-      }
-    }
-    add(-1, code, 0);
-    for (unsigned char c : value) add(c, code, 0);
-    add(0, code, 1);
-  } else {
-    add(arg ? std::strtoll(arg, nullptr, 10) : 0, code, 1);
-  }
-  bool path_answer = code == 211 || code == 212;
-  if (path_answer)
-    for (int64_t i = 0; i < library::ENTRY_BYTES; ++i) add(i, REMOTE_ANSWER_BYTE, 1);
-  std::vector<int64_t> results(messages.size(), 0);
-  if (!library::send_remote_messages(folder, messages.data(), messages.size(), results.data())) {
-    std::fputs("tovra: no running instance answered\n", stderr);
-    return 1;
-  }
-  size_t first = text && arg && !(code == 120 && std::strcmp(arg, "-2") == 0) ? messages.size() - 1 : 0;
-  if (path_answer) {
-    std::string path;
-    for (size_t i = 1; i < results.size() && results[i] != 0; ++i) path += char(results[i]);
-    std::printf("%s\n", results[0] ? path.c_str() : "0");
-  } else {
-    std::printf("%lld\n", static_cast<long long>(results[first]));
-  }
   return 0;
 }
 

@@ -50,6 +50,13 @@ void post_command(int32_t id, int32_t tag);
 // Carries out message 1024 with its code on the main thread; returns the result.
 int64_t remote_control(int64_t wparam, int64_t code);
 
+// What the window offers the remote control (main thread).
+void window_foreground();
+void window_redraw(int32_t what);  // bit 0 the time, bit 1 the title and caption
+void window_set_volume(int32_t volume);
+void window_set_balance(int32_t pan);
+const std::string& window_playlist_file();
+
 // The program's entry: argv as given. Returns the exit code.
 int32_t process_entry(int argc, char** argv);
 // tovra --remote CODE [ARG]: sends one remote-control code to the running instance and prints the

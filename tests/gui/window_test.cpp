@@ -268,6 +268,11 @@ TEST_F(Window, RemoteControlDrivesARunningInstance) {
   EXPECT_EQ(p.remote("105", "1"), "40");
   EXPECT_EQ(p.remote("106", "30000"), "0");
   EXPECT_TRUE(wait_until([&] { return p.position_ms() >= 29000; })) << p.position_ms();
+  // Keys: Space stops a playing session, Enter starts it again.
+  test::run("xdotool windowfocus --sync " + p.window + " key space");
+  EXPECT_TRUE(wait_until([&] { return p.remote("104") == "0"; }));
+  test::run("xdotool windowfocus --sync " + p.window + " key Return");
+  EXPECT_TRUE(wait_until([&] { return p.remote("104") == "1"; }));
   EXPECT_EQ(p.remote("122", "0"), "0");
   EXPECT_EQ(p.remote("123", "255"), "0");
 

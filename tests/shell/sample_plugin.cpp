@@ -17,16 +17,16 @@ void note(const char* letter) {
   }
 }
 
-struct Object;
-void destroy(Object* self, int32_t flags);
-using Destroy = void (*)(Object*, int32_t);
+// The object's table holds C functions taking the object as a plain pointer, as the host calls them.
+void destroy(void* self, int32_t flags);
+using Destroy = void (*)(void*, int32_t);
 const Destroy table[] = {destroy};
 struct Object {
   const Destroy* vtable = table;
 };
-void destroy(Object* self, int32_t flags) {
+void destroy(void* self, int32_t flags) {
   note("d");
-  if (flags & 1) delete self;
+  if (flags & 1) delete static_cast<Object*>(self);
 }
 
 }  // namespace
