@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "decoder/decoder.h"
 #include "library/instance.h"
 #include "library/playlist.h"
 #include "library/settings.h"
@@ -1396,6 +1397,7 @@ int32_t process_entry(int argc, char** argv) {
 
   library::StartPlacement place;
   library::start_up_settings(command_line.c_str(), shift_held, work_area(), place);
+  decoder::init_decoder_tables();  // after the processor is known: it picks the synthesis variant
 
   app.window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   gtk_window_set_title(GTK_WINDOW(app.window), "TOVRA");
