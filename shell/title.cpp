@@ -75,7 +75,8 @@ void render_strip(const std::string& text, const library::FontSettings& font) {
   cairo_surface_t* strip = cairo_image_surface_create(CAIRO_FORMAT_A8, width, H);
   cairo_t* sc = cairo_create(strip);
   pango_cairo_update_context(sc, pango_layout_get_context(layout));
-  cairo_move_to(sc, 0, (H - height_px) / 2);
+  // Low in the row where the text fits: the fade at the right end covers the lower 13 rows only.
+  cairo_move_to(sc, 0, height_px <= 13 ? H - 13 : (H - height_px) / 2);
   pango_cairo_show_layout(sc, layout);
   cairo_surface_flush(strip);
   t.strip.assign(size_t(width) * H, 0);
