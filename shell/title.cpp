@@ -39,15 +39,6 @@ struct Title {
 };
 Title t;
 
-uint32_t pixel(cairo_surface_t* s, int32_t x, int32_t y) {
-  if (!s || x >= cairo_image_surface_get_width(s) || y >= cairo_image_surface_get_height(s)) return 0;
-  const cairo_format_t f = cairo_image_surface_get_format(s);
-  if (f != CAIRO_FORMAT_RGB24 && f != CAIRO_FORMAT_ARGB32) return 0;
-  cairo_surface_flush(s);
-  const uint8_t* row = cairo_image_surface_get_data(s) + y * cairo_image_surface_get_stride(s);
-  return reinterpret_cast<const uint32_t*>(row)[x] & 0xFFFFFF;
-}
-
 // The text as a one-bit strip, 20 rows high, drawn with the font of the settings without
 // smoothing so that it stays crisp when the face is doubled.
 void render_strip(const std::string& text, const library::FontSettings& font) {
@@ -129,12 +120,12 @@ void title_thread_main() {
 void install_title(Skin& skin) {
   t.skin = &skin;
   for (int32_t y = 0; y < H; ++y)
-    for (int32_t x = 0; x < W; ++x) t.background[y][x] = pixel(skin.sub, 420 + x, y);
+    for (int32_t x = 0; x < W; ++x) t.background[y][x] = surface_pixel(skin.sub, 420 + x, y);
   for (int32_t y = 0; y < 13; ++y)
-    for (int32_t x = 0; x < 68; ++x) t.fade[y][x] = pixel(skin.effect, 1088 + x, y) != 0;
+    for (int32_t x = 0; x < 68; ++x) t.fade[y][x] = surface_pixel(skin.effect, 1088 + x, y) != 0;
   t.wipes.assign(size_t(H) * 1088, 0);
   for (int32_t y = 0; y < H; ++y)
-    for (int32_t x = 0; x < 1088; ++x) t.wipes[size_t(y) * 1088 + x] = pixel(skin.effect, x, y) != 0;
+    for (int32_t x = 0; x < 1088; ++x) t.wipes[size_t(y) * 1088 + x] = surface_pixel(skin.effect, x, y) != 0;
 }
 
 bool set_title_text(const std::string& text, const library::FontSettings& font) {

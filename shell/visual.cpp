@@ -36,16 +36,6 @@ struct Display {
 };
 Display d;
 
-uint32_t pixel_at(cairo_surface_t* s, int32_t x, int32_t y) {
-  if (!s || cairo_image_surface_get_format(s) == CAIRO_FORMAT_INVALID) return 0;
-  const cairo_format_t f = cairo_image_surface_get_format(s);
-  if (f != CAIRO_FORMAT_RGB24 && f != CAIRO_FORMAT_ARGB32) return 0;
-  if (x < 0 || y < 0 || x >= cairo_image_surface_get_width(s) || y >= cairo_image_surface_get_height(s)) return 0;
-  cairo_surface_flush(s);
-  const uint8_t* row = cairo_image_surface_get_data(s) + y * cairo_image_surface_get_stride(s);
-  return reinterpret_cast<const uint32_t*>(row)[x] & 0xFFFFFF;
-}
-
 // Puts w x h pixels (0x00RRGGBB, rows of w) at (dx, dy) of the back buffer, then asks for a repaint.
 void put_pixels(const uint32_t* px, int32_t w, int32_t h, int32_t dx, int32_t dy) {
   Skin* skin = d.skin;
@@ -167,14 +157,14 @@ void hook_draw_display(int32_t frame) { draw_display(frame); }
 
 void install_display(Skin& skin) {
   d.skin = &skin;
-  for (int32_t y = 0; y < 16; ++y) d.cells.spectrum[y] = pixel_at(skin.sub, 1802, 12 + y);
+  for (int32_t y = 0; y < 16; ++y) d.cells.spectrum[y] = surface_pixel(skin.sub, 1802, 12 + y);
   for (int32_t y = 0; y < 4; ++y)
     for (int32_t x = 0; x < 64; ++x) {
-      d.cells.vu_lit[y][x] = pixel_at(skin.sub, x, 24 + y);
-      d.cells.vu_held[y][x] = pixel_at(skin.sub, 64 + x, 24 + y);
+      d.cells.vu_lit[y][x] = surface_pixel(skin.sub, x, 24 + y);
+      d.cells.vu_held[y][x] = surface_pixel(skin.sub, 64 + x, 24 + y);
     }
   for (int32_t y = 0; y < 2; ++y)
-    for (int32_t x = 0; x < 64; ++x) d.cells.scale[y][x] = pixel_at(skin.sub, 1738 + x, 12 + y);
+    for (int32_t x = 0; x < 64; ++x) d.cells.scale[y][x] = surface_pixel(skin.sub, 1738 + x, 12 + y);
   for (int32_t& p : d.spectrum_peaks) p = 32;
   output::wave_hooks.draw_time = draw_time_now;
   output::wave_hooks.draw_display = hook_draw_display;
@@ -236,6 +226,16 @@ void draw_time_now() {
   f.damaged = session::state.damaged_flag.load(relaxed) != 0;
   draw_time(*d.skin, f);
   invalidate();
+}
+
+uint32_t surface_pixel(cairo_surface_t* s, int32_t x, int32_t y) {
+  if (!s) return 0;
+  const cairo_format_t f = cairo_image_surface_get_format(s);
+  if (f != CAIRO_FORMAT_RGB24 && f != CAIRO_FORMAT_ARGB32) return 0;
+  if (x < 0 || y < 0 || x >= cairo_image_surface_get_width(s) || y >= cairo_image_surface_get_height(s)) return 0;
+  cairo_surface_flush(s);
+  const uint8_t* row = cairo_image_surface_get_data(s) + y * cairo_image_surface_get_stride(s);
+  return reinterpret_cast<const uint32_t*>(row)[x] & 0xFFFFFF;
 }
 
 void put_back_pixels(const uint32_t* px, int32_t w, int32_t h, int32_t dx, int32_t dy) { put_pixels(px, w, h, dx, dy); }

@@ -42,6 +42,9 @@ void clear_display();
 // The time, the lamp and the seek bar from display_seconds and display_words.
 void draw_time_now();
 
+// Pixel (x, y) of an image surface as 0x00RRGGBB; 0 outside it or for other formats.
+uint32_t surface_pixel(cairo_surface_t* s, int32_t x, int32_t y);
+
 // Any thread: w x h pixels (0x00RRGGBB, rows of w) to (dx, dy) of the back buffer, under back_lock.
 void put_back_pixels(const uint32_t* px, int32_t w, int32_t h, int32_t dx, int32_t dy);
 
