@@ -192,6 +192,4 @@ void stop_title_thread() {
   t.scroll_counter.store(-1, relaxed);
 }
 
-bool title_thread_running() { return t.thread.joinable(); }
-
 }  // namespace shell

@@ -29,6 +29,5 @@ void draw_title_frame(bool draw_text, int32_t wipe);
 // Main thread: start or stop the scroller. Stopping waits for it to end.
 void start_title_thread();
 void stop_title_thread();
-bool title_thread_running();
 
 }  // namespace shell

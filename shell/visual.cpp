@@ -32,7 +32,7 @@ struct Display {
   uint8_t scope[16][70] = {};
   BarPeak left, right;
   int32_t spectrum_peaks[64] = {};
-  std::atomic<int32_t> frames{0};
+  std::atomic<int32_t> scope_cleared{0};  // the trace starts afresh at the next frame
 };
 Display d;
 
@@ -105,6 +105,7 @@ void draw_scope(const PcmView& pcm, int32_t offset, int32_t khz, int32_t shift) 
   const int32_t span = ((pcm.bits16 ? 140 : 70) >> shift) * khz;
   if (offset > pcm.bytes - span) offset = pcm.bytes - span;
   if (offset < 0) offset = 0;
+  if (d.scope_cleared.exchange(0, relaxed)) std::memset(d.scope, 0, sizeof d.scope);
   for (auto& row : d.scope) {
     std::memmove(row, row + 35, 35);
     std::memset(row + 35, 0, 35);
@@ -200,14 +201,13 @@ void draw_display(int32_t frame) {
         break;
     }
   }
-  d.frames.fetch_add(1, relaxed);
   invalidate();
 }
 
 void clear_display() {
   if (!d.skin) return;
   static const uint32_t black[70 * 24] = {};
-  std::memset(d.scope, 0, sizeof d.scope);
+  d.scope_cleared.store(1, relaxed);  // the trace belongs to the wave thread
   put_pixels(black, 70, 24, 33, 28);
   if (output::wave.style.load(relaxed) == 1) {
     put_pixels(black, 64, 2, 28, 14);
@@ -239,7 +239,5 @@ uint32_t surface_pixel(cairo_surface_t* s, int32_t x, int32_t y) {
 }
 
 void put_back_pixels(const uint32_t* px, int32_t w, int32_t h, int32_t dx, int32_t dy) { put_pixels(px, w, h, dx, dy); }
-
-int32_t display_frames() { return d.frames.load(relaxed); }
 
 }  // namespace shell

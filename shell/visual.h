@@ -21,7 +21,6 @@ struct DisplayWords {
   std::atomic<int32_t> length{0};  // seconds of the entry playing
   std::atomic<int32_t> mono_stream{0};
   std::atomic<int32_t> hi_fi{0};
-  std::atomic<int32_t> minimised{0};
 };
 extern DisplayWords display_words;
 
@@ -47,8 +46,5 @@ uint32_t surface_pixel(cairo_surface_t* s, int32_t x, int32_t y);
 
 // Any thread: w x h pixels (0x00RRGGBB, rows of w) to (dx, dy) of the back buffer, under back_lock.
 void put_back_pixels(const uint32_t* px, int32_t w, int32_t h, int32_t dx, int32_t dy);
-
-// Tests and the GUI check: how many frames were drawn since start, and a pixel of the back buffer.
-int32_t display_frames();
 
 }  // namespace shell
