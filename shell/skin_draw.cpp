@@ -4,11 +4,16 @@
 
 #include <cstring>
 
+#include "library/settings.h"
+#include "shell/title.h"
+
 // The bundle made by glib-compile-resources (compiled as C++); asking for it also keeps it in the
 // link.
 GResource* tovra_get_resource(void);
 
 namespace shell {
+
+std::recursive_mutex back_lock;
 
 namespace {
 
@@ -47,6 +52,7 @@ int32_t glyph_column(int32_t code) {
 }
 
 void blank_cell(Skin& skin, int32_t x, int32_t y, int32_t w, int32_t h) {
+  std::lock_guard lock(back_lock);
   cairo_t* cr = cairo_create(skin.back);
   cairo_set_source_rgb(cr, 0, 0, 0);
   cairo_rectangle(cr, x, y, w, h);
@@ -79,6 +85,7 @@ void free_skin(Skin& skin) {
 
 void blit(Skin& skin, cairo_surface_t* src, Cell c, int32_t dx, int32_t dy) {
   if (!src || !skin.back) return;
+  std::lock_guard lock(back_lock);
   cairo_t* cr = cairo_create(skin.back);
   cairo_set_operator(cr, CAIRO_OPERATOR_SOURCE);
   cairo_set_source_surface(cr, src, dx - c.x, dy - c.y);
@@ -89,6 +96,7 @@ void blit(Skin& skin, cairo_surface_t* src, Cell c, int32_t dx, int32_t dy) {
 }
 
 void draw_small_text(Skin& skin, int32_t x, int32_t y, int32_t row, const char* text, int32_t cells) {
+  std::lock_guard lock(back_lock);
   bool ended = false;
   for (int32_t i = 0; i < cells; ++i) {
     int32_t code = ended ? 0 : static_cast<signed char>(text[i]);
@@ -148,6 +156,7 @@ void draw_balance(Skin& skin, int32_t old_pan, int32_t pan) {
 }
 
 void draw_time(Skin& skin, const Face& face) {
+  std::lock_guard lock(back_lock);
   int32_t t = int32_t(face.seconds), length = face.length;
   int32_t v = face.rev_time ? length - t : t;
   int32_t row = face.rev_time ? 2 : 1;
@@ -189,27 +198,9 @@ void draw_title(Skin& skin, const Face& face) {
   if (!face.has_entry) {
     blit(skin, skin.sub, cell::TITLE_EMPTY, place::TITLE_X, place::TITLE_Y);
   } else {
-    blit(skin, skin.sub, cell::TITLE_BACKGROUND, place::TITLE_X, place::TITLE_Y);
-    cairo_t* cr = cairo_create(skin.back);
-    cairo_rectangle(cr, place::TITLE_X, place::TITLE_Y, 160, 20);
-    cairo_clip(cr);
-    cairo_select_font_face(cr, "IPAGothic", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
-    cairo_set_font_size(cr, 12);
-    cairo_font_options_t* options = cairo_font_options_create();
-    // Crisp pixels, like the rest of the face, also when it is shown doubled.
-    cairo_font_options_set_antialias(options, CAIRO_ANTIALIAS_NONE);
-    cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_FULL);
-    cairo_set_font_options(cr, options);
-    cairo_font_options_destroy(options);
-    // The text fades out towards the right end of the window, as the title's mask does.
-    cairo_pattern_t* fade = cairo_pattern_create_linear(place::TITLE_X + 120, 0, place::TITLE_X + 158, 0);
-    cairo_pattern_add_color_stop_rgba(fade, 0, 1.0, 0.69, 0.16, 1);
-    cairo_pattern_add_color_stop_rgba(fade, 1, 1.0, 0.69, 0.16, 0);
-    cairo_set_source(cr, fade);
-    cairo_move_to(cr, place::TITLE_X + 3, place::TITLE_Y + 14);
-    cairo_show_text(cr, face.title.c_str());
-    cairo_pattern_destroy(fade);
-    cairo_destroy(cr);
+    // The text in the font of the settings; the scroller draws it itself while it wipes in.
+    set_title_text(face.title, library::settings.font);
+    draw_title_text();
   }
   blank_cell(skin, place::BITRATE_X, place::BITRATE_Y, 18, 5);
   blank_cell(skin, place::RATE_X, place::RATE_Y, 12, 5);
@@ -226,6 +217,7 @@ void draw_title(Skin& skin, const Face& face) {
 }
 
 void repaint(Skin& skin, const Face& face) {
+  std::lock_guard lock(back_lock);
   if (face.shade) {
     blit(skin, skin.sub, cell::SHADE_FACE, 0, 0);
     draw_title_bar(skin, face);

@@ -2,12 +2,15 @@
 // and the 288x123 back buffer that every cell is copied into unscaled. The window paints the back
 // buffer, doubled with nearest-neighbour filtering when "Double" is on.
 //
-// Threads: main thread only. Other threads ask for a redraw through the window's queue.
+// Threads: the main thread draws the face; the wave and title threads draw their own rectangles
+// (shell/visual.h, shell/title.h). Every write to the back buffer, and the window's paint of it,
+// holds back_lock.
 #pragma once
 
 #include <cairo.h>
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "shell/skin.h"
@@ -49,6 +52,8 @@ struct Face {
   int32_t sample_rate_khz = 0;
   std::string title;  // UTF-8
 };
+
+extern std::recursive_mutex back_lock;
 
 // Copies cell c of src to (dx, dy) of the back buffer.
 void blit(Skin& skin, cairo_surface_t* src, Cell c, int32_t dx, int32_t dy);

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "decoder/decoder.h"
 #include "library/instance.h"
 #include "library/playlist.h"
 #include "library/settings.h"
@@ -33,6 +34,9 @@
 #include "shell/plugins.h"
 #include "shell/skin.h"
 #include "shell/skin_draw.h"
+#include "shell/title.h"
+#include "shell/visual.h"
+#include "shell/visual_core.h"
 
 namespace shell {
 
@@ -172,30 +176,11 @@ std::string to_utf8(const char* bytes) {
   return out;
 }
 
-// Trailing blanks and zeros off a fixed field of the tag.
-std::string tag_field(const uint8_t* field, int32_t size) {
-  int32_t n = size;
-  while (n > 0 && (field[n - 1] == ' ' || field[n - 1] == 0)) --n;
-  std::string s(reinterpret_cast<const char*>(field), size_t(n));
-  size_t zero = s.find('\0');
-  return zero == std::string::npos ? s : s.substr(0, zero);
-}
-
-std::string title_text() {
+std::string entry_title() {
   int32_t index = library::playlist.current_entry.load(relaxed);
   if (!library::slot_used(index)) return {};
-  const char* path = library::playlist.entries[index].path;
-  std::string text = std::to_string(index + 1) + ".";
-  const session::StreamInfo stream = session::published_stream();
-  const uint8_t* tag = stream.tag_buffer;
-  if (cfg().tag_title && std::memcmp(tag, "TAG", 3) == 0) {
-    std::string artist = tag_field(tag + 33, 30), title = tag_field(tag + 3, 30);
-    if (!artist.empty()) text += artist + " - ";
-    if (!title.empty()) return to_utf8((text + title).c_str());
-  }
-  const char* name = std::strrchr(path, '/');
-  text += name && name[1] ? name + 1 : path;
-  return to_utf8(text.c_str());
+  return to_utf8(
+      title_text(index, library::playlist.entries[index].path, session::published_stream().tag_buffer, cfg().tag_title).c_str());
 }
 
 Face face() {
@@ -218,38 +203,83 @@ Face face() {
   f.has_entry = library::slot_used(library::playlist.current_entry.load(relaxed));
   f.bitrate_kbps = stream.bitrate_kbps;
   f.sample_rate_khz = stream.sample_rate_khz;
-  f.title = title_text();
+  f.title = entry_title();
   return f;
 }
 
+// Only the main thread may call the toolkit; the drawing threads come through post_invalidate.
+void require_main_thread() {
+  if (!on_main_thread()) {
+    std::fputs("tovra: a toolkit call off the main thread\n", stderr);
+    std::abort();
+  }
+}
+
 void invalidate() {
+  require_main_thread();
   if (app.area) gtk_widget_queue_draw(app.area);
+}
+
+std::atomic<int32_t> invalidate_pending{0};
+gboolean invalidate_from_idle(gpointer) {
+  invalidate_pending.store(0);
+  invalidate();
+  return G_SOURCE_REMOVE;
+}
+// Any thread: a repaint soon, one for many asks.
+void post_invalidate() {
+  if (invalidate_pending.exchange(1) == 0) g_idle_add(invalidate_from_idle, nullptr);
+}
+
+// The words the wave thread reads of the settings.
+void mirror_display_settings() {
+  if (app.first_paint_done) output::wave.render.store(cfg().render);
+  display_words.graphics.store(cfg().graphics);
+  display_words.rev_time.store(cfg().rev_time);
+}
+
+// The scroller runs while "Scroll" is on and the full face shows.
+void update_title_thread() {
+  if (cfg().scroll && cfg().style == 0 && app.first_paint_done)
+    start_title_thread();
+  else
+    stop_title_thread();
 }
 
 void set_window_title();
 
 void repaint_all() {
+  require_main_thread();
+  mirror_display_settings();
   set_window_title();
   repaint(app.skin, face());
   app.first_paint_done = true;
+  update_title_thread();
   invalidate();
 }
 
-// The caption (and the tray's tip): the entry's number and file name.
-// "N. name - TOVRA" for the entry playing, or the program's version with none.
+// The caption (and the tray's tip): the entry's number and file name, or the program's version.
 std::string entry_caption() {
   int32_t index = library::playlist.current_entry.load(relaxed);
-  if (!library::slot_used(index)) return "TOVRA version 1.10";
-  const char* path = library::playlist.entries[index].path;
-  const char* name = std::strrchr(path, '/');
-  return std::to_string(index + 1) + ". " + to_utf8(name && name[1] ? name + 1 : path) + " - TOVRA";
+  const bool used = library::slot_used(index);
+  return to_utf8(caption_text(index, used ? library::playlist.entries[index].path : "", used).c_str());
 }
 
+std::string window_caption = "TOVRA version 1.10";
+
+// With "FixedTitle" the caption keeps what it last said; the tray's tip is its first 64 bytes.
 void set_window_title() {
-  std::string caption = entry_caption();
-  gtk_window_set_title(GTK_WINDOW(app.window), caption.c_str());
+  require_main_thread();
+  if (!cfg().fixed_title) window_caption = entry_caption();
+  gtk_window_set_title(GTK_WINDOW(app.window), window_caption.c_str());
+  std::string tip = window_caption.substr(0, 64);
+  if (!g_utf8_validate(tip.c_str(), -1, nullptr)) {
+    const char* end = nullptr;
+    g_utf8_validate(tip.c_str(), -1, &end);
+    tip.resize(size_t(end - tip.c_str()));
+  }
   G_GNUC_BEGIN_IGNORE_DEPRECATIONS
-  if (app.tray) gtk_status_icon_set_tooltip_text(app.tray, caption.c_str());
+  if (app.tray) gtk_status_icon_set_tooltip_text(app.tray, tip.c_str());
   G_GNUC_END_IGNORE_DEPRECATIONS
 }
 
@@ -259,7 +289,9 @@ gboolean redraw_from_engine(gpointer) {
   if (!app.window) return G_SOURCE_REMOVE;
   if (what & 2) set_window_title();
   if (!gtk_widget_get_visible(app.window)) return G_SOURCE_REMOVE;
+  mirror_display_settings();
   Face f = face();
+  display_words.length.store(f.length);
   if (what & 2) draw_title(app.skin, f);
   if (what & 1) draw_time(app.skin, f);
   invalidate();
@@ -271,7 +303,6 @@ void request_redraw(int32_t what) {
   redraw_wanted.fetch_or(what);
   if (redraw_pending.exchange(1) == 0) g_idle_add(redraw_from_engine, nullptr);
 }
-void hook_draw_time() { request_redraw(1); }
 void hook_refresh_title(int32_t) { request_redraw(3); }
 void hook_title() { request_redraw(3); }
 void hook_set_title_display(int32_t) { request_redraw(3); }
@@ -287,6 +318,7 @@ gboolean on_query_tooltip(GtkWidget*, gint x, gint y, gboolean, GtkTooltip* tip,
 
 gboolean on_draw(GtkWidget*, cairo_t* cr, gpointer) {
   if (!app.skin.back) return TRUE;
+  std::lock_guard lock(back_lock);
   cairo_surface_flush(app.skin.back);
   if (scale() == 2) cairo_scale(cr, 2, 2);
   cairo_set_source_surface(cr, app.skin.back, 0, 0);
@@ -679,6 +711,7 @@ void command(int32_t id, int32_t tag) {
       output::wave.render.store(s.render);
       if (!s.render) g_usleep(67000);  // the visualiser's last frame is drawn by then
       repaint_all();
+      if (!s.render) clear_display();
       break;
     case CMD_CAPTURE:
       s.capture = !s.capture;
@@ -744,6 +777,7 @@ void command(int32_t id, int32_t tag) {
     case CMD_SCROLL:
       s.scroll = !s.scroll;
       app.scroll_resume = s.scroll;
+      update_title_thread();
       break;
     default:
       break;  // the converters' and editors' commands belong to their windows
@@ -989,6 +1023,7 @@ void double_click_at(int32_t rx, int32_t ry) {
         break;
       case DBL_REVTIME:
         cfg().rev_time = !cfg().rev_time;
+        mirror_display_settings();
         request_redraw(1);
         break;
       case DBL_IGNORE_UP:
@@ -1264,7 +1299,8 @@ std::string executable_folder() {
 void install_engine_hooks() {
   session::set_sink({sink_message, sink_box});
   session::set_window_open(session::WINDOW_MAIN, true);
-  output::wave_hooks.draw_time = hook_draw_time;
+  display_host.invalidate = post_invalidate;
+  mirror_display_settings();
   output::wave_hooks.refresh_title = hook_refresh_title;
   session::play_hooks.title_new_track = hook_title;
   session::play_hooks.title_next_entry = hook_title;
@@ -1282,6 +1318,7 @@ void install_engine_hooks() {
 }
 
 void destroy_main_window_state() {
+  stop_title_thread();
   if (session::stop_play() == 0) show_box(session::CAPTION_ERROR, STOP_TIMED_OUT_AT_EXIT, session::BOX_OK);
   if (!session::is_not_win9x()) unload_plugins();
   if (cfg().style & 6) {
@@ -1327,6 +1364,8 @@ int32_t create_main_window_state() {
     show_box(session::CAPTION_ERROR, INIT_FAILED, session::BOX_OK);
     return -1;
   }
+  install_display(app.skin);
+  install_title(app.skin);
   if (!session::is_not_win9x()) load_plugins((executable_folder() + "/Plugins").c_str());
   library::validate_start_entry();
   connect_menus();
@@ -1372,6 +1411,7 @@ int32_t process_entry(int argc, char** argv) {
 
   library::StartPlacement place;
   library::start_up_settings(command_line.c_str(), shift_held, work_area(), place);
+  decoder::init_decoder_tables();  // after the processor is known: it picks the synthesis variant
 
   app.window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   gtk_window_set_title(GTK_WINDOW(app.window), "TOVRA");

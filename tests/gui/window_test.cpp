@@ -358,4 +358,53 @@ TEST_F(Window, TrayRoundTripAndHotKey) {
   EXPECT_EQ(p.wait_exit(), 0);
 }
 
+// The mean brightness (0-1) of a rectangle of a screenshot.
+double brightness(const std::string& png, int x, int y, int w, int h) {
+  return std::atof(test::run_output("convert '" + png + "' -crop " + std::to_string(w) + "x" + std::to_string(h) + "+" +
+                                    std::to_string(x) + "+" + std::to_string(y) +
+                                    " +repage -colorspace gray -format '%[fx:mean]' info:")
+                       .c_str());
+}
+
+// The display and the title, drawn by the wave and title threads while a sine and then silence
+// play; a toolkit call from either thread would abort the program.
+TEST_F(Window, DisplayShowsTheSoundAndTheTitleScrolls) {
+  test::TempDir dir;
+  std::string wav = dir.file("tone.wav"), sine = dir.file("tone.mp3"), quiet = dir.file("quiet.mp3");
+  test::run("sox -q -n -r 44100 -c 2 -b 16 '" + wav + "' synth 40 sine 5000 vol 0.5");
+  test::run("lame --quiet -b 128 '" + wav + "' '" + sine + "'");
+  test::run("sox -q -n -r 44100 -c 2 -b 16 '" + wav + "' synth 40 sine 1000 vol 0");
+  test::run("lame --quiet -b 128 '" + wav + "' '" + quiet + "'");
+  Player p(dir);
+  mkdir((dir.file("cfg") + "/tovra").c_str(), 0700);
+  std::ofstream(p.ini()) << "[Settings]\nGraphics=2\n";
+  p.start({sine, quiet, "/P"});
+  EXPECT_TRUE(wait_until([&] { return p.position_ms() >= 2000; }));
+
+  // 5 kHz is bin 14.5 of the 128-point transform at 44.1 kHz: the columns there stand tall.
+  std::string spectrum = p.shot("display_spectrum_sine");
+  EXPECT_GT(brightness(spectrum, 36 + 13, 31, 3, 10), brightness(spectrum, 36 + 50, 31, 3, 10) + 0.2);
+
+  // The title moves and the time counts, also in the remaining mode.
+  std::string title = p.pixels(118, 29, 160, 20), time = p.pixels(115, 67, 27, 5);
+  EXPECT_TRUE(wait_until([&] { return p.pixels(118, 29, 160, 20) != title; }));
+  EXPECT_TRUE(wait_until([&] { return p.pixels(115, 67, 27, 5) != time; }));
+  p.double_click(125, 69);  // remaining time, in its own colour
+  std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+  p.shot("display_remaining");
+
+  p.click(41, 60);  // Level
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_GT(brightness(p.shot("display_level_sine"), 33, 32, 70, 16), 0.01);
+
+  // Silence: VU bars of length 0.
+  p.click(91, 60);
+  p.click(269, 79);  // next entry
+  EXPECT_TRUE(wait_until([&] { return p.caption() == "2. quiet.mp3 - TOVRA"; })) << p.caption();
+  // The wave thread draws once the device holds all it may: the format label shows then.
+  EXPECT_TRUE(wait_until([&] { return brightness(p.shot("display_vu_silence"), 34, 30, 60, 5) > 0.05; }));
+  EXPECT_EQ(brightness(p.shot("display_vu_silence"), 36, 37, 64, 9), 0.0);
+  EXPECT_TRUE(p.visible());
+}
+
 }  // namespace
