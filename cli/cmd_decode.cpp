@@ -1,4 +1,6 @@
-// tovra-cli decode IN OUT [--format raw|wav|aif|au|voc]: the file job from the command line.
+// tovra-cli decode IN OUT [--format raw|wav|aif|au|voc] [--no-gapless]: the file job from the command
+// line. By default the encoder delay and padding that an Info frame records are taken off, so that a
+// file encoded from a WAVE decodes to the WAVE's length; --no-gapless keeps every decoded sample.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -36,8 +38,11 @@ int cmd_decode(int argc, char** argv) {
   const char* in = nullptr;
   const char* out = nullptr;
   int32_t format = -1;
+  session::options.gapless = 1;
   for (int i = 0; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--format") == 0 && i + 1 < argc) {
+    if (std::strcmp(argv[i], "--no-gapless") == 0) {
+      session::options.gapless = 0;
+    } else if (std::strcmp(argv[i], "--format") == 0 && i + 1 < argc) {
       ++i;
       for (int32_t f = 0; f < 5; ++f)
         if (std::strcmp(argv[i], format_names[f]) == 0) format = f;
@@ -55,7 +60,7 @@ int cmd_decode(int argc, char** argv) {
     }
   }
   if (!in || !out) {
-    std::fputs("usage: tovra-cli decode IN OUT [--format raw|wav|aif|au|voc]\n", stderr);
+    std::fputs("usage: tovra-cli decode IN OUT [--format raw|wav|aif|au|voc] [--no-gapless]\n", stderr);
     return 2;
   }
   session::options.ext_filter = format >= 0 ? format : format_from_extension(out);

@@ -1,8 +1,6 @@
 // tovra-cli info [--frames] FILE...: the facts open_stream finds (with the wrapper around the
-// audio, the tail tag and the RIFF LIST INFO items), and with --frames each frame's header as the
-// frame reader sees it.
-#include <iconv.h>
-
+// audio, the tail tag, the ID3v2 texts and the RIFF LIST INFO items), and with --frames each
+// frame's header as the frame reader sees it, with the count and length of the frames walked.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -11,15 +9,21 @@
 
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "library/id3.h"
 #include "session/messages.h"
 #include "session/session.h"
 #include "session/stream.h"
+#include "tools/wave.h"
 
 namespace cli {
 
 namespace {
 
 constexpr const char* mode_names[4] = {"stereo", "joint stereo", "dual channel", "single channel"};
+constexpr const char* vbr_names[4] = {"none", "Xing", "Info", "VBRI"};
+
+// MPEG-2.5's rates (8000-12000 Hz) lie below every MPEG-2 rate.
+const char* version_name(int32_t id, int32_t hz) { return id ? "MPEG-1" : hz < 16000 ? "MPEG-2.5" : "MPEG-2"; }
 
 // The RIFF item identifiers of list_info's slots (slot 6 holds "ISFT" or "IPCD").
 constexpr const char* info_names[session::LIST_INFO_SLOTS] = {"INAM", "IART", "ICMT", "IGNR", "ICRD",
@@ -39,22 +43,6 @@ std::string wrapper_text(int32_t bits) {
   return text.empty() ? "none" : text;
 }
 
-// Item texts are code page 932 bytes: shown as UTF-8, or as they are when they do not convert.
-std::string from_cp932(const std::string& bytes) {
-  iconv_t cd = iconv_open("UTF-8", "CP932");
-  if (cd == iconv_t(-1)) return bytes;
-  std::string out(bytes.size() * 3 + 4, '\0');
-  char* in = const_cast<char*>(bytes.data());
-  size_t in_left = bytes.size();
-  char* to = out.data();
-  size_t to_left = out.size();
-  size_t r = iconv(cd, &in, &in_left, &to, &to_left);
-  iconv_close(cd);
-  if (r == size_t(-1)) return bytes;
-  out.resize(out.size() - to_left);
-  return out;
-}
-
 // Prints the LIST INFO items that open_stream recorded; the file position is restored.
 void print_list_info() {
   long at = std::ftell(session::reader.file);
@@ -69,7 +57,8 @@ void print_list_info() {
     item.resize(std::strlen(item.c_str()));  // the text ends at its first zero byte
     for (char& c : item)
       if (uint8_t(c) < 32) c = ' ';
-    std::printf("info %s: %s\n", info_names[slot], from_cp932(item).c_str());
+    // Item texts are code page 932 bytes.
+    std::printf("info %s: %s\n", info_names[slot], library::from_cp932(item).c_str());
   }
   std::fseek(session::reader.file, at, SEEK_SET);
 }
@@ -77,23 +66,49 @@ void print_list_info() {
 void print_frames() {
   session::FrameHeader h;
   int32_t index = 0;
+  std::fseek(session::reader.file, session::stream.data_start, SEEK_SET);
   for (;;) {
-    long offset = std::ftell(session::reader.file);
     int32_t code = session::read_frame(h);
     if (code != session::FRAME_OK && code != session::FRAME_LAYER1) {
       std::printf("end: code %d\n", code);
-      return;
+      break;
     }
-    offset = std::ftell(session::reader.file) - 4;
-    int32_t kbps = session::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
-    int32_t hz = session::sample_rate_table[h.id * 3 + h.sampling_index];
+    const long offset = std::ftell(session::reader.file) - 4;
     int32_t length = session::frame_length(h);
-    std::printf("frame %d: offset %ld, MPEG-%d Layer %d, %d kbit/s, %d Hz, %s, %d bytes%s\n", index, offset,
-                h.id ? 1 : 2, 4 - h.layer_code, kbps, hz, mode_names[h.mode], length, h.protection_bit ? "" : ", CRC");
+    std::printf("frame %d: offset %ld, %s Layer %d, %d kbit/s%s, %d Hz, %s, %d bytes%s\n", index, offset,
+                version_name(h.id, session::header_hz(h)), 4 - h.layer_code, session::header_kbps(h),
+                h.bitrate_index == 0 ? " (free format)" : "", session::header_hz(h), mode_names[h.mode], length,
+                h.protection_bit ? "" : ", CRC");
     // A header whose length is shorter than itself (Layer I free format) is stepped over.
     if (length > 4) std::fseek(session::reader.file, offset + length, SEEK_SET);
     ++index;
   }
+  session::FrameWalk walk;
+  session::walk_frames(session::stream.data_start, session::stream.data_end, 0, walk, nullptr);
+  std::printf("frames: %d\ndamaged: %d\nduration: %.2f\n", walk.frames, walk.damaged, walk.seconds);
+}
+
+// Describes a PCM or float WAVE file from its header, or says why the tools refuse it. False when
+// the file is no such WAVE (MPEG audio in a RIFF wrapper among them): the MPEG facts are looked for.
+bool describe_wave(const char* path, int& failed) {
+  tools::WaveHeader h;
+  const int32_t code = tools::probe_wave_file(path, h);
+  const bool pcm_refused = h.problem == tools::WAVE_PROBLEM_CHANNELS || h.problem == tools::WAVE_PROBLEM_BITS ||
+                           h.problem == tools::WAVE_PROBLEM_RATE;
+  if (code != tools::WAVE_OK && !pcm_refused) return false;
+  if (code != tools::WAVE_OK) {
+    char text[256];
+    std::fprintf(stderr, "tovra-cli info: '%s': %s\n", path, tools::wave_problem_text(code, h, text, sizeof text));
+    ++failed;
+    return true;
+  }
+  const int64_t frames = h.data_size / uint32_t(h.block_align);
+  std::printf("file: %s\nformat: WAVE %s\nsample_rate: %d Hz\nchannels: %d\n", path, h.is_float ? "IEEE float" : "PCM",
+              h.rate, h.channels);
+  std::printf("bits: %d", h.bits);
+  if (h.valid_bits != h.bits) std::printf(" (%d used)", h.valid_bits);
+  std::printf("\nframes: %lld\nlength: %.3f s\n", static_cast<long long>(frames), double(frames) / h.rate);
+  return true;
 }
 
 }  // namespace
@@ -112,6 +127,7 @@ int cmd_info(int argc, char** argv) {
     if (std::strcmp(argv[i], "--frames") == 0) continue;
     ++files;
     const char* path = argv[i];
+    if (describe_wave(path, failed)) continue;
     session::reader.file = std::fopen(path, "rb");
     if (!session::reader.file) {
       std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, path);
@@ -137,14 +153,27 @@ int cmd_info(int argc, char** argv) {
     std::printf("wrapper: %s\ntag: %s\n", wrapper_text(session::stream_wrapper).c_str(),
                 session::stream_wrapper & session::WRAP_TAG ? "yes" : "no");
     print_list_info();
-    std::printf("format: MPEG-%d Layer %d\n", s.mpeg_id ? 1 : 2, s.layer);
-    std::printf("bitrate: %d kbit/s\nsample_rate: %d Hz\nmode: %s\nmode_ext: %d\n", s.bitrate_kbps, s.sample_rate,
-                mode_names[s.mode & 3], s.mode_ext);
+    if (s.id3v2_start >= 0) {
+      const session::Id3v2Text text = session::read_id3v2_text(session::reader.file, s.id3v2_start);
+      if (!text.title.empty()) std::printf("title: %s\n", text.title.c_str());
+      if (!text.artist.empty()) std::printf("artist: %s\n", text.artist.c_str());
+      if (!text.album.empty()) std::printf("album: %s\n", text.album.c_str());
+    }
+    std::printf("format: %s Layer %d\n", version_name(s.mpeg_id, s.sample_rate), s.layer);
+    if (s.free_format) {
+      std::printf("bitrate: free format, %d kbit/s\n", s.bitrate_kbps);
+    } else {
+      std::printf("bitrate: %d kbit/s\n", s.bitrate_kbps);
+    }
+    std::printf("sample_rate: %d Hz\nmode: %s\nmode_ext: %d\n", s.sample_rate, mode_names[s.mode & 3], s.mode_ext);
     std::printf("protection: %d\nprivate: %d\ncopyright: %d\noriginal: %d\nemphasis: %d\n", s.protection, s.private_bit,
                 s.copyright, s.original, s.emphasis_mode);
     std::printf("data_start: %d\ndata_end: %d\nfile_size: %d\ndata_size: %d\n", s.data_start, s.data_end, s.file_size,
                 s.data_size);
-    std::printf("frame_bytes: %d\nframe_count: %d\nplay_seconds: %d\n", s.frame_bytes, s.frame_count, s.play_seconds);
+    std::printf("frame_bytes: %d\nframe_count: %d\nplay_seconds: %.2f\nvbr_header: %s\n", s.frame_bytes, s.frame_count,
+                s.total_seconds, vbr_names[s.vbr_kind & 3]);
+    if (s.encoder_delay >= 0)
+      std::printf("encoder_delay: %d\nencoder_padding: %d\n", s.encoder_delay, s.encoder_padding);
     if (frames) print_frames();
     std::fclose(session::reader.file);
     session::reader.file = nullptr;

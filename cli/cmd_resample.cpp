@@ -1,7 +1,7 @@
 // tovra-cli resample IN OUT --rate HZ [--bits 8|16] [--channels 1|2] [--quality Q]: the
-// high-quality resampler from the command line. Bits and channels default to the input's, the
-// quality to 21 taps of the sinc. Ctrl+C cancels the job like the progress window's Cancel: the
-// partial output is removed.
+// high-quality resampler from the command line. Bits and channels default to the input's (16 bits
+// for inputs wider than that), the quality to 21 taps of the sinc. Ctrl+C cancels the job like the progress window's
+// Cancel: the partial output is removed.
 #include <sys/stat.h>
 
 #include <atomic>
@@ -52,27 +52,6 @@ bool same_file(const char* a, const char* b) {
   return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
-// The input's bits and channels, for the defaults; false when its header can't be read (the job's
-// start then says why).
-bool input_format(const char* path, int32_t& bits, int32_t& channels) {
-  std::FILE* f = std::fopen(path, "rb");
-  if (!f) return false;
-  uint8_t head[tools::WAVE_PARSE_LIMIT];
-  int32_t got = int32_t(std::fread(head, 1, sizeof head, f));
-  std::fclose(f);
-  for (int32_t length = tools::WAVE_PARSE_STEP; length < tools::WAVE_PARSE_LIMIT; length += tools::WAVE_PARSE_STEP) {
-    int32_t rate, b, c, offset;
-    uint32_t size;
-    int32_t code = tools::parse_wave_header(head, length < got ? length : got, rate, b, c, size, offset);
-    if (code == tools::WAVE_CHUNK_ERROR) continue;
-    if (code != tools::WAVE_OK || (b != 8 && b != 16) || (c != 1 && c != 2)) return false;
-    bits = b;
-    channels = c;
-    return true;
-  }
-  return false;
-}
-
 constexpr const char* USAGE =
     "usage: tovra-cli resample IN OUT --rate HZ [--bits 8|16] [--channels 1|2] [--quality Q]\n";
 
@@ -120,12 +99,23 @@ int cmd_resample(int argc, char** argv) {
     std::fprintf(stderr, "%s: 入力と出力で同じ名前は使えません\n", session::CAPTION);
     return 2;
   }
-  int32_t in_bits = 16, in_channels = 2;
-  input_format(in, in_bits, in_channels);
-  if (bits == 0) bits = in_bits;
-  if (channels == 0) channels = in_channels;
-
   install_console(0);
+  // The input is looked at first, so that a refusal can say what the file is and why.
+  tools::WaveHeader header;
+  int32_t probed = tools::probe_wave_file(in, header);
+  if (probed == tools::WAVE_READ_ERROR) {
+    std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, in);
+    return 1;
+  }
+  if (probed != tools::WAVE_OK) {
+    char text[256];
+    session::message_box(session::CAPTION_ERROR, tools::wave_problem_text(probed, header, text, sizeof text));
+    return 1;
+  }
+  // Wider inputs than 16 bits come out in 16, the widest the writer makes.
+  if (bits == 0) bits = header.bits == 8 ? 8 : 16;
+  if (channels == 0) channels = header.channels;
+
   console.on_message = on_resample_message;
   job_result.store(-1);
   cancel_job_on_interrupt(true);

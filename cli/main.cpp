@@ -22,6 +22,7 @@ constexpr Command commands[] = {
     {"resample", cli::cmd_resample,
      "resample IN OUT --rate HZ [--bits 8|16] [--channels 1|2] [--quality Q]   WAVE to WAVE"},
     {"split", cli::cmd_split, "split IN OUT                 audio of an MPEG-1 system stream"},
+    {"tag", cli::cmd_tag, "tag FILE [--title T ...|--delete|--show]   the ID3v1 tag at the file's end"},
 };
 
 void usage(std::FILE* to) {

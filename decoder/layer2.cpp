@@ -8,11 +8,9 @@
 // factor, formed once per subband and part.
 //
 // Decisions of this decoder that differ from the standard, all kept on purpose:
-// - The frame size is frame_size_table's, K * kbit/s / Hz with K = 144000 for MPEG-1 and 72000 for
-//   MPEG-2; for MPEG-2 streams that is half the real frame, and the reader's sync search picks up
-//   the next header.
-// - The table is chosen by the exact per-channel rate. A rate that no table lists (16, 24, 28 or
-//   40 kbit/s per channel, free format, a stray Layer I header's rates) gives a damaged frame: it is
+// - The table is chosen by the exact per-channel rate; free format takes the table that lists free
+//   format for its sampling rate (B.2a at 48 kHz, B.2b at 44.1 and 32 kHz). A rate that no table
+//   lists (16, 24, 28 or 40 kbit/s per channel, a stray Layer I header's rates) gives a damaged frame: it is
 //   decoded as if every allocation code were 0, so the output is the ring's fading history followed
 //   by silence, and damaged_flag is raised.
 // - Above the joint bound both channels get channel 0's samples with channel 0's scale factors;
@@ -236,10 +234,7 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   int32_t kbps = 0;
   if (header_ok) {
     kbps = session::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
-    // K * kbit/s / Hz with K by the ID bit for every layer: half the real frame for MPEG-2.
-    const int32_t frame_bytes =
-        session::frame_size_table[((h.id * 3 + h.sampling_index) * 3 - h.layer_code) * 15 + h.bitrate_index];
-    session::load_reservoir(frame_bytes + h.padding_bit - (h.protection_bit ? 4 : 6));
+    session::load_reservoir(session::frame_length(h) - (h.protection_bit ? 4 : 6));
   }
 
   // 2. Channels and the joint bound.
@@ -249,7 +244,10 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   int32_t bound = h.mode == 1 ? (h.mode_ext & 3) * 4 + 4 : 32;
 
   // 3. The table; none listed means a damaged frame, decoded as all codes 0.
-  const int32_t table = header_ok ? choose_table(h.id, h.sampling_index, channel_kbps) : -1;
+  const int32_t free_table = h.id == 0 ? ALLOC_LSF : h.sampling_index == 1 ? ALLOC_A : ALLOC_B;
+  const int32_t table = !header_ok             ? -1
+                        : h.bitrate_index == 0 ? free_table
+                                               : choose_table(h.id, h.sampling_index, channel_kbps);
   if (table < 0) state.damaged_flag.store(1, std::memory_order_relaxed);
   const int32_t sblimit = table < 0 ? 0 : allocation_sblimit[table];
   const uint8_t* field_bits = table < 0 ? nullptr : allocation_bits[table];

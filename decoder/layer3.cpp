@@ -24,7 +24,10 @@ void reset_layer3_state() {
 }
 
 int32_t decode_layer3_frame(const session::FrameHeader& h) {
-  session::state.decoded_channels = h.mode == 3 ? 1 : 2;
+  // The output keeps the first frame's channel count, which the output file or device was opened
+  // with; a stream that joins parts of other modes must not change it midway.
+  if (!l3.out_channels) l3.out_channels = h.mode == 3 ? 1 : 2;
+  session::state.decoded_channels = l3.out_channels;
   read_side_info(h, l3.side);
 
   // The frame's main data starts main_data_begin bytes before where this frame's bytes land. The
@@ -32,7 +35,7 @@ int32_t decode_layer3_frame(const session::FrameHeader& h) {
   // behind it decodes whatever the ring contains.
   session::bits.reservoir_bits =
       uint32_t((session::bits.reservoir_write - l3.side.main_data_begin) & (session::RESERVOIR_SIZE - 1)) * 8;
-  const int32_t row = (h.id & 1) * 3 + (h.sampling_index < 3 ? h.sampling_index : 0);
+  const int32_t row = sfb_row(h.id & 1, h.sampling_index);
   // The frame's size with padding, less the header, CRC and side information already read.
   session::load_reservoir(session::frame_length(h) - session::head_and_side_bytes(h));
 

@@ -50,15 +50,21 @@ struct Layer3State {
   int32_t quant_lines[2][578];    // two guard words take the pair and quad writes at the end
   int32_t line_count[2];          // lines the Huffman decoder reached
   int32_t intensity_scale;        // low sampling frequencies, intensity frames
-  int32_t intensity_limit[22];    // per band of channel 1, LSF intensity frames: 2 to the slen, minus 1
-  int32_t lsf_slen[4];            // kept from frame to frame: an out-of-range compress value reuses them
-  const int32_t* sfb_long;        // rows of the band tables, chosen per frame
+  // Per band of channel 1 in LSF intensity frames, long and short: the illegal position, 2 to the
+  // slen minus 1. Such a band is not an intensity band.
+  int32_t intensity_limit[22];
+  int32_t intensity_limit_short[13];
+  int32_t lsf_slen[4];      // kept from frame to frame: an out-of-range compress value reuses them
+  const int32_t* sfb_long;  // rows of the band tables, chosen per frame
   const int32_t* sfb_short;
-  int32_t table_row;  // id * 3 + sampling_index
+  int32_t table_row;  // sfb_row of the frame
 
   alignas(16) float hybrid_in[2][576];  // dequantised lines, short blocks reordered
   alignas(16) float overlap[2][32][18];
   int32_t active_subbands;
+  // Channels of the output, fixed by the stream's first frame (0 before it): a later frame with
+  // another channel count is duplicated or mixed to fit.
+  int32_t out_channels;
 };
 
 extern Layer3State l3;
@@ -84,6 +90,7 @@ void dequantise_stereo(const session::FrameHeader& header, int32_t granule);
 // overlap is added, overlap gets the second half. kind: 0 long, 1 start, 2 stop.
 void imdct36(float* in, float* out, float* overlap, int32_t kind);
 void imdct12x3(const float* in, float* out, float* overlap);
-void alias_reduce(float* lines);
+// Alias reduction between subbands 0 and 1, ... up to the given count of boundaries (1-31).
+void alias_reduce(float* lines, int32_t boundaries);
 
 }  // namespace decoder

@@ -5,8 +5,8 @@
 // repeats its first bytes, so there is no wrap test and no per-bit loop. The scale factors read
 // through a local copy of the position; the Huffman loops through a 64-bit cache refilled ahead of
 // the decoding, with the start-up tables of layer3_tables.h (a direct look-up for codes of up to
-// eight bits, a finer index for the rest). Corrupt data cannot push a read out
-// of the ring: positions are masked to 15 bits and every store index is bounded.
+// ten bits, an eight-bit index into the list for the rest). Corrupt data cannot push a read out of
+// the ring: positions are masked to 15 bits and every store index is bounded.
 #include <cstring>
 
 #include "decoder/layer3.h"
@@ -230,7 +230,7 @@ int32_t scalefactors_mpeg1(Cursor& c, const SideInfo& si, int32_t gr, int32_t ch
 int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si, int32_t ch) {
   const int32_t gc = ch;  // one granule
   const int32_t compress = si.scalefac_compress[gc];
-  const bool intensity = ch == 1 && (h.mode_ext == 1 || h.mode_ext == 3);
+  const bool intensity = ch == 1 && h.mode == 1 && (h.mode_ext & 1);
   int32_t* slen = l3.lsf_slen;
   int32_t row = 0;
   si.preflag[gc] = 0;
@@ -284,6 +284,8 @@ int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si,
 
   int32_t* sl = l3.scalefac_long[gc];
   int32_t* ss = l3.scalefac_short[gc];
+  int32_t* limit_long = l3.intensity_limit;
+  int32_t* limit_short = l3.intensity_limit_short;
   int32_t count = 0;
   if (!is_short_block(si, gc)) {
     const int32_t* counts = lsf_sfb_counts[row][0];
@@ -291,49 +293,38 @@ int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si,
     for (int32_t i = 0; i < 4; ++i)
       for (int32_t j = 0; j < counts[i] && band < 21; ++j) {
         sl[band] = int32_t(c.get_or_zero(slen[i]));
-        if (intensity) l3.intensity_limit[band] = (1 << slen[i]) - 1;
+        limit_long[band] = (1 << slen[i]) - 1;
         count += slen[i];
         ++band;
       }
-    for (; band < 22; ++band) sl[band] = 0;
+    for (; band < 22; ++band) sl[band] = limit_long[band] = 0;
     return count;
   }
 
-  int32_t* counts;
+  // Short counts are band-window entries, three to a band. A mixed block's first group starts with
+  // the six long bands below line 36; the rest of that group is short entries from band 3.
+  const bool mixed = si.mixed_block[gc];
+  const int32_t* counts = lsf_sfb_counts[row][mixed ? 2 : 1];
   int32_t band = 0;
-  if (si.mixed_block[gc]) {
-    counts = lsf_sfb_counts[row][2];
-    const int32_t s1 = slen[0];
-    if (s1 != 0) {
-      // The first read's second-highest group is dropped and band 1 is read on its own, so s1 more
-      // bits go than are counted; the end-of-granule correction puts the position right.
-      uint32_t v = c.get(6 * s1);
-      const uint32_t mask = (1u << s1) - 1;
-      for (int32_t b = 5; b >= 2; --b) {
-        sl[b] = int32_t(v & mask);
-        v >>= s1;
-      }
-      sl[1] = int32_t(c.get(s1));
-      sl[0] = int32_t(v >> s1);
-      count += 6 * s1;
-    }
-    // With s1 = 0 the six long entries keep their last values.
-    // The stored count loses the six long bands, in the table itself, so the loss repeats at every
-    // mixed block of this row. Below 0 the count would run the reading loop out of its arrays; it
-    // stays at 0, which is what the first block of rows 0, 3, 4 and 5 sees.
-    counts[0] = counts[0] > 6 ? counts[0] - 6 : 0;
+  int32_t first_count = counts[0];
+  if (mixed) {
+    read_group(c, sl, 6, slen[0]);
+    for (int32_t b = 0; b < 6; ++b) limit_long[b] = (1 << slen[0]) - 1;
+    count += 6 * slen[0];
+    first_count -= 6;
     band = 3;
-  } else {
-    counts = lsf_sfb_counts[row][1];
   }
   for (int32_t i = 0; i < 4; ++i) {
-    for (int32_t n = counts[i]; n > 0 && band < 12; n -= 3, ++band) {
+    for (int32_t n = i ? counts[i] : first_count; n > 0 && band < 12; n -= 3, ++band) {
       for (int32_t w = 0; w < 3; ++w) ss[band * 3 + w] = int32_t(c.get_or_zero(slen[i]));
-      if (intensity) l3.intensity_limit[band] = (1 << slen[i]) - 1;
+      limit_short[band] = (1 << slen[i]) - 1;
       count += 3 * slen[i];
     }
   }
-  for (; band < 13; ++band) ss[band * 3] = ss[band * 3 + 1] = ss[band * 3 + 2] = 0;
+  for (; band < 13; ++band) {
+    ss[band * 3] = ss[band * 3 + 1] = ss[band * 3 + 2] = 0;
+    limit_short[band] = 0;
+  }
   return count;
 }
 
@@ -343,25 +334,26 @@ int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si,
 template <bool kLinbits>
 int32_t decode_pairs(Cursor& c, int32_t table, int32_t pos, int32_t end, int32_t* q, int32_t& x, int32_t& y) {
   const int32_t linbits = kLinbits ? linbits_table[table] : 0;
-  const uint16_t* fast8 = huffman_fast8[table];
+  const uint16_t* fast = huffman_fast[table];
   BitCache b(c.pos);
   int32_t vx = x, vy = y;
   for (; pos < end; pos += 2) {
     b.refill();
     const uint32_t window = b.top();
-    const uint32_t fast = fast8[window >> 24];
-    const uint32_t w = fast ? fast : find_word8(table, window & 0xFFFFE000u);
+    const uint32_t hit = fast[window >> (32 - HUFFMAN_FAST_BITS)];
+    const uint32_t w = hit ? hit : find_word8(table, window & 0xFFFFE000u);
     const int32_t len = int32_t((w >> 8) & 31);
     vx = int32_t((w >> 4) & 15);
     vy = int32_t(w & 15);
     if (!kLinbits || (vx != 15 && vy != 15)) {
       // Sign bits follow the non-zero values; taken without branches, as they are unpredictable.
+      // (v + 15) >> 4 is 1 for v of 1 to 15, 0 for 0: plain arithmetic, no flags to keep.
       uint32_t rest = window << len;
-      const int32_t has_x = vx != 0, has_y = vy != 0;
-      const int32_t neg_x = -int32_t((rest >> 31) & uint32_t(has_x));
+      const uint32_t has_x = uint32_t(vx + 15) >> 4, has_y = uint32_t(vy + 15) >> 4;
+      const int32_t neg_x = -int32_t((rest >> 31) & has_x);
       rest <<= has_x;
-      const int32_t neg_y = -int32_t((rest >> 31) & uint32_t(has_y));
-      b.skip(len + has_x + has_y);
+      const int32_t neg_y = -int32_t((rest >> 31) & has_y);
+      b.skip(len + int32_t(has_x + has_y));
       q[pos] = (vx ^ neg_x) - neg_x;
       q[pos + 1] = (vy ^ neg_y) - neg_y;
       continue;
@@ -414,7 +406,8 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
     bound[0] = sfb_long[si.region0_count[gc]] + 1;
     bound[1] = (r1 < SFB_LONG_BANDS ? sfb_long[r1] : 575) + 1;
   } else {
-    bound[0] = si.block_type[gc] == 2 && !si.mixed_block[gc] ? l3.sfb_short[2] * 3 + 3 : sfb_long[7] + 1;
+    // Region 0 of a mixed block is its long part, 36 lines at every rate.
+    bound[0] = si.block_type[gc] != 2 ? sfb_long[7] + 1 : si.mixed_block[gc] ? 36 : l3.sfb_short[2] * 3 + 3;
     bound[1] = big_end;
   }
   bound[0] = bound[0] < big_end ? bound[0] : big_end;
@@ -440,16 +433,17 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
     }
   }
 
-  // Count-1 quads until the granule's bits are used up. A quad that overshoots stays.
+  // Count-1 quads until the granule's bits are used up. A quad that ends beyond them is not part of
+  // the granule and is dropped.
   const int32_t quad_table = 32 + si.count1table_select[gc];
   BitCache b(c.pos);
   int32_t used = int32_t((b.pos() - huffman_start) & session::RESERVOIR_BIT_MASK);
-  const uint16_t* quad_fast8 = huffman_fast8[quad_table];
+  const uint16_t* quad_fast = huffman_fast[quad_table];
   while (pos < 576 && used < target) {
     b.refill();
     const uint32_t window = b.top();
-    const uint32_t fast = quad_fast8[window >> 24];
-    const uint32_t w = fast ? fast : find_word8(quad_table, window & 0xFFFFE000u);
+    const uint32_t hit = quad_fast[window >> (32 - HUFFMAN_FAST_BITS)];
+    const uint32_t w = hit ? hit : find_word8(quad_table, window & 0xFFFFE000u);
     // At most 6 code bits and 4 sign bits: all within the window.
     int32_t n = int32_t((w >> 8) & 31);
     uint32_t rest = window << n;
@@ -463,6 +457,10 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
     b.skip(n);
     used += n;
     pos += 4;
+    if (used > target) {
+      pos -= 4;
+      q[pos] = q[pos + 1] = q[pos + 2] = q[pos + 3] = 0;
+    }
   }
   if (pos > 576) pos = 576;
   l3.line_count[ch] = pos;

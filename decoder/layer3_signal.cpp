@@ -23,8 +23,8 @@ inline bool is_short_block(const SideInfo& si, int32_t gc) { return si.window_sw
 
 inline float band_gain(int32_t e) { return e >= 0 && e <= 254 ? gain_table[e] : 0.0f; }
 
-// q of 8192 and above wraps into the negative half, as the table's index is taken modulo its size.
-inline float pow43(int32_t q) { return pow43_table[(q + 8192) & (POW43_SIZE - 1)]; }
+// The Huffman decoder bounds every line to +-POW43_MAX.
+inline float pow43(int32_t q) { return pow43_table[q + POW43_MAX]; }
 
 // Dequantises one channel's lines [0, line_count) in stream order into dst; the rest is zero.
 void dequantise_lines(int32_t gr, int32_t ch, float* dst) {
@@ -87,17 +87,17 @@ inline void mid_side(float* l, float* r, int32_t from, int32_t to) {
   }
 }
 
-// One intensity band, lines [from, to): position p from channel 1's scale factor. In MPEG-1 a
-// position of 7 (and up: not a position) or one equal to the band's limit falls back to the plain
-// path. The limit is only written by LSF frames and is otherwise 0, so position 0 falls back too,
-// in place of sending all of the signal right: a long-standing oddity that is kept.
+// One intensity band, lines [from, to): position p from channel 1's scale factor. An illegal
+// position makes the band an ordinary one (mid/side or plain as mode_ext says): 7 in MPEG-1 (and the
+// values above it, which four-bit scale factors can hold but which name no position), the band's
+// largest scale factor value (limit) in LSF.
 inline void intensity_band(const session::FrameHeader& h, float* l, float* r, int32_t from, int32_t to, int32_t p,
                            int32_t limit, bool ms) {
+  if (h.id ? p >= 7 : p == limit) {
+    if (ms) mid_side(l, r, from, to);
+    return;
+  }
   if (h.id) {
-    if (p >= 7 || p == limit) {
-      if (ms) mid_side(l, r, from, to);
-      return;
-    }
     const float kr = is_ratio_table[p];
     const float kl = 1.0f - kr;
     for (int32_t i = from; i < to; ++i) {
@@ -164,24 +164,28 @@ void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
   const int32_t lc0 = l3.line_count[0], lc1 = l3.line_count[1];
   const bool short0 = is_short_block(si, g0);
 
+  // Rows to transform: enough for the higher of the two line counts in either channel's layout.
+  const int32_t c = lc0 > lc1 ? lc0 : lc1;
+  const int32_t a0 = active_from(short0, c), a1 = active_from(is_short_block(si, g1), c);
+  l3.active_subbands = a0 > a1 ? a0 : a1;
   if (!intensity) {
-    const int32_t c = lc0 > lc1 ? lc0 : lc1;
     if (ms) mid_side(l, r, 0, c);  // above c both channels are zero
-    l3.active_subbands = active_from(short0, c);
   } else {
     const int32_t* sfb_long = l3.sfb_long;
     const int32_t* q1 = l3.quant_lines[1];
     const int32_t* limit = l3.intensity_limit;
     if (!is_short_block(si, g1)) {
       // Long block: the band holding channel 1's last non-zero line ends the plain part. With no
-      // such line the bound is the end of band 0.
+      // such line every band is an intensity band.
       const int32_t last = last_nonzero(q1, 0, lc1);
-      const int32_t first_band = long_band_of(sfb_long, last < 0 ? 0 : last);
-      const int32_t bound = sfb_long[first_band] + 1;
-      if (ms) mid_side(l, r, 0, bound);
+      const int32_t first_band = last < 0 ? -1 : long_band_of(sfb_long, last);
+      if (ms && last >= 0) mid_side(l, r, 0, sfb_long[first_band] + 1);
+      // The top band has no scale factor of its own and takes the position of the band below.
       const int32_t* sl1 = l3.scalefac_long[g1];
-      for (int32_t b = first_band + 1; b < SFB_LONG_BANDS; ++b)
-        intensity_band(h, l, r, sfb_long[b - 1] + 1, sfb_long[b] + 1, sl1[b], limit[b], ms);
+      for (int32_t b = first_band + 1; b < SFB_LONG_BANDS; ++b) {
+        const int32_t k = b < SFB_LONG_BANDS - 1 ? b : b - 1;
+        intensity_band(h, l, r, b ? sfb_long[b - 1] + 1 : 0, sfb_long[b] + 1, sl1[k], limit[k], ms);
+      }
     } else {
       // Short block: per window, the first band above the last one holding a non-zero line.
       const int32_t* sfb_short = l3.sfb_short;
@@ -202,7 +206,7 @@ void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
         if (bound_band[0] < 0 && bound_band[1] < 0 && bound_band[2] < 0) {
           // Nothing in the short part: the long search over the first 36 lines decides.
           const int32_t last = last_nonzero(q1, 0, lc1 < 36 ? lc1 : 36);
-          long_bound = sfb_long[long_band_of(sfb_long, last < 0 ? 0 : last)] + 1;
+          long_bound = last < 0 ? 0 : sfb_long[long_band_of(sfb_long, last)] + 1;
         } else {
           long_bound = 36;
         }
@@ -212,11 +216,6 @@ void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
         for (int32_t w = 0; w < 3; ++w)
           if (bound_band[w] < 0) bound_band[w] = 0;
       }
-      if (h.id) {
-        int32_t m = bound_band[0] > bound_band[1] ? bound_band[0] : bound_band[1];
-        m = m > bound_band[2] ? m : bound_band[2];
-        bound_band[0] = bound_band[1] = bound_band[2] = m;
-      }
       if (mixed) {
         if (ms) mid_side(l, r, 0, long_bound);
         const int32_t* sl1 = l3.scalefac_long[g1];
@@ -225,31 +224,33 @@ void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
           if (from >= long_bound) intensity_band(h, l, r, from, sfb_long[b] + 1, sl1[b], limit[b], ms);
         }
       }
+      // Each window has its own bound; the top band takes the position of the band below.
       const int32_t* ss1 = l3.scalefac_short[g1];
+      const int32_t* limit_short = l3.intensity_limit_short;
       for (int32_t b = first_short; b < SFB_SHORT_BANDS; ++b) {
         const int32_t width = (start[b + 1] - start[b]) / 3;
+        const int32_t k = b < SFB_SHORT_BANDS - 1 ? b : b - 1;
         for (int32_t w = 0; w < 3; ++w) {
           const int32_t from = start[b] + w * width;
           if (b < bound_band[w]) {
             if (ms) mid_side(l, r, from, from + width);
           } else {
-            intensity_band(h, l, r, from, from + width, ss1[b * 3 + w], limit[b], ms);
+            intensity_band(h, l, r, from, from + width, ss1[k * 3 + w], limit_short[k], ms);
           }
         }
       }
     }
-    l3.active_subbands = active_from(short0, lc0);
   }
   if (short0) reorder_short(g0, l);
   if (is_short_block(si, g1)) reorder_short(g1, r);
 }
 
-void alias_reduce(float* x) {
+void alias_reduce(float* x, int32_t boundaries) {
   static constexpr float cs[8] = {0.8574929f, 0.881742f,  0.94962865f, 0.9833146f,
                                   0.9955178f, 0.9991606f, 0.9998992f,  0.99999315f};
   static constexpr float ca[8] = {-0.51449573f, -0.47173196f,  -0.31337744f,  -0.1819132f,
                                   -0.09457419f, -0.040965583f, -0.014198569f, -0.0036999746f};
-  for (int32_t sb = 1; sb < 32; ++sb) {
+  for (int32_t sb = 1; sb <= boundaries; ++sb) {
     float* up = x + sb * 18 - 1;  // top lines of the subband below, going down
     float* down = x + sb * 18;    // bottom lines of this subband, going up
     for (int32_t i = 0; i < 8; ++i) {
@@ -426,10 +427,12 @@ void transform_channel(int32_t gr, int32_t ch) {
   float(*overlap)[18] = l3.overlap[ch];
   const int32_t active = l3.active_subbands < 1 ? 1 : l3.active_subbands > 32 ? 32 : l3.active_subbands;
   if (is_short_block(si, gc)) {
-    // A mixed block counts as short here: no alias reduction at all.
+    // Short windows have no aliasing to reduce; a mixed block reduces between its two long subbands.
     const int32_t long_rows = si.mixed_block[gc] ? 2 : 0;
+    if (long_rows) alias_reduce(lines, 1);
+    const int32_t rows = active > long_rows ? active : long_rows;
     int32_t sb = 0;
-    for (; sb < active; ++sb) {
+    for (; sb < rows; ++sb) {
       float* t = subband_samples[sb];
       if (silent_row(lines + sb * 18))
         pass_overlap(t, overlap[sb]);
@@ -441,22 +444,28 @@ void transform_channel(int32_t gr, int32_t ch) {
     }
     // Above the active rows only the overlap remains: it goes out as it is and is cleared.
     for (; sb < 32; ++sb) {
-      std::memcpy(subband_samples[sb], overlap[sb], 18 * sizeof(float));
-      std::memset(overlap[sb], 0, 18 * sizeof(float));
+      pass_overlap(subband_samples[sb], overlap[sb]);
+      invert_row(sb);
     }
     return;
   }
-  alias_reduce(lines);
+  // Alias reduction reaches one subband past the active ones; the rows above hold no lines.
+  const int32_t rows = active < 32 ? active + 1 : 32;
+  alias_reduce(lines, rows - 1);
   // Block type 1 is the start window, 3 (and the reserved 0 with window switching) the stop window.
   const int32_t kind = !si.window_switching[gc] ? 0 : si.block_type[gc] == 1 ? 1 : 2;
-  // Rows above the active ones keep their overlap and the samples of the previous call: they are
-  // empty on the joint frames that lower the count, and this is the cheap path.
-  for (int32_t sb = 0; sb < active; ++sb) {
+  int32_t sb = 0;
+  for (; sb < rows; ++sb) {
     float* t = subband_samples[sb];
     if (silent_row(lines + sb * 18))
       pass_overlap(t, overlap[sb]);
     else
       imdct36(lines + sb * 18, t, overlap[sb], kind);
+    invert_row(sb);
+  }
+  // Silent rows: their output is the overlap alone.
+  for (; sb < 32; ++sb) {
+    pass_overlap(subband_samples[sb], overlap[sb]);
     invert_row(sb);
   }
 }
@@ -470,9 +479,32 @@ void decode_granule_signal(const session::FrameHeader& h, int32_t gr) {
   } else {
     for (int32_t ch = 0; ch < channels; ++ch) dequantise(gr, ch);
   }
-  for (int32_t ch = channels - 1; ch >= 0; --ch) {
-    transform_channel(gr, ch);
-    session::state.synth_slot(ch);
+  const int32_t out = l3.out_channels ? l3.out_channels : channels;
+  if (channels == out) {
+    for (int32_t ch = channels - 1; ch >= 0; --ch) {
+      transform_channel(gr, ch);
+      session::state.synth_slot(ch);
+    }
+  } else if (out == 2) {
+    // A mono frame in a stereo stream plays in both channels. Channel 1 takes channel 0's overlap
+    // too, so that it goes on without a seam when the stream turns stereo again. The synthesis may
+    // treat the samples in place (emphasis): each channel gets them fresh.
+    transform_channel(gr, 0);
+    std::memcpy(l3.overlap[1], l3.overlap[0], sizeof l3.overlap[0]);
+    alignas(16) float mono[32][18];
+    std::memcpy(mono, subband_samples, sizeof mono);
+    session::state.synth_slot(1);
+    std::memcpy(subband_samples, mono, sizeof mono);
+    session::state.synth_slot(0);
+  } else {
+    // A stereo frame in a mono stream: the mean of the two channels.
+    transform_channel(gr, 1);
+    alignas(16) float right[32][18];
+    std::memcpy(right, subband_samples, sizeof right);
+    transform_channel(gr, 0);
+    for (int32_t sb = 0; sb < 32; ++sb)
+      for (int32_t t = 0; t < 18; ++t) subband_samples[sb][t] = (subband_samples[sb][t] + right[sb][t]) * 0.5f;
+    session::state.synth_slot(0);
   }
   session::state.shaper_slot();
 }

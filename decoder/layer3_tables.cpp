@@ -61,13 +61,14 @@ constexpr bool band_tables_ok() {
       if (sfb_long[r][b] <= sfb_long[r][b - 1] || (sfb_long[r][b] & 1) == 0) return false;
     for (int32_t b = 1; b < SFB_SHORT_BANDS; ++b)
       if (sfb_short[r][b] <= sfb_short[r][b - 1]) return false;
-    // A mixed block's long part ends at line 35, where its short part starts with short band 3.
-    if (sfb_short[r][2] != 11 || sfb_long[r][r < 3 ? 5 : 7] != 35) return false;
+    // A mixed block's long part ends at line 35, where its short part starts with short band 3 (8 kHz
+    // has wider bands and no such boundary).
+    if (r != 8 && (sfb_short[r][2] != 11 || sfb_long[r][r < 3 || r > 5 ? 5 : 7] != 35)) return false;
   }
   for (int32_t r = 0; r < 6; ++r)
     for (int32_t k = 0; k < 3; ++k) {
       int32_t total = 0;
-      for (int32_t g = 0; g < 4; ++g) total += lsf_sfb_counts_stored[r][k][g];
+      for (int32_t g = 0; g < 4; ++g) total += lsf_sfb_counts[r][k][g];
       // Long: at most 21 bands; short: 12 bands of 3 windows; mixed: 6 long bands, then 9 short.
       if (k == 0 ? total > 21 : k == 1 ? total != 36 : total != 33) return false;
     }
@@ -122,19 +123,16 @@ const int16_t (*const short_reorder)[576] = reorder.row;
 
 const float is_ratio_table[7] = {1.0f, 0.78867513f, 0.6339746f, 0.5f, 0.36602542f, 0.21132487f, 0.0f};
 
-// Written to six significant digits on purpose: the decoder has always used these figures, not the
-// exact powers.
+// The exact powers, rounded once to single precision.
 const float lsf_intensity_table[2][32] = {
-    {1.0f, 0.840896f, 0.707107f, 0.594604f, 0.5f, 0.420448f, 0.353553f, 0.297302f, 0.25f, 0.210224f, 0.176777f,
-     0.148651f, 0.125f, 0.105112f, 0.0883883f, 0.0743254f},
-    {1.0f, 0.707107f, 0.5f, 0.353553f, 0.25f, 0.176777f, 0.125f, 0.0883883f, 0.0625f, 0.0441942f, 0.03125f, 0.0220971f,
-     0.015625f, 0.0110485f, 0.0078125f, 0.00552427f},
+    {1.0f, 0.840896415f, 0.707106781f, 0.594603558f, 0.5f, 0.420448208f, 0.353553391f, 0.297301779f, 0.25f,
+     0.210224104f, 0.176776695f, 0.148650889f, 0.125f, 0.105112052f, 0.0883883476f, 0.0743254447f},
+    {1.0f, 0.707106781f, 0.5f, 0.353553391f, 0.25f, 0.176776695f, 0.125f, 0.0883883476f, 0.0625f, 0.0441941738f,
+     0.03125f, 0.0220970869f, 0.015625f, 0.0110485435f, 0.0078125f, 0.00552427173f},
 };
 
-void restore_lsf_sfb_counts() { std::memcpy(lsf_sfb_counts, lsf_sfb_counts_stored, sizeof lsf_sfb_counts); }
-
 uint8_t huffman_start8[HUFFMAN_TABLES][256];
-uint16_t huffman_fast8[HUFFMAN_TABLES][256];
+uint16_t huffman_fast[HUFFMAN_TABLES][1 << HUFFMAN_FAST_BITS];
 
 void init_layer3_tables() {
   for (int32_t t = 0; t < HUFFMAN_TABLES; ++t) {
@@ -147,8 +145,13 @@ void init_layer3_tables() {
       const uint32_t probe = p << 24;
       while (i + 1 < huffman_list_size[t] && (list[i + 1] & 0xFFFFE000u) <= probe) ++i;
       huffman_start8[t][p] = uint8_t(i);
+    }
+    i = 0;
+    for (uint32_t p = 0; p < (1u << HUFFMAN_FAST_BITS); ++p) {
+      const uint32_t probe = p << (32 - HUFFMAN_FAST_BITS);
+      while (i + 1 < huffman_list_size[t] && (list[i + 1] & 0xFFFFE000u) <= probe) ++i;
       const uint32_t len = (list[i] >> 8) & 31;
-      huffman_fast8[t][p] = len >= 1 && len <= 8 ? uint16_t(list[i] & 0x1FFF) : 0;
+      huffman_fast[t][p] = len >= 1 && len <= uint32_t(HUFFMAN_FAST_BITS) ? uint16_t(list[i] & 0x1FFF) : 0;
     }
   }
 }

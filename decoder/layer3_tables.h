@@ -1,18 +1,23 @@
 // Tables of the Layer III path: band boundaries, scale factor widths, the short-block reorder, the
 // stereo factors, and the Huffman code lists with their prefix index.
 //
-// All are fixed data, built into the binary, except lsf_sfb_counts, which the decoder writes (see
-// layer3_bitstream.cpp). Only the decoding thread reads them once decoding runs; init_layer3_tables
-// runs once per process before any decoding.
+// All are fixed data, built into the binary, apart from the Huffman look-ups that
+// init_layer3_tables computes once per process before any decoding.
 #pragma once
 
 #include <cstdint>
 
 namespace decoder {
 
-// Row of the band tables and the reorder table: id * 3 + sampling_index. Rows 0-2 are 22.05, 24 and
-// 16 kHz, rows 3-5 are 44.1, 48 and 32 kHz.
-constexpr int32_t SFB_ROWS = 6;
+// Row of the band tables and the reorder table (sfb_row): rows 0-2 are 22.05, 24 and 16 kHz, rows 3-5
+// 44.1, 48 and 32 kHz, rows 6-8 the MPEG 2.5 rates 11.025, 12 and 8 kHz.
+constexpr int32_t SFB_ROWS = 9;
+// The row for a header's id and sampling_index. An MPEG 2.5 header comes as id 0 with sampling_index
+// 3, 4 or 5 (11.025, 12 and 8 kHz).
+constexpr int32_t sfb_row(int32_t id, int32_t sampling_index) {
+  const int32_t s = sampling_index >= 0 && sampling_index <= 5 ? sampling_index : 0;
+  return id ? 3 + (s < 3 ? s : 0) : s < 3 ? s : s + 3;
+}
 constexpr int32_t SFB_LONG_BANDS = 22;
 constexpr int32_t SFB_SHORT_BANDS = 13;
 constexpr int32_t HUFFMAN_TABLES = 34;  // 0-31 pairs, 32 and 33 quads
@@ -28,15 +33,16 @@ extern const int32_t slen2_table[16];
 extern const int32_t slen1_mask[16];
 extern const int32_t slen2_mask[16];
 // Low-sampling-frequency band counts: 6 rows by block kind (0 long, 1 short, 2 mixed) by 4 groups.
-// Writable: a mixed block lowers its row's first mixed count in place, for the life of the process.
-extern int32_t lsf_sfb_counts[6][3][4];
+// Long counts are bands; short counts are band-window entries; the first mixed count is 6 long bands
+// and then short entries.
+extern const int32_t lsf_sfb_counts[6][3][4];
 // For stream-order line i of a short block, its place in one channel's 576 hybrid lines: each
 // subband holds its 6 lines of window 0, then window 1, then window 2.
 // SFB_ROWS rows of 576.
 extern const int16_t (*const short_reorder)[576];
 // 1/(1 + tan(p pi/12)) for intensity positions 0-6.
 extern const float is_ratio_table[7];
-// Row 0: 2 to the -k/4, row 1: 2 to the -k/2, at six significant digits; 16 entries used.
+// Row 0: 2 to the -k/4, row 1: 2 to the -k/2; 16 entries used.
 extern const float lsf_intensity_table[2][32];
 extern const int32_t linbits_table[32];
 
@@ -53,17 +59,15 @@ extern const uint8_t huffman_prefix[HUFFMAN_TABLES][16];
 // The same index for the next eight bits, computed at start-up from the lists: the decoding loops
 // use it so that every code of up to eight bits is found with one compare.
 extern uint8_t huffman_start8[HUFFMAN_TABLES][256];
-// For the next eight bits, the low 13 bits of the matching word (length, x, y) when its code is at
-// most eight bits long, else 0: the common short codes then need a single look-up.
-extern uint16_t huffman_fast8[HUFFMAN_TABLES][256];
+// For the next HUFFMAN_FAST_BITS bits, the low 13 bits of the matching word (length, x, y) when its
+// code is at most that long, else 0: nearly every code then needs a single look-up.
+constexpr int32_t HUFFMAN_FAST_BITS = 10;
+extern uint16_t huffman_fast[HUFFMAN_TABLES][1 << HUFFMAN_FAST_BITS];
 
 // Folded windows of the inverse transforms: sign, window and the DCT-IV output factor in one
 // multiplier per output. Rows of imdct_window: long, start, stop.
 extern const float imdct_window[3][36];
 extern const float imdct_short_window[12];
-
-// Restores the writable table to its stored values (tests only; decoding never calls it).
-void restore_lsf_sfb_counts();
 
 // Builds the computed Layer III tables; called by init_decoder_tables.
 void init_layer3_tables();

@@ -227,13 +227,12 @@ const uint8_t allocation_bits[ALLOCATION_TABLES][32] = {
 
 void init_decoder_tables() {
   // pow43: the library's power function in double, rounded to float; the negative half mirrors it.
-  pow43_table[0] = 0.0f;
-  for (int32_t q = 0; q < 8192; ++q) {
+  for (int32_t q = 1; q <= POW43_MAX; ++q) {
     float v = float(std::pow(double(q), 4.0 / 3.0));
-    pow43_table[8192 + q] = v;
-    pow43_table[8192 - q] = -v;
+    pow43_table[POW43_MAX + q] = v;
+    pow43_table[POW43_MAX - q] = -v;
   }
-  pow43_table[8192] = 0.0f;  // -0.0 from the mirror above would do, but +0.0 is what is read back
+  pow43_table[POW43_MAX] = 0.0f;
 
   // gain: n = e - 127; for n < 0, -n = 4q + r gives fraction_down[r] / 2^q; for n >= 0, n = 4q + r
   // gives 2^q * fraction_up[r]. Scaling by a power of two is exact, so no power function is needed.

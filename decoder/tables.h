@@ -11,8 +11,10 @@ namespace decoder {
 
 // ---- Computed at start-up ----
 
-// q to the power 4/3 for q = -8191..8191 at index q + 8192; index 0 (q = -8192) stays 0.0.
-constexpr int32_t POW43_SIZE = 16384;
+// q to the power 4/3 for q = -8206..8206 at index q + POW43_MAX: every value a Layer III line can
+// hold (15 plus 13 bits of linbits).
+constexpr int32_t POW43_MAX = 8206;
+constexpr int32_t POW43_SIZE = 2 * POW43_MAX + 1;
 extern float pow43_table[POW43_SIZE];
 // 2 to the power (e - 127) / 4, e = 0..254, exact powers of two times four stored fractions.
 constexpr int32_t GAIN_SIZE = 255;

@@ -7,7 +7,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libsdl2-dev
   libgtk-3-dev xvfb xauth xdotool imagemagick fonts-ipafont-gothic python3-pil
-  mpg123 lame twolame sox ffmpeg
+  mpg123 lame twolame sox ffmpeg hyperfine
   clang-format
 )
 missing=()

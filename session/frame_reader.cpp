@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "session/stream.h"
+
 namespace session {
 
 FrameReader reader;
@@ -29,6 +31,81 @@ void split_header(uint32_t w, FrameHeader& h) {
 
 bool acceptable(const FrameHeader& h) { return h.layer_code != 0 && h.bitrate_index != 15 && h.sampling_index != 3; }
 
+// An MPEG 2.5 header: FFE sync, id 0, Layer III; its rate index becomes 3-5.
+bool mpeg25(uint32_t sync, const FrameHeader& h) {
+  return sync == 0xFFE && h.id == 0 && h.layer_code == 1 && acceptable(h);
+}
+
+uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
+
+// The header at p if it is one that read_frame would take, with MPEG 2.5 rates moved to 3-5.
+bool header_at(const uint8_t* p, FrameHeader& h) {
+  const uint32_t word = be32(p);
+  split_header(word & 0xFFFFF, h);
+  if (word >> 20 == 0xFFF) return acceptable(h);
+  if (!mpeg25(word >> 20, h)) return false;
+  h.sampling_index += 3;
+  return true;
+}
+
+int32_t free_key(const FrameHeader& h) { return (h.id * 4 + h.layer_code) * 8 + h.sampling_index; }
+int32_t padding_bytes(const FrameHeader& h) { return h.padding_bit * (h.layer_code == 3 ? 4 : 1); }
+
+// The length of a frame that a candidate header at distance d heads, given the measure d implies.
+int32_t candidate_length(const FrameHeader& c, int32_t free_bytes) {
+  if (c.bitrate_index != 0) return frame_length(c);
+  return free_bytes + padding_bytes(c);
+}
+
+// Whether the kept measure ends the frame at file offset `at` where a header of its kind begins, or
+// where the file or the stream ends. The file position is restored.
+bool kept_measure_fits(const FrameHeader& h, long at) {
+  const long next = at + reader.free_bytes + padding_bytes(h);
+  if (next >= reader.end_limit) return true;
+  uint8_t head[4];
+  std::fseek(reader.file, next, SEEK_SET);
+  const size_t got = std::fread(head, 1, 4, reader.file);
+  std::fseek(reader.file, at + 4, SEEK_SET);
+  FrameHeader n;
+  return got < 4 || (header_at(head, n) && free_key(n) == free_key(h));
+}
+
+// A free-format header h starts at file offset at, and the file stands behind its 4 bytes. Measures
+// the frame length without padding as the distance to the next header of the same id, layer and
+// rate, which must itself be followed by a header (or by the end of the file) where its own length
+// says: a stray sync in the audio data is not taken for the next frame. The measure is kept for the
+// stream, and measured again when the frame it gives does not end at a header (another free-format
+// run of another rate); the file position is restored. Returns false when no length can be found.
+bool measure_free_format(const FrameHeader& h, long at) {
+  if (reader.free_key == free_key(h) && kept_measure_fits(h, at)) return true;
+  uint8_t ahead[2 * MAX_FREE_BYTES + 8];
+  const size_t got = std::fread(ahead, 1, sizeof ahead, reader.file);
+  std::fseek(reader.file, at + 4, SEEK_SET);
+  const bool whole = got < sizeof ahead;   // the file ends inside the window
+  const int32_t avail = int32_t(got) + 4;  // bytes of the window counted from the header
+  // ahead[d - 4] is the byte at distance d from the header.
+  for (int32_t d = MIN_FREE_BYTES; d + 4 <= avail && d <= MAX_FREE_BYTES; ++d) {
+    FrameHeader c;
+    if (!header_at(ahead + d - 4, c) || free_key(c) != free_key(h)) continue;
+    const int32_t bytes = d - padding_bytes(h);
+    const int32_t next = d + candidate_length(c, bytes);
+    FrameHeader n;
+    if (next + 4 <= avail ? !(header_at(ahead + next - 4, n) && free_key(n) == free_key(h)) : !whole) continue;
+    reader.free_key = free_key(h);
+    reader.free_bytes = bytes;
+    return true;
+  }
+  // Nothing new found: a damaged frame follows, and the kept measure stands.
+  if (reader.free_key == free_key(h)) return true;
+  // No header behind it: a stream of one free-format frame, which runs to the end of the file.
+  if (whole && avail >= MIN_FREE_BYTES && avail <= MAX_FREE_BYTES) {
+    reader.free_key = free_key(h);
+    reader.free_bytes = avail - padding_bytes(h);
+    return true;
+  }
+  return false;
+}
+
 // Drops the window's first byte and reads one into its last place.
 bool slide_window() {
   int c = getc_unlocked(reader.file);
@@ -42,34 +119,32 @@ bool slide_window() {
 
 int32_t read_frame(FrameHeader& header) {
   reader.frame_head_bits = 0;
+  long at = std::ftell(reader.file);  // file offset of the window's first byte
+  if (at >= reader.end_limit) return FRAME_SHORT;
   if (std::fread(reader.frame_head, 1, 4, reader.file) != 4) return FRAME_SHORT;
-  for (;;) {
-    const uint8_t* w = reader.frame_head;
-    uint32_t word = (uint32_t(w[0]) << 24) | (uint32_t(w[1]) << 16) | (uint32_t(w[2]) << 8) | w[3];
-    uint32_t sync = word >> 20;
+  for (;; ++at) {
+    if (at >= reader.end_limit) return FRAME_EOF;
+    const uint32_t word = be32(reader.frame_head);
+    const uint32_t sync = word >> 20;
     FrameHeader h;
     split_header(word & 0xFFFFF, h);
-    if (sync == 0xFFF) {
-      if (acceptable(h)) {
-        reader.frame_head_bits = 32;
-        if (h.layer_code == 3) {
-          header = h;
-          return FRAME_LAYER1;
-        }
-        if (h.bitrate_index == 0) return FRAME_FREE_FORMAT;
-        header = h;
-        return FRAME_OK;
-      }
-      reader.frame_head_bits = 0;
-      if (!slide_window()) return FRAME_EOF_AFTER_SYNC;
-      continue;
+    bool taken = false;
+    if (sync == 0xFFF && acceptable(h)) {
+      taken = true;
+    } else if (mpeg25(sync, h)) {
+      h.sampling_index += 3;
+      taken = true;
     }
-    if (sync == 0xFFE && acceptable(h)) {
+    // A free-format frame needs its length measured; Layer I passes without one (its own reader
+    // finds its frames by sync search).
+    if (taken && h.bitrate_index == 0 && !measure_free_format(h, at) && h.layer_code != 3) taken = false;
+    if (taken) {
       reader.frame_head_bits = 32;
-      return FRAME_MPEG25;
+      header = h;
+      return h.layer_code == 3 ? FRAME_LAYER1 : FRAME_OK;
     }
     reader.frame_head_bits = 0;
-    if (!slide_window()) return FRAME_EOF;
+    if (!slide_window()) return sync == 0xFFF ? FRAME_EOF_AFTER_SYNC : FRAME_EOF;
   }
 }
 
@@ -82,6 +157,9 @@ void skip_crc() {
 
 void reset_frame_reader() {
   reader.frame_head_bits = 0;
+  reader.free_bytes = 0;
+  reader.free_key = -1;
+  reader.end_limit = 0x7FFFFFFF;
   std::memset(reader.frame_head, 0, sizeof reader.frame_head);
 }
 
@@ -94,8 +172,8 @@ void reset_bit_reader() {
 void sync_reservoir_guard() { std::memcpy(bits.reservoir + RESERVOIR_SIZE, bits.reservoir, 4); }
 
 void load_reservoir(int32_t n) {
-  // Frame sizes come from fixed tables and never exceed the guard; the clamp only keeps a caller's
-  // arithmetic slip from writing past the storage.
+  // Frame lengths never exceed the guard (free-format ones are bounded when measured); the clamp
+  // only keeps a caller's arithmetic slip from writing past the storage.
   if (n <= 0) return;
   if (n > RESERVOIR_GUARD) n = RESERVOIR_GUARD;
   // A short read is not detected: missing bytes are whatever the ring held before.

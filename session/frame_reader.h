@@ -8,6 +8,11 @@
 //
 //   AAAAAAAA AAAABCCD EEEEFFGH IIJJKLMM
 //   A sync (FFF; FFE is MPEG 2.5)   B id        C layer_code   D protection_bit
+//
+// An MPEG 2.5 frame (sync FFE, id 0; Layer III only) is handed on as an MPEG-2 header whose
+// sampling_index is the field + 3: 3, 4, 5 for 11025, 12000, 8000 Hz. A free-format frame (bit-rate
+// index 0) is handed on too: its length is the distance to the next header, measured once a stream
+// and kept in the reader (see frame_length).
 //   E bitrate_index  F sampling_index  G padding_bit  H private_bit
 //   I mode           J mode_ext        K copyright    L original     M emphasis
 #pragma once
@@ -23,7 +28,7 @@ struct FrameHeader {
   int32_t layer_code;      // 3 Layer I, 2 Layer II, 1 Layer III
   int32_t protection_bit;  // 0 means a CRC follows
   int32_t bitrate_index;   // 1-14 valid
-  int32_t sampling_index;  // 0-2 valid
+  int32_t sampling_index;  // 0-2; 3-5 for MPEG 2.5 (11025, 12000, 8000 Hz)
   int32_t padding_bit;
   int32_t private_bit;
   int32_t mode;      // 0 stereo, 1 joint, 2 dual, 3 single channel
@@ -39,8 +44,8 @@ enum ReadCode : int32_t {
   FRAME_OK = 0,                // Layer II or III header, file behind its 4 bytes
   FRAME_LAYER1 = 256,          // Layer I header
   FRAME_EOF_AFTER_SYNC = 257,  // end of file while stepping after a rejected FFF sync
-  FRAME_MPEG25 = 258,          // FFE sync with acceptable fields
-  FRAME_FREE_FORMAT = 259,     // Layer II/III with bit-rate index 0
+  FRAME_MPEG25 = 258,          // message selector only: MPEG 2.5 frames are read as FRAME_OK
+  FRAME_FREE_FORMAT = 259,     // message selector only: free-format frames are read as FRAME_OK
   FRAME_SYNC_ERROR = 260,
   FRAME_VIDEO = 261,
   FRAME_SHORT = 262,  // fewer than 4 bytes left at the call
@@ -49,15 +54,24 @@ enum ReadCode : int32_t {
 
 constexpr int32_t RESERVOIR_SIZE = 4096;
 // Storage behind the ring: takes a whole frame that runs over the ring's end (the largest is a
-// 384 kbit/s Layer II frame at 32 kHz, 1729 bytes), and keeps the four guard bytes that repeat
+// free-format frame of MAX_FREE_BYTES), and keeps the four guard bytes that repeat
 // the ring's start so that a 32-bit read at the end needs no wrap test.
-constexpr int32_t RESERVOIR_GUARD = 2048;
+constexpr int32_t RESERVOIR_GUARD = 3072;
+// Bounds of a free-format frame's measured length: 640 kbit/s Layer III at 32 kHz is 2880 bytes.
+constexpr int32_t MIN_FREE_BYTES = 24;
+constexpr int32_t MAX_FREE_BYTES = 2881;
 constexpr uint32_t RESERVOIR_BIT_MASK = 0x7FFF;  // 4096 * 8 bits
 
 struct FrameReader {
   std::FILE* file = nullptr;  // the session's input file; owned by the session, not by the reader
   uint8_t frame_head[48] = {};
   int32_t frame_head_bits = 0;
+  // The free-format frame length without padding, measured at the first free-format header of a
+  // stream, and the id, layer and rate it belongs to (free_key -1: none measured).
+  int32_t free_bytes = 0;
+  int32_t free_key = -1;
+  // No header is taken at or beyond this file offset: the tags at a bare stream's tail.
+  long end_limit = 0x7FFFFFFF;
 };
 
 struct BitReader {
@@ -73,7 +87,7 @@ extern BitReader bits;
 int32_t read_frame(FrameHeader& header);
 // Reads the two CRC bytes into frame_head and sets its bit position to 16. The CRC is not checked.
 void skip_crc();
-// Position 0, frame_head cleared.
+// Position 0, frame_head cleared, the free-format measure and the end limit forgotten.
 void reset_frame_reader();
 // Clears the reservoir, its write offset and read position.
 void reset_bit_reader();

@@ -178,7 +178,7 @@ TrackEnd play_layers23(const Life& life) {
     state.damaged_flag.store(1, relaxed);
   }
   if (header.protection_bit == 0) skip_crc();
-  int32_t error = output::wave_open(sample_rate_table[header.id * 3 + header.sampling_index], header.mode != 3);
+  int32_t error = output::wave_open(header_hz(header), header.mode != 3);
   if (error != 0) {
     report_device_error(error);
     state.play_requested.store(0, relaxed);

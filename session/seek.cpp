@@ -1,5 +1,6 @@
 #include "session/seek.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "session/session.h"
@@ -9,8 +10,16 @@ namespace session {
 
 namespace {
 
-int32_t table_frame_size(const FrameHeader& h) {
-  return frame_size_table[((h.id * 3 + h.sampling_index) * 3 - h.layer_code) * 15 + h.bitrate_index];
+// Where frame `target` begins, by the stream's seek points (each percent of the frames, from the
+// header frame's table or the walk at open), interpolated within the percent; without them by the
+// first frame's length.
+long frame_position(int32_t target) {
+  const int32_t* points = stream.seek_points;
+  if (stream.frame_count <= 0 || points[100] <= points[0])
+    return long(stream.data_start) + long(stream.frame_bytes) * target;
+  const double p = std::clamp(100.0 * target / stream.frame_count, 0.0, 100.0);
+  const int32_t i = std::min(99, int32_t(p));
+  return long(points[i] + (p - i) * (points[i + 1] - points[i]));
 }
 
 bool end_of_stream(int32_t code) { return code == FRAME_SHORT || code == FRAME_EOF; }
@@ -20,10 +29,10 @@ bool end_of_stream(int32_t code) { return code == FRAME_SHORT || code == FRAME_E
 int32_t seek_to_frame(FrameHeader& header) {
   int32_t target = state.seek_target.load(std::memory_order_relaxed);
   FrameHeader local = header;
-  // A jump assumes constant frame sizes; on a variable-rate stream the sync search finds the next
-  // header after the computed place. Up to ten places are tried, a frame further each time.
+  // The computed place is only near a frame; the sync search finds the next header behind it. Up to
+  // ten places are tried, a frame further each time.
   for (int attempt = 0; attempt < 10; ++attempt) {
-    std::fseek(reader.file, long(stream.data_start) + long(stream.frame_bytes) * target, SEEK_SET);
+    std::fseek(reader.file, frame_position(target), SEEK_SET);
     int32_t code = read_frame(local);
     if (code == FRAME_OK) break;
     if (end_of_stream(code)) return stream.frame_count;
@@ -31,7 +40,7 @@ int32_t seek_to_frame(FrameHeader& header) {
   }
   int32_t head = head_and_side_bytes(local);
   if (std::fseek(reader.file, head - 4, SEEK_CUR) != 0) return std::feof(reader.file) ? stream.frame_count : target;
-  load_reservoir(table_frame_size(local) + local.padding_bit - head);
+  load_reservoir(frame_length(local) - head);
   int32_t code = read_frame(local);
   if (code == FRAME_OK) {
     header = local;
@@ -45,7 +54,7 @@ int32_t skip_frames_forward(FrameHeader& header, int32_t n) {
   for (int32_t done = 0; done < n; ++done) {
     int32_t head = head_and_side_bytes(local);
     if (std::fseek(reader.file, head - 4, SEEK_CUR) != 0) return std::feof(reader.file) ? done : -1;
-    load_reservoir(table_frame_size(local) + local.padding_bit - head);
+    load_reservoir(frame_length(local) - head);
     int32_t code = read_frame(local);
     if (code == FRAME_SHORT) return done;
     if (code != FRAME_OK) return -1;
@@ -57,7 +66,7 @@ int32_t skip_frames_forward(FrameHeader& header, int32_t n) {
 int32_t skip_frames_back(FrameHeader& header, int32_t n) {
   FrameHeader local = header;
   for (int32_t done = 0; done < n; ++done) {
-    long size = table_frame_size(local);
+    long size = frame_length(local) - (local.padding_bit << (local.layer_code == 3 ? 2 : 0));
     // Four header bytes, the frame, and one more to stand before the previous frame's sync.
     if (std::fseek(reader.file, -(size + 5), SEEK_CUR) != 0 && std::fseek(reader.file, -(size + 4), SEEK_CUR) != 0) {
       header = local;

@@ -33,6 +33,8 @@ struct OutputOptions {
   int32_t leave = 0;              // "Leave": keep a cancelled output file
   int32_t ext_filter = 1;         // "ExtFilter": 0 raw, 1 wav, 2 aif, 3 au, 4 voc
   int32_t repeat = 0;             // "Repeat": 0 stop at the end, 1 wrap, 2 random
+  // Not a setting: file jobs take off the encoder delay and padding that an Info frame records.
+  int32_t gapless = 1;
 };
 
 // The RIFF LIST INFO items that open_stream records, by slot.
@@ -61,6 +63,17 @@ struct StreamInfo {
   int32_t emphasis_mode = 0;  // stream's (or forced) emphasis, plus 4 with "Hi-Fi"
   uint8_t tag_buffer[128] = {};
   int32_t list_info[LIST_INFO_SLOTS][2] = {};  // absolute offset, size
+  // What the frames tell beyond the first header (stream.h): the Xing/Info or VBRI frame (which is
+  // no audio: data_start stands behind it), the encoder's delay and padding, the measured length.
+  int32_t id3v2_start = -1;  // offset of the leading ID3v2 tag, -1 none
+  int32_t vbr_kind = 0;      // VbrKind
+  int32_t free_format = 0;   // the first frame is of free format
+  int32_t encoder_delay = -1;
+  int32_t encoder_padding = -1;
+  int64_t total_samples = 0;  // per channel, delay and padding taken off when known
+  double total_seconds = 0;
+  // File offset of each percent of the frames, for seeking; seek_points[100] 0 while none.
+  int32_t seek_points[101] = {};
 };
 
 enum DecoderCommand : int32_t { CMD_RUN = 0, CMD_STOP = 1, CMD_JUMP = 2, CMD_FORWARD = 3, CMD_BACK = 4 };

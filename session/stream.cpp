@@ -12,7 +12,7 @@
 #include "session/stream.h"
 
 #include <algorithm>
-#include <array>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -21,8 +21,9 @@
 
 namespace session {
 
-// id * 3 + sampling_index. Source: ISO 11172-3 and 13818-3, sampling_frequency.
-constexpr int32_t sample_rate_table[6] = {22050, 24000, 16000, 44100, 48000, 32000};
+// id * 3 + sampling_index. Source: ISO 11172-3 and 13818-3, sampling_frequency; behind them the
+// rates of MPEG 2.5, half those of MPEG-2.
+constexpr int32_t sample_rate_table[9] = {22050, 24000, 16000, 44100, 48000, 32000, 11025, 12000, 8000};
 
 namespace {
 
@@ -41,43 +42,10 @@ constexpr int32_t bitrate_rows[BITRATE_ROWS * 15] = {
 static_assert(sizeof bitrate_rows == BITRATE_ROWS * 15 * sizeof(int32_t));
 static_assert(bitrate_rows[4 * 15 + 14] == 384 && bitrate_rows[5 * 15 + 9] == 128 && bitrate_rows[1 * 15 + 8] == 64);
 
-// Frame bytes without padding, floor(K * kbit/s / Hz), K = 144000 for MPEG-1 and 72000 for MPEG-2,
-// with the same K for every layer: the Layer I rows are three times the real frames and the MPEG-2
-// Layer II rows half of them. That is how the seek arithmetic has always counted; Layer I is never
-// seeked and the readers find the real frames by sync search. Column 0 (free format) is 0.
-// Storage row s = ((id * 3 + sampling_index) * 3 - layer_code) + 3, that is group s / 3 (the
-// index of sample_rate_table) and layer_code 3 - s % 3.
-constexpr int32_t FRAME_SIZE_ROWS = 18;
-constexpr std::array<int32_t, FRAME_SIZE_ROWS * 15> make_frame_size_rows() {
-  std::array<int32_t, FRAME_SIZE_ROWS * 15> rows{};
-  for (int32_t s = 0; s < FRAME_SIZE_ROWS; ++s) {
-    const int32_t group = s / 3;
-    const int32_t layer_code = 3 - s % 3;
-    const int32_t id = group / 3;
-    const int32_t hz = sample_rate_table[group];
-    const int32_t k = id ? 144000 : 72000;
-    for (int32_t b = 1; b < 15; ++b)
-      rows[size_t(s * 15 + b)] = k * bitrate_rows[(id * 3 - layer_code + 3) * 15 + b] / hz;
-  }
-  return rows;
-}
-constexpr std::array<int32_t, FRAME_SIZE_ROWS* 15> frame_size_rows = make_frame_size_rows();
-
-// Index as the table's users compute it, into the storage.
-constexpr int32_t frame_size_at(int32_t id, int32_t sampling_index, int32_t layer_code, int32_t bitrate_index) {
-  return frame_size_rows[size_t((((id * 3 + sampling_index) * 3 - layer_code) + 3) * 15 + bitrate_index)];
-}
-static_assert(frame_size_at(1, 0, 1, 9) == 417);    // MPEG-1 Layer III, 128 kbit/s, 44100 Hz
-static_assert(frame_size_at(1, 1, 1, 9) == 384);    // 48000 Hz
-static_assert(frame_size_at(1, 2, 1, 9) == 576);    // 32000 Hz
-static_assert(frame_size_at(1, 1, 2, 14) == 1152);  // MPEG-1 Layer II, 384 kbit/s, 48000 Hz
-static_assert(frame_size_at(1, 0, 3, 2) == 208);    // MPEG-1 Layer I, 64 kbit/s, 44100 Hz: three times 69
-static_assert(frame_size_at(0, 0, 1, 8) == 208);    // MPEG-2 Layer III, 64 kbit/s, 22050 Hz
-static_assert(frame_size_at(0, 2, 2, 14) == 720);   // MPEG-2 Layer II, 160 kbit/s, 16000 Hz: half the real frame
-static_assert(frame_size_at(0, 0, 3, 0) == 0 && frame_size_at(1, 2, 1, 0) == 0);
-static_assert(frame_size_at(1, 2, 3, 14) == 2016);  // the largest entry: within the reservoir's guard
-
 constexpr int32_t TAG_BYTES = 128;
+// How much of a stream without a header frame open_stream walks for its length: the rest of a
+// longer file is measured by the average of this much.
+constexpr int64_t WALK_BOUND = 64 << 20;
 
 uint32_t le16(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8; }
 uint32_t le32(const uint8_t* p) { return le16(p) | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
@@ -299,19 +267,39 @@ const char* frame_failure_text(int32_t code) {
   }
 }
 
-// Frame bytes as the stream facts count them: the whole file is measured with the first frame's
-// length and padding. Layer I counts in bytes too, one padding byte though its slot is four.
-int32_t first_frame_bytes(int32_t id, int32_t layer_code, int32_t kbps, int32_t hz, int32_t padding) {
-  int32_t k = layer_code == 3 ? (id ? 48000 : 24000) : (id ? 144000 : 72000);
-  return k * kbps / hz + padding;
-}
-
 }  // namespace
 
 const int32_t* const bitrate_table = bitrate_rows + 3 * 15;
-const int32_t* const frame_size_table = frame_size_rows.data() + 3 * 15;
 
 int32_t stream_wrapper = 0;
+
+void walk_frames(int32_t start, int32_t end, int64_t max_bytes, FrameWalk& walk, std::vector<int32_t>* offsets) {
+  std::FILE* f = reader.file;
+  std::fseek(f, start, SEEK_SET);
+  int64_t expected = start;
+  walk.walked_to = start;
+  FrameHeader h;
+  for (;;) {
+    const int32_t code = read_frame(h);
+    if (code != FRAME_OK && code != FRAME_LAYER1) return;
+    const long at = std::ftell(f) - 4;
+    if (at >= end) return;
+    if (max_bytes > 0 && at - start >= max_bytes) {
+      walk.bounded = true;
+      return;
+    }
+    if (at != expected) ++walk.damaged;
+    ++walk.frames;
+    walk.samples += frame_samples(h);
+    walk.seconds += double(frame_samples(h)) / header_hz(h);
+    if (offsets) offsets->push_back(int32_t(at));
+    const int32_t length = frame_length(h);
+    // A header shorter than itself (Layer I free format unmeasured) is stepped over by the search.
+    expected = at + std::max(length, 4);
+    walk.walked_to = expected;
+    if (length > 4) std::fseek(f, long(expected), SEEK_SET);
+  }
+}
 
 int32_t open_stream() {
   std::FILE* f = reader.file;
@@ -357,7 +345,20 @@ int32_t open_stream() {
       return STREAM_NO_DATA;
     }
   }
+  // A bare stream: the ID3v2 tags in front are skipped by their own sizes before the sync search
+  // (their bytes can look like frame headers), and no header is taken inside the tags at the tail.
   // A RIFF file of any other form type is searched for frames from behind its head.
+  reader.free_key = -1;
+  reader.free_bytes = 0;
+  reader.end_limit = 0x7FFFFFFF;
+  if (at.riff == RIFF_NONE) {
+    const int32_t behind = skip_id3v2(f, at.data_start, at.file_size);
+    if (behind != at.data_start) stream.id3v2_start = at.data_start;
+    at.data_start = behind;
+    at.data_end = std::max(at.data_start, strip_tail_tags(f, at.data_start, at.data_end));
+    reader.end_limit = at.data_end;
+    std::fseek(f, at.data_start, SEEK_SET);
+  }
   stream_wrapper = at.wrapper;
   stream.data_start = at.data_start;
   stream.data_end = at.data_end;
@@ -369,15 +370,71 @@ int32_t open_stream() {
     if (const char* text = frame_failure_text(code)) message_box(CAPTION_INFORMATION, text);
     return -1;
   }
+  const int32_t first_at = int32_t(std::ftell(f)) - 4;
+  const int32_t hz = header_hz(h);
+  stream.frame_bytes = frame_length(h);
+  stream.free_format = h.bitrate_index == 0;
+  int32_t kbps = header_kbps(h);
 
-  const int32_t kbps = bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
-  const int32_t hz = sample_rate_table[h.id * 3 + h.sampling_index];
-  stream.frame_bytes = first_frame_bytes(h.id, h.layer_code, kbps, hz, h.padding_bit);
+  // A Xing/Info or VBRI frame stands in place of the first audio frame: it is no audio, and it
+  // tells the length (and the Info frame the encoder's delay and padding).
+  VbrFrame vbr;
+  if (h.layer_code == 1 && stream.frame_bytes > 4) {
+    std::vector<uint8_t> frame(size_t(stream.frame_bytes), 0);
+    std::fseek(f, first_at, SEEK_SET);
+    const size_t got = std::fread(frame.data(), 1, frame.size(), f);
+    if (read_vbr_frame(frame.data(), int32_t(got), h, vbr)) stream.data_start = first_at + stream.frame_bytes;
+  }
+  stream.vbr_kind = vbr.kind;
+  stream.encoder_delay = vbr.delay;
+  stream.encoder_padding = vbr.padding;
   stream.data_size = int32_t(uint32_t(stream.data_end) - uint32_t(stream.data_start));
-  stream.frame_count = stream.data_size / stream.frame_bytes;
+  // A count that the bytes behind the header frame cannot hold (24 bytes is the shortest frame)
+  // is a damaged header frame: the frames are walked instead.
+  const bool count_fits = int64_t(vbr.frames) * 24 <= int64_t(stream.data_size) + 24;
+  double audio_bytes = 0;
+  if (vbr.frames > 0 && count_fits) {
+    stream.frame_count = vbr.frames;
+    stream.total_samples = int64_t(vbr.frames) * frame_samples(h);
+    stream.total_seconds = double(stream.total_samples) / hz;
+    const int32_t base = vbr.kind == VBR_VBRI ? stream.data_start : first_at;
+    const int32_t bytes = vbr.bytes > 0 ? vbr.bytes : stream.data_end - base;
+    for (int32_t p = 0; p < 100; ++p)
+      stream.seek_points[p] = base + int32_t(int64_t(vbr.has_toc ? vbr.toc[p] : p * 256 / 100) * bytes / 256);
+    stream.seek_points[0] = stream.data_start;
+    stream.seek_points[100] = base + bytes;
+    audio_bytes = double(base + bytes - stream.data_start);
+  } else {
+    // No header frame: the frames are walked for the length and the seek points, as far as a
+    // bound; a longer file is measured by the average of what was walked.
+    FrameWalk walk;
+    std::vector<int32_t> offsets;
+    walk_frames(stream.data_start, stream.data_end, WALK_BOUND, walk, &offsets);
+    const int64_t walked = walk.walked_to - stream.data_start;
+    const int64_t whole = stream.data_end - stream.data_start;
+    const double scale = walk.bounded && walked > 0 ? double(whole) / double(walked) : 1.0;
+    stream.frame_count = int32_t(walk.frames * scale);
+    stream.total_samples = int64_t(double(walk.samples) * scale);
+    stream.total_seconds = walk.seconds * scale;
+    const int32_t n = int32_t(offsets.size());
+    for (int32_t p = 0; p <= 100 && n > 0; ++p) {
+      const int64_t frame = int64_t(p) * stream.frame_count / 100;
+      stream.seek_points[p] =
+          frame < n ? offsets[size_t(frame)] : int32_t(stream.data_start + double(frame) * double(walked) / n);
+    }
+    audio_bytes = double(walked) * scale;
+  }
+  // A variable rate shows as the average; a constant one keeps the header's rate.
+  if (stream.total_seconds > 0) {
+    const int32_t average = int32_t(audio_bytes * 8 / stream.total_seconds / 1000 + 0.5);
+    if (std::abs(average - kbps) > 1) kbps = average;
+  }
+  if (stream.encoder_delay >= 0) {
+    stream.total_samples = std::max<int64_t>(0, stream.total_samples - stream.encoder_delay - stream.encoder_padding);
+    stream.total_seconds = double(stream.total_samples) / hz;
+  }
   stream.bitrate_kbps = kbps;
-  // A variable-rate stream is measured by its first frame: length and time are estimates.
-  stream.play_seconds = kbps ? std::max(1, stream.data_size / (kbps * 125)) : 0;
+  stream.play_seconds = stream.frame_count > 0 ? std::max(1, int32_t(stream.total_seconds)) : 0;
   stream.sample_rate = hz;
   stream.sample_rate_khz = hz / 1000;
   stream.mpeg_id = h.id;
@@ -441,7 +498,15 @@ int32_t probe(std::FILE* f, ProbeInfo& info, bool& closed) {
   // The reserved layer is not refused, but it has no bit-rate row: it reports 0 kbit/s.
   const int32_t kbps = layer_code == 0 ? 0 : bitrate_table[(id * 3 - layer_code) * 15 + bitrate_index];
   const int32_t hz = sample_rate_table[id * 3 + sampling_index];
-  const int32_t frame_bytes = first_frame_bytes(id, layer_code, kbps, hz, padding);
+  // The probe measures the file by its first frame; a free-format or reserved-layer frame has no
+  // length it could know without reading on.
+  FrameHeader first{};
+  first.id = id;
+  first.layer_code = layer_code;
+  first.bitrate_index = bitrate_index;
+  first.sampling_index = sampling_index;
+  first.padding_bit = padding;
+  const int32_t frame_bytes = layer_code == 0 || bitrate_index == 0 ? 0 : frame_length(first);
   const int32_t data_size = int32_t(uint32_t(at.data_end) - uint32_t(at.data_start));
 
   info.id = id;

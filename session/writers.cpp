@@ -3,12 +3,11 @@
 // audio, appends what belongs behind the samples (the WAVE trailer, the VOC terminator), rewinds and
 // writes the header in one piece.
 //
-// Sample byte order: WAVE, VOC and raw hold little-endian samples, AIFF and AU big-endian ones for
-// Layers II and III. The Layer I block goes out as it stands, so AIFF and AU files made from Layer I
-// hold little-endian samples: players of such files hear noise, and that is how the converter has
-// always written them, so the asymmetry is kept.
+// Sample byte order: WAVE, VOC and raw hold little-endian samples, AIFF and AU big-endian ones, for
+// every layer.
 #include "session/writers.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdio>
 #include <cstring>
@@ -26,8 +25,9 @@ namespace {
 
 constexpr auto relaxed = std::memory_order_relaxed;
 
-// Header sizes by ext_filter: raw, WAVE, AIFF, AU, VOC.
-constexpr int32_t header_bytes[5] = {0, 44, 54, 24, 42};
+// Header sizes by ext_filter: raw, WAVE, AIFF, AU, VOC. The AU header has the 4-byte annotation
+// field that readers expect behind its six words.
+constexpr int32_t header_bytes[5] = {0, 44, 54, 28, 42};
 constexpr int32_t WAVE_TRAILER_BYTES = 88;
 
 // A short count is a failed write: the data did not all reach the file. The job goes on; the
@@ -55,9 +55,10 @@ struct Bytes {
 
 int32_t header_rate(const FrameHeader& h) {
   // Only checked headers reach a finish; a stray index falls back to the first rate of its row.
-  int32_t id = h.id == 0 ? 0 : 1;
-  int32_t index = h.sampling_index >= 0 && h.sampling_index <= 2 ? h.sampling_index : 0;
-  return sample_rate_table[id * 3 + index];
+  FrameHeader checked = h;
+  checked.id = h.id == 0 ? 0 : 1;
+  if (checked.sampling_index < 0 || checked.sampling_index > (checked.id ? 2 : 5)) checked.sampling_index = 0;
+  return header_hz(checked);
 }
 
 // Headers and trailers are written without looking at the result: the sample writes decide whether
@@ -72,7 +73,7 @@ void write_header_at_start(const Bytes& b) {
 void finish_wave(int32_t end, int32_t rate, int32_t channels) {
   Bytes trailer;
   trailer.text("LIST");
-  trailer.le(74, 4);  // the chunk holds 80 bytes; its size has always been written as 74
+  trailer.le(80, 4);
   trailer.text("INFO");
   trailer.text("ISFT");
   trailer.le(18, 4);
@@ -101,6 +102,7 @@ void finish_wave(int32_t end, int32_t rate, int32_t channels) {
 }
 
 void finish_aiff(int32_t end, int32_t rate, int32_t channels) {
+  constexpr int32_t SAMPLES_AT = 54;
   // No frame decoded would leave no channel count; the division must not fault then.
   int32_t frame_bytes = (channels > 0 ? channels : 1) * 2;
   Bytes h;
@@ -109,30 +111,32 @@ void finish_aiff(int32_t end, int32_t rate, int32_t channels) {
   h.text("AIFFCOMM");
   h.be(18, 4);
   h.be(uint32_t(channels), 2);
-  // Both sizes are 16 bytes short of the truth; readers of these files have always met them so.
-  h.be(uint32_t((end - 62) / frame_bytes), 4);
+  h.be(uint32_t((end - SAMPLES_AT) / frame_bytes), 4);
   h.be(16, 2);
-  // The 80-bit rate: a fixed exponent with the rate in the mantissa's top 16 bits. Right in value,
-  // unnormalised below 32768 Hz.
-  h.be(0x400E, 2);
-  h.be(uint32_t(rate), 2);
-  h.be(0, 2);
+  // The rate as an 80-bit extended number: the integer shifted up until its top bit is the
+  // mantissa's explicit leading one, and the exponent counting the shift.
+  const uint32_t r = uint32_t(rate > 0 ? rate : 1);
+  const int32_t top = 31 - std::countl_zero(r);
+  h.be(uint32_t(16383 + top), 2);
+  h.be(r << (31 - top), 4);
   h.be(0, 4);
   h.text("SSND");
-  h.be(uint32_t(end - 62), 4);
-  h.be(0, 4);  // offset
-  h.be(0, 4);  // block size
+  h.be(uint32_t(end - SAMPLES_AT + 8), 4);  // the offset and block size words count too
+  h.be(0, 4);                               // offset
+  h.be(0, 4);                               // block size
   write_header_at_start(h);
 }
 
 void finish_au(int32_t end, int32_t rate, int32_t channels) {
+  constexpr int32_t SAMPLES_AT = 28;
   Bytes h;
   h.text(".snd");
-  h.be(24, 4);
-  h.be(uint32_t(end - 24), 4);
+  h.be(SAMPLES_AT, 4);
+  h.be(uint32_t(end - SAMPLES_AT), 4);
   h.be(3, 4);  // 16-bit linear PCM
   h.be(uint32_t(rate), 4);
   h.be(uint32_t(channels), 4);
+  h.be(0, 4);  // an empty annotation
   write_header_at_start(h);
 }
 
@@ -158,30 +162,61 @@ void finish_voc(int32_t end, int32_t rate, int32_t channels) {
   write_header_at_start(h);
 }
 
-}  // namespace
-
-void write_decoded_block() {
-  const size_t bytes = state.decoded_channels == 2 ? 2304 : 1152;
+// Writes bytes of 16-bit samples in the output format's byte order.
+void write_samples(const int16_t* samples, size_t bytes) {
   if (options.ext_filter == EXT_AIF || options.ext_filter == EXT_AU) {
     uint8_t swapped[2304];
-    const auto* src = reinterpret_cast<const uint8_t*>(decoder::pcm_block);
-    for (size_t i = 0; i < bytes; i += 2) {
+    const auto* src = reinterpret_cast<const uint8_t*>(samples);
+    for (size_t i = 0; i + 1 < bytes && i < sizeof swapped; i += 2) {
       swapped[i] = src[i + 1];
       swapped[i + 1] = src[i];
     }
     write_or_flag(swapped, bytes);
   } else {
-    write_or_flag(decoder::pcm_block, bytes);
+    write_or_flag(samples, bytes);
   }
 }
 
-void write_decoded_block_l1() { write_or_flag(decoder::pcm_block_l1, sizeof decoder::pcm_block_l1); }
+// The samples a file job drops at the start and keeps after them (-1: all), when the stream's Info
+// frame recorded the encoder's delay and padding. The synthesis and the overlap of Layer III delay
+// the output by 529 samples, as in every decoder of the standard's structure.
+constexpr int64_t DECODER_DELAY = 529;
+constexpr int64_t BLOCK_FRAMES = 576;  // sample frames in pcm_block
+struct Trim {
+  int64_t skip = 0;
+  int64_t keep = -1;
+};
+Trim trim;
+
+}  // namespace
+
+void write_decoded_block() {
+  // Gapless: the encoder's delay and the decoder's own at the start are dropped, and what stands
+  // behind the stream's real length.
+  const size_t channels = state.decoded_channels == 2 ? 2 : 1;
+  int64_t first = std::min<int64_t>(BLOCK_FRAMES, trim.skip);
+  trim.skip -= first;
+  int64_t count = BLOCK_FRAMES - first;
+  if (trim.keep >= 0) {
+    count = std::min(count, trim.keep);
+    trim.keep -= count;
+  }
+  if (count <= 0) return;
+  write_samples(decoder::pcm_block + size_t(first) * channels, size_t(count) * channels * 2);
+}
+
+void write_decoded_block_l1() { write_samples(decoder::pcm_block_l1, sizeof decoder::pcm_block_l1); }
 
 void write_decoded_tail_l1(int32_t count) {
-  if (count > 0 && count <= 1152) write_or_flag(decoder::pcm_block_l1, size_t(count) * 2);
+  if (count > 0 && count <= 1152) write_samples(decoder::pcm_block_l1, size_t(count) * 2);
 }
 
 void reserve_header(int32_t ext_filter) {
+  trim = Trim{};
+  if (options.gapless && stream.encoder_delay >= 0) {
+    trim.skip = stream.encoder_delay + DECODER_DELAY;
+    trim.keep = stream.total_samples;
+  }
   if (ext_filter < EXT_WAV || ext_filter > EXT_VOC) return;
   static const uint8_t zeros[64] = {};
   write_or_flag(zeros, size_t(header_bytes[ext_filter]));
@@ -191,7 +226,8 @@ void finish_header(int32_t ext_filter, const FrameHeader& last) {
   // The end of the audio first: every size is measured from it.
   const int32_t end = int32_t(std::ftell(state.out_file));
   const int32_t rate = header_rate(last);
-  const int32_t channels = state.decoded_channels;
+  // A stream of no audio frames (a lone Info frame) still gets a valid header: its first frame's.
+  const int32_t channels = state.decoded_channels ? state.decoded_channels : stream.mode == 3 ? 1 : 2;
   switch (ext_filter) {
     case EXT_WAV:
       finish_wave(end, rate, channels);

@@ -13,7 +13,7 @@ enum ExtFilter : int32_t { EXT_RAW = 0, EXT_WAV = 1, EXT_AIF = 2, EXT_AU = 3, EX
 
 // The file job's ShaperFn: writes pcm_block (one or two channels by decoded_channels).
 void write_decoded_block();
-// Writes pcm_block_l1 as it stands (Layer I): 1152 values, whatever the channel count and format.
+// Writes pcm_block_l1 (Layer I): 1152 values, whatever the channel count, in the format's byte order.
 void write_decoded_block_l1();
 // Writes the first count values of pcm_block_l1: the last, incomplete block of a Layer I stream.
 void write_decoded_tail_l1(int32_t count);

@@ -7,20 +7,20 @@
 // writes the frames one by one with the stop test, the progress message and the cancel test in
 // their places; frames worked out past the stop are dropped.
 //
-// kernel_sinc is the plain truncated sinc at the input's Nyquist rate, no window, no
-// normalisation. Its arithmetic is fixed in detail, because users compare outputs: the argument
-// d * pi is reduced by repeated steps of 2 pi, the divisor is the single-precision copy of d * pi
-// taken before that reduction, and the two sums are floats, each product added in turn. Its sine
-// is our own polynomial (sinc_sine), not the C library's, whose last bit differs between library
-// versions and processors. kernel_sinc_block computes the same numbers for eight output frames at
-// once, one frame per vector lane and every lane doing the scalar operations in the scalar order;
-// tests hold the two paths to bit equality.
+// kernel_sinc, for rates that rise or stay, is the plain truncated sinc at the input's Nyquist
+// rate (then the lower of the two), no window, no normalisation. Its arithmetic is fixed in detail, because users
+// compare outputs: the argument d * pi is reduced by repeated steps of 2 pi, the divisor is the single-precision copy
+// of d * pi taken before that reduction, and the two sums are floats, each product added in turn. Its sine is our own
+// polynomial (sinc_sine), not the C library's, whose last bit differs between library versions and processors.
+// kernel_sinc_block computes the same numbers for eight output frames at once, one frame per vector lane and every lane
+// doing the scalar operations in the scalar order; tests hold the two paths to bit equality.
 #include "tools/resample.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -129,7 +129,7 @@ VECTOR_INLINE VecD round_to_float(VecD v) {
 // Input frames converted once, for the taps of many output frames. Filled in rising index order
 // through read_wave_frame, so the reader sees what a frame-by-frame kernel would show it.
 struct SampleWindow {
-  static constexpr int64_t CAPACITY = 4096;
+  static constexpr int64_t CAPACITY = 8192;
   int64_t base = 0;     // index of left[0]
   int64_t end = 0;      // first index not held
   uint32_t serial = 0;  // the input file the values came from
@@ -278,6 +278,112 @@ TOVRA_VECTOR_CLONES void sinc_lanes_shuffled(const double* pos, const double* fi
 }
 #endif
 
+// --- The low-pass kernel for downsampling -------------------------------------------------------
+
+// Below the input's rate the sinc must cut at the output's Nyquist frequency, or everything between
+// the two Nyquist frequencies folds back as aliases. kernel_lowpass applies a Kaiser-windowed sinc
+// stretched by the step. The window makes the stopband real (70 dB), and its transition band lies
+// just below the output's Nyquist frequency, so that nothing above it comes through. The kernel
+// spans `span` output samples, the quality or LOWPASS_MIN_SPAN if that is more: fewer could not
+// hold the stopband with a passband worth the name.
+//
+// The weights come from a polyphase table filled once per job: row p holds the weights of the
+// taps i - before, i - before + 1, ... for a position of i + p / phases, and a position between
+// two rows takes the weights linearly between them. Rows are padded with zero weights to a
+// multiple of LANES taps, so that the sums run over whole vectors.
+constexpr int32_t LOWPASS_MIN_SPAN = 80;
+constexpr double LOWPASS_ATTENUATION = 70.0;  // dB
+constexpr double LOWPASS_PHASES_PER_OUTPUT_SAMPLE = 256.0;
+
+struct Lowpass {
+  int32_t phases = 0;     // rows - 1
+  int32_t taps = 0;       // per row, a multiple of LANES
+  int32_t before = 0;     // the first tap's distance to the left of the position's frame
+  float* rows = nullptr;  // (phases + 1) * taps, kept from job to job
+  size_t capacity = 0;    // floats allocated at rows
+};
+Lowpass lowpass;
+
+// The modified Bessel function of order 0, by its power series.
+double bessel_i0(double x) {
+  double sum = 1.0, term = 1.0;
+  const double q = x * x / 4.0;
+  for (int32_t k = 1; k < 200 && term > sum * 1e-20; ++k) {
+    term *= q / (double(k) * double(k));
+    sum += term;
+  }
+  return sum;
+}
+
+// Fills the table for a step above 1 and a quality of 2 and up. Returns false without memory.
+bool make_lowpass(double step, int32_t quality) {
+  const int32_t span = std::max(quality, LOWPASS_MIN_SPAN);
+  const double half = span / 2.0;
+  // Kaiser's estimates: the transition width that the span buys at the attenuation, and the
+  // window's shape for that attenuation. The transition ends at the output's Nyquist frequency.
+  const double transition = (LOWPASS_ATTENUATION - 8.0) / (2.285 * 2.0 * PI * span);
+  const double cutoff = 0.5 - transition / 2.0;  // cycles per output sample
+  const double beta = 0.1102 * (LOWPASS_ATTENUATION - 8.7);
+  const double i0_beta = bessel_i0(beta);
+  // The kernel at u output samples from its centre, scaled for taps one input frame apart.
+  auto kernel = [&](double u) {
+    u = std::fabs(u);
+    if (u >= half) return 0.0;
+    const double x = 2.0 * PI * cutoff * u;
+    const double sinc = u == 0.0 ? 1.0 : sinc_sine(x - TWO_PI * std::floor(x / TWO_PI)) / x;
+    const double r = u / half;
+    return 2.0 * cutoff * sinc * bessel_i0(beta * std::sqrt(1.0 - r * r)) / i0_beta / step;
+  };
+  Lowpass& lp = lowpass;
+  const int32_t reach = int32_t(half * step);
+  lp.before = reach;
+  lp.taps = (2 * reach + 2 + LANES - 1) / LANES * LANES;
+  // The weights change as fast in the input's frames as the kernel does in the output's samples
+  // divided by the step: the phases follow, at no fewer than 16 a frame.
+  lp.phases = std::max(16, int32_t(std::ceil(LOWPASS_PHASES_PER_OUTPUT_SAMPLE / step)));
+  const size_t need = size_t(lp.phases + 1) * size_t(lp.taps);
+  if (need > lp.capacity) {
+    auto* grown = static_cast<float*>(std::realloc(lp.rows, need * sizeof(float)));
+    if (!grown) return false;
+    lp.rows = grown;
+    lp.capacity = need;
+  }
+  for (int32_t p = 0; p <= lp.phases; ++p) {
+    const double fraction = double(p) / lp.phases;
+    for (int32_t n = 0; n < lp.taps; ++n)
+      lp.rows[size_t(p) * size_t(lp.taps) + size_t(n)] = float(kernel((fraction + lp.before - n) / step));
+  }
+  return true;
+}
+
+typedef float VecF __attribute__((vector_size(LANES * sizeof(float))));
+
+VECTOR_INLINE VecF load_floats(const float* p) {
+  VecF v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+// The sums of one output frame over taps samples from l and r, with the weights between rows a
+// and b at pf. Each lane sums every LANES-th tap; the lanes are added at the end in a fixed order.
+TOVRA_VECTOR_CLONES void lowpass_lanes(const float* a, const float* b, float pf, int32_t taps, const double* l,
+                                       const double* r, float& out_l, float& out_r) {
+  VecF sum_l{}, sum_r{};
+  for (int32_t n = 0; n < taps; n += LANES) {
+    const VecF wa = load_floats(a + n);
+    const VecF w = wa + pf * (load_floats(b + n) - wa);
+    sum_l += __builtin_convertvector(load(l + n), VecF) * w;
+    sum_r += __builtin_convertvector(load(r + n), VecF) * w;
+  }
+  float total_l = 0.0f, total_r = 0.0f;
+  for (int32_t j = 0; j < LANES; ++j) {
+    total_l += sum_l[j];
+    total_r += sum_r[j];
+  }
+  out_l = total_l;
+  out_r = total_r;
+}
+
 // --- The job ------------------------------------------------------------------------------------
 
 int32_t setup_job(const char* input_path, const char* output_path, int32_t rate, int32_t bits, int32_t channels,
@@ -287,16 +393,33 @@ int32_t setup_job(const char* input_path, const char* output_path, int32_t rate,
   uint32_t data_size;
   int32_t code = open_wave_input(input_path, in_rate, in_bits, in_channels, data_size);
   if (code != WAVE_OK) return code;
-  resample.limit = int64_t(data_size) / (in_bits * in_channels / 8);
+  resample.limit = wave_in.frames;
   resample.step = double(in_rate) / double(rate);
   resample.total = int64_t(rate) * resample.limit / in_rate;
-  code = open_wave_output(output_path, rate, bits, channels, data_size);
+  // A file without a single frame to write makes no output: the job is refused before one exists.
+  if (resample.total == 0) {
+    close_wave_input();
+    return WAVE_NO_DATA;
+  }
+  // The estimate in the first header is the output's own size, which a reader of a file left by a
+  // crash finds closest to the truth.
+  const int64_t estimate = resample.total * (bits / 8) * channels;
+  code = open_wave_output(output_path, rate, bits, channels, uint32_t(std::min<int64_t>(estimate, 0xFFFFFFD0)));
   if (code != WAVE_OK) {
     close_wave_input();
     return code;
   }
   resample.quality = std::clamp(quality, 0, RESAMPLE_QUALITY_MAX);
   resample.kernel = resample.quality == 0 ? kernel_linear : resample.quality == 1 ? kernel_cubic : kernel_sinc;
+  if (resample.quality >= 2 && resample.step > 1.0) {
+    if (!make_lowpass(resample.step, resample.quality)) {
+      close_wave_output();
+      remove_partial_output(output_path);
+      close_wave_input();
+      return WAVE_NO_MEMORY;
+    }
+    resample.kernel = kernel_lowpass;
+  }
   resample.out_path = output_path;
   return WAVE_OK;
 }
@@ -368,7 +491,7 @@ void resample_thread() {
     if (end == LOOP_CANCELLED) {
       close_wave_output();
       close_wave_input();
-      if (!options.leave) std::remove(resample.out_path.c_str());
+      if (!options.leave) remove_partial_output(resample.out_path.c_str());
       if (in_batch) {
         post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_CANCELLED, resample.job_index);
         post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_LIST_FINISHED, resample.job_index);
@@ -382,6 +505,8 @@ void resample_thread() {
     int32_t closed = close_wave_output();
     if (result == WAVE_OK) result = closed;
     close_wave_input();
+    // A failed job leaves nothing behind: a cut-off file would pass for a whole one.
+    if (result != WAVE_OK) remove_partial_output(resample.out_path.c_str());
     post_message(WINDOW_PROGRESS, MSG_PROGRESS_STATUS, result, 0);
     if (!in_batch) break;
     post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, result == WAVE_OK ? JOB_DONE : JOB_FAILED, resample.job_index);
@@ -451,6 +576,39 @@ void kernel_sinc(double position, int32_t& left, int32_t& right) {
     double w = sinc_weight(position - double(index));
     sum_l = round_to_single(sum_l + double(l) * w);
     sum_r = round_to_single(sum_r + double(r) * w);
+  }
+  left = to_int(sum_l);
+  right = to_int(sum_r);
+}
+
+void kernel_lowpass(double position, int32_t& left, int32_t& right) {
+  const Lowpass& lp = lowpass;
+  const int64_t i = int64_t(position);
+  const double phase = (position - double(i)) * lp.phases;
+  const int32_t row = std::min(int32_t(phase), lp.phases - 1);
+  const float pf = float(phase - row);
+  const float* a = lp.rows + size_t(row) * size_t(lp.taps);
+  const float* b = a + lp.taps;
+  const int64_t first = i - lp.before;
+  float sum_l, sum_r;
+  if (fill_window(first, first + lp.taps)) {
+    lowpass_lanes(a, b, pf, lp.taps, window.left + (first - window.base), window.right + (first - window.base), sum_l,
+                  sum_r);
+  } else {
+    // Steps of hundreds of frames: the taps are read one by one, summed as the lanes would.
+    float lanes_l[LANES] = {}, lanes_r[LANES] = {};
+    for (int32_t n = 0; n < lp.taps; ++n) {
+      int32_t l, r;
+      read_wave_frame(first + n, l, r);
+      const float w = a[n] + pf * (b[n] - a[n]);
+      lanes_l[n % LANES] += float(l) * w;
+      lanes_r[n % LANES] += float(r) * w;
+    }
+    sum_l = sum_r = 0.0f;
+    for (int32_t j = 0; j < LANES; ++j) {
+      sum_l += lanes_l[j];
+      sum_r += lanes_r[j];
+    }
   }
   left = to_int(sum_l);
   right = to_int(sum_r);

@@ -1,7 +1,8 @@
 // The high-quality resampler: a PCM WAVE file in, a PCM WAVE file out at another sampling rate,
 // bit depth or channel count, on a job thread of its own. There is no stored filter: at each output
 // instant one of three kernels (linear, cubic convolution, truncated sinc) is evaluated directly on
-// the input samples.
+// the input samples; when the rate goes down the sinc is a windowed one cut at the output's Nyquist
+// frequency, so that nothing aliases.
 //
 // Threads: start_resample runs on the main thread while no job exists, sets the job up and starts
 // resample_thread, which from then on owns the WAVE reader and writer and everything below. The
@@ -47,10 +48,13 @@ int32_t start_resample(const char* input_path, const char* output_path, int32_t 
 // Waits for the job thread, if any, to end. For front ends without a message loop, and tests.
 void wait_resample();
 
-// The kernels. All read through read_wave_frame; kernel_sinc takes resample.quality taps.
+// The kernels. All read through read_wave_frame; kernel_sinc takes resample.quality taps. A job
+// that lowers the rate with a quality of 2 and up uses kernel_lowpass instead of kernel_sinc: a
+// windowed sinc cut at the output's Nyquist frequency, set up by the job's start.
 void kernel_linear(double position, int32_t& left, int32_t& right);
 void kernel_cubic(double position, int32_t& left, int32_t& right);
 void kernel_sinc(double position, int32_t& left, int32_t& right);
+void kernel_lowpass(double position, int32_t& left, int32_t& right);
 // kernel_sinc for count consecutive positions at once; the same values as count calls of it, in a
 // fraction of the time.
 void kernel_sinc_block(const double* positions, int32_t count, int32_t* left, int32_t* right);

@@ -34,6 +34,7 @@
 #include "session/platform.h"
 #include "session/session.h"
 #include "tools/resample.h"
+#include "tools/wave.h"
 
 namespace tools {
 
@@ -68,10 +69,14 @@ void split_thread() {
   std::array<uint8_t, SPLIT_PACKET_BUFFER_BYTES> packet;
   int32_t result = split_stream(split.in, split.out, split.file_size, split.bytes_read, packet.data());
   std::fclose(split.in);
+  // An output that can't tell its position (a pipe) is taken to have received audio.
+  if (result == SPLIT_OK && std::ftell(split.out) == 0) result = SPLIT_NO_AUDIO;
   // Buffered bytes go out at the close: a disk that fills there fails the job like a write.
   if (std::fclose(split.out) != 0 && result == SPLIT_OK) result = SPLIT_AUDIO_WRITE_ERROR;
   split.in = split.out = nullptr;
-  if (result == SPLIT_CANCELLED && !options.leave) std::remove(split.out_path.c_str());
+  // A refused or failed job leaves no file that could pass for the stream's audio; a cancelled one
+  // leaves its part when the user asked for that ("Leave").
+  if (result == SPLIT_CANCELLED ? !options.leave : result != SPLIT_OK) remove_partial_output(split.out_path.c_str());
   state.file_job_cancel.store(1, relaxed);
   if (result != SPLIT_CANCELLED) post_message(WINDOW_PROGRESS, MSG_SPLIT_END, result, split.bytes_read);
 }
@@ -92,6 +97,8 @@ const char* split_result_text(int32_t result) {
       return "ビデオフレーム書込みエラー";
     case SPLIT_AUDIO_WRITE_ERROR:
       return "オーディオフレーム書込みエラー";
+    case SPLIT_NO_AUDIO:
+      return "オーディオフレームがない";
     default:
       return nullptr;
   }

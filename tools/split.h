@@ -7,7 +7,8 @@
 // which owns both files until it ends. The main thread stops it only through
 // session::state.file_job_cancel, which the walk reads between units and within a packet header.
 // The thread posts MSG_SPLIT_PROGRESS (position, file size) for each audio packet and
-// MSG_SPLIT_END (result, bytes read) at its end, unless it was cancelled.
+// MSG_SPLIT_END (result, bytes read) at its end, unless it was cancelled. A job that ends with an
+// error or without any audio removes its output file.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +25,7 @@ enum SplitResult : int32_t {
   SPLIT_BAD_AUDIO_HEADER = 6,
   SPLIT_VIDEO_WRITE_ERROR = 7,  // reserved: video is never written
   SPLIT_AUDIO_WRITE_ERROR = 8,
+  SPLIT_NO_AUDIO = 9,    // the walk ended without a byte of audio: no output is left
   SPLIT_CANCELLED = -1,  // the walk saw file_job_cancel; no result is posted
 };
 

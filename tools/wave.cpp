@@ -4,14 +4,18 @@
 // frame index rises; `half` counts the halves read, so the newest half holds the frames from
 // half * frames_per_half on and the other half the ones just before. A frame is found relative to
 // the newest half's start, which lets a kernel look back a little and forward a little without any
-// copying. Bytes past the "data" chunk are never read as samples: the halves are primed with
-// silence and a read stops at the chunk's end.
+// copying. The halves hold 16-bit stereo whatever the file's format: each piece of the file is
+// converted once as it comes in, and a frame read is two loads. Bytes past the "data" chunk are
+// never read as samples: a read stops at the chunk's end and the rest of a half is silence.
 //
 // The writer collects frames in its buffer and writes WAVE_OUT_FLUSH_BYTES at a time; the header
 // goes out first with an estimate and is rewritten with the true count when the file closes.
 #include "tools/wave.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 
@@ -19,6 +23,9 @@ namespace tools {
 
 WaveInput wave_in;
 WaveOutput wave_out;
+
+// The halves hold 16-bit samples in the machine's order, which is the file's.
+static_assert(std::endian::native == std::endian::little);
 
 namespace {
 
@@ -36,18 +43,193 @@ void put16(uint8_t* p, uint32_t v) {
 
 bool is_id(const uint8_t* p, const char* id) { return std::memcmp(p, id, 4) == 0; }
 
-// Silence of the input's format: 0 for 16-bit samples, 0x80 for unsigned 8-bit ones.
-void fill_silence(uint8_t* from, size_t bytes) { std::memset(from, wave_in.bits == 8 ? 0x80 : 0, bytes); }
+bool printable_id(const uint8_t* p) {
+  for (int i = 0; i < 4; ++i)
+    if (p[i] < 0x20 || p[i] > 0x7E) return false;
+  return true;
+}
+
+// The rest of the GUID of an extensible header's sub-format: the format tag stands in its first two
+// bytes, these follow.
+constexpr uint8_t SUBFORMAT_GUID_TAIL[14] = {0, 0, 0, 0, 0x10, 0, 0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71};
+
+// The "fmt " chunk's facts (size bytes at f, at most 40 of them read). Returns a WaveProblem.
+int32_t read_format(const uint8_t* f, int64_t size, WaveHeader& h) {
+  h.format_tag = int32_t(le16(f));
+  h.channels = int32_t(le16(f + 2));
+  const uint32_t rate = le32(f + 4);
+  h.rate = rate > 0x7FFFFFFF ? 0 : int32_t(rate);
+  int32_t bits = int32_t(le16(f + 14));
+  h.valid_bits = bits;
+  if (h.format_tag == WAVE_TAG_EXTENSIBLE) {
+    if (size < 40) return WAVE_PROBLEM_SHORT_FMT;
+    if (std::memcmp(f + 26, SUBFORMAT_GUID_TAIL, sizeof SUBFORMAT_GUID_TAIL) != 0) return WAVE_PROBLEM_FORMAT_TAG;
+    h.format_tag = int32_t(le16(f + 24));
+    int32_t valid = int32_t(le16(f + 18));
+    if (valid > 0 && valid <= bits) h.valid_bits = valid;
+  }
+  if (h.format_tag != WAVE_TAG_PCM && h.format_tag != WAVE_TAG_FLOAT) return WAVE_PROBLEM_FORMAT_TAG;
+  h.is_float = h.format_tag == WAVE_TAG_FLOAT;
+  if (h.channels != 1 && h.channels != 2) return WAVE_PROBLEM_CHANNELS;
+  // Integer samples narrower than their bytes sit in the upper bits, so a 20-bit sample reads as
+  // a 24-bit one.
+  if (h.is_float ? bits != 32 && bits != 64 : bits < 1 || bits > 32) {
+    h.bits = bits;
+    return WAVE_PROBLEM_BITS;
+  }
+  h.bits = (bits + 7) / 8 * 8;
+  // The block align is worked out rather than believed: a header's own is wrong often enough.
+  h.block_align = h.bits / 8 * h.channels;
+  if (h.rate <= 0) return WAVE_PROBLEM_RATE;
+  return WAVE_PROBLEM_NONE;
+}
+
+// The walk over the chunks, for bytes in memory and for a file alike. get(offset, to, n) copies up
+// to n bytes from the file's start + offset and says how many there were. A short read returns
+// WAVE_CHUNK_ERROR with h.problem telling what was being looked for.
+template <typename Get>
+int32_t walk_chunks(const Get& get, WaveHeader& h) {
+  h = WaveHeader{};
+  uint8_t head[12];
+  if (get(0, head, 12) < 12) {
+    h.problem = WAVE_PROBLEM_NOT_RIFF;
+    return WAVE_CHUNK_ERROR;
+  }
+  // Either of the two magic words will do: files with a damaged "RIFF" or "WAVE" still open, and so
+  // do "RF64" files, whose sizes the end of the file stands in for.
+  if (!is_id(head, "RIFF") && !is_id(head + 8, "WAVE")) {
+    h.problem = WAVE_PROBLEM_NOT_RIFF;
+    return WAVE_BAD_FORMAT;
+  }
+  // Positions are kept wide so that no chunk size can wrap them.
+  int64_t pos = 12;
+  bool have_format = false;
+  for (;;) {
+    uint8_t chunk[9];
+    if (get(pos, chunk, 8) < 8) {
+      h.problem = WAVE_PROBLEM_NO_DATA;
+      return WAVE_CHUNK_ERROR;
+    }
+    const int64_t size = le32(chunk + 4);
+    if (is_id(chunk, "data")) {
+      if (!have_format) {
+        h.problem = WAVE_PROBLEM_NO_FMT;
+        return WAVE_BAD_FORMAT;
+      }
+      h.data_size = uint32_t(size);
+      h.data_offset = pos + 8;
+      return WAVE_OK;
+    }
+    if (is_id(chunk, "fmt ")) {
+      uint8_t format[40];
+      const int32_t want = int32_t(std::min<int64_t>(size, sizeof format));
+      if (size < 16) {
+        h.problem = WAVE_PROBLEM_SHORT_FMT;
+        return WAVE_BAD_FORMAT;
+      }
+      if (get(pos + 8, format, want) < want) {
+        h.problem = WAVE_PROBLEM_SHORT_FMT;
+        return WAVE_CHUNK_ERROR;
+      }
+      h.problem = read_format(format, size, h);
+      if (h.problem != WAVE_PROBLEM_NONE) return WAVE_BAD_FORMAT;
+      have_format = true;
+    }
+    // Chunks of odd size are followed by a pad byte. Some writers leave it out: when the byte
+    // behind the chunk starts a chunk name and the one after it doesn't, the pad is missing.
+    int64_t next = pos + 8 + size + (size & 1);
+    if ((size & 1) && get(next - 1, chunk, 9) == 9 && printable_id(chunk) && !printable_id(chunk + 1)) --next;
+    pos = next;
+  }
+}
+
+// The file's bytes for walk_chunks.
+struct FileBytes {
+  std::FILE* file;
+  int32_t operator()(int64_t offset, uint8_t* to, int32_t n) const {
+    if (std::fseek(file, long(offset), SEEK_SET) != 0) return 0;
+    return int32_t(std::fread(to, 1, size_t(n), file));
+  }
+};
+
+int32_t probe_open_file(std::FILE* file, WaveHeader& h) {
+  int32_t code = walk_chunks(FileBytes{file}, h);
+  if (std::ferror(file)) return WAVE_READ_ERROR;
+  if (code == WAVE_CHUNK_ERROR) return h.problem == WAVE_PROBLEM_NO_DATA ? WAVE_NO_DATA : WAVE_BAD_FORMAT;
+  if (code != WAVE_OK) return code;
+  // A header may claim more data than the file holds (a stream written without patching its sizes
+  // says 0xFFFFFFFF): the data is what the file has behind the header, at most the claimed size.
+  if (std::fseek(file, 0, SEEK_END) != 0) return WAVE_READ_ERROR;
+  const int64_t file_size = std::ftell(file);
+  const int64_t present = file_size > h.data_offset ? file_size - h.data_offset : 0;
+  h.data_size = uint32_t(std::min<int64_t>(h.data_size, present));
+  return WAVE_OK;
+}
+
+int16_t from_float(float v) {
+  v *= 32768.0f;
+  if (v >= 32767.0f) return 32767;
+  if (v > -32768.0f) return int16_t(v);  // truncated towards zero, as the tools' other conversions
+  return v <= -32768.0f ? -32768 : 0;    // the rest is NaN
+}
+
+// Frames of the file's format to 16-bit stereo, a mono sample going to both sides.
+template <typename Sample>
+void convert_as(const uint8_t* raw, int32_t frames, int16_t* out, Sample sample) {
+  const WaveInput& in = wave_in;
+  const int32_t size = in.bytes_per_frame / in.channels;
+  for (int32_t i = 0; i < frames; ++i, raw += in.bytes_per_frame) {
+    const int16_t left = sample(raw);
+    out[2 * i] = left;
+    out[2 * i + 1] = in.channels == 2 ? sample(raw + size) : left;
+  }
+}
+
+void convert_frames(const uint8_t* raw, int32_t frames, int16_t* out) {
+  const int32_t size = wave_in.bytes_per_frame / wave_in.channels;
+  if (wave_in.is_float && size == 4) {
+    convert_as(raw, frames, out, [](const uint8_t* p) {
+      float v;
+      std::memcpy(&v, p, 4);
+      return from_float(v);
+    });
+  } else if (wave_in.is_float) {
+    convert_as(raw, frames, out, [](const uint8_t* p) {
+      double v;
+      std::memcpy(&v, p, 8);
+      return v != v ? int16_t(0) : from_float(float(std::clamp(v, -2.0, 2.0)));
+    });
+  } else if (size == 1) {
+    convert_as(raw, frames, out, [](const uint8_t* p) { return int16_t((int32_t(p[0]) - 128) * 256); });
+  } else {
+    // The upper two bytes: wider samples lose their low bits by truncation.
+    convert_as(raw, frames, out, [size](const uint8_t* p) { return int16_t(le16(p + size - 2)); });
+  }
+}
 
 // Reads the next half over the older one. Whatever the read leaves short stays silence.
 void load_next_half() {
   WaveInput& in = wave_in;
   ++in.half;
-  uint8_t* base = in.buffer + (in.half & 1) * WAVE_HALF_BYTES;
-  size_t want = size_t(std::min<int64_t>(WAVE_HALF_BYTES, in.data_left));
-  size_t got = want > 0 && in.file ? std::fread(base, 1, want, in.file) : 0;
-  in.data_left -= int64_t(got);
-  fill_silence(base + got, WAVE_HALF_BYTES - got);
+  auto* base = reinterpret_cast<int16_t*>(in.buffer + (in.half & 1) * WAVE_HALF_BYTES);
+  uint8_t* stage = in.buffer + 2 * WAVE_HALF_BYTES + 256;
+  // 16-bit stereo is the halves' own format: it is read straight into place.
+  const bool direct = !in.is_float && in.bits == 16 && in.channels == 2;
+  int32_t done = 0;
+  while (done < in.frames_per_half && in.file && in.data_left >= in.bytes_per_frame) {
+    const int32_t frames =
+        int32_t(std::min<int64_t>({int64_t(in.frames_per_half - done), int64_t(WAVE_STAGE_BYTES / in.bytes_per_frame),
+                                   in.data_left / in.bytes_per_frame}));
+    const size_t bytes = size_t(frames) * size_t(in.bytes_per_frame);
+    uint8_t* raw = direct ? reinterpret_cast<uint8_t*>(base + 2 * done) : stage;
+    const size_t got = std::fread(raw, 1, bytes, in.file);
+    in.data_left -= int64_t(got);
+    const int32_t whole = int32_t(got / size_t(in.bytes_per_frame));
+    if (!direct) convert_frames(raw, whole, base + 2 * done);
+    done += whole;
+    if (got < bytes) in.data_left = 0;  // the file ended or failed: the rest is silence
+  }
+  std::memset(base + 2 * done, 0, size_t(in.frames_per_half - done) * 4);
   in.limit += in.frames_per_half;
 }
 
@@ -57,7 +239,7 @@ void skip_halves(int64_t index) {
   WaveInput& in = wave_in;
   int64_t skip = (index - in.limit) / in.frames_per_half - 1;
   if (skip <= 0) return;
-  int64_t bytes = std::min<int64_t>(skip * WAVE_HALF_BYTES, in.data_left);
+  int64_t bytes = std::min<int64_t>(skip * in.frames_per_half * in.bytes_per_frame, in.data_left);
   if (bytes > 0 && in.file && std::fseek(in.file, long(bytes), SEEK_CUR) != 0) bytes = in.data_left;
   in.data_left -= bytes;
   in.half += skip;
@@ -98,99 +280,108 @@ const char* wave_code_text(int32_t code) {
   }
 }
 
-int32_t parse_wave_header(const uint8_t* buffer, int32_t length, int32_t& rate, int32_t& bits, int32_t& channels,
-                          uint32_t& data_size, int32_t& data_offset) {
-  if (length < WAVE_HEADER_BYTES) return WAVE_CHUNK_ERROR;
-  // Either of the two magic words will do: files with a damaged "RIFF" or "WAVE" still open.
-  if (!is_id(buffer, "RIFF") && !is_id(buffer + 8, "WAVE")) return WAVE_BAD_FORMAT;
-
-  // Chunk sizes are unsigned 32-bit; positions are kept wide so that no size can wrap them.
-  int64_t pos = 12;
-  int64_t fmt = -1;
-  while (pos + 8 <= length) {
-    const uint8_t* chunk = buffer + pos;
-    int64_t size = le32(chunk + 4);
-    if (is_id(chunk, "fmt ")) {
-      if (size < 16 || pos + 8 + size > length) return WAVE_BAD_FORMAT;
-      fmt = pos + 8;
-      pos += 8 + size;
-    } else if (is_id(chunk, "data")) {
-      if (fmt < 0) return WAVE_BAD_FORMAT;
-      // The format tag is not looked at: only the bit depth limits what is accepted.
-      channels = int32_t(le16(buffer + fmt + 2));
-      rate = int32_t(le32(buffer + fmt + 4));
-      bits = int32_t(le16(buffer + fmt + 14));
-      data_size = uint32_t(size);
-      data_offset = int32_t(pos + 8);
-      return WAVE_OK;
-    } else {
-      // Odd chunks are stepped over by their stated size alone, without the pad byte.
-      pos += size + 8;
-      if (pos > length) return WAVE_BAD_FORMAT;
-    }
-    // A step that lands exactly on the end of the bytes read refuses the file rather than asking
-    // for more; this is how the tools have always treated such headers.
-    if (pos >= length) return WAVE_BAD_FORMAT;
-  }
-  return WAVE_CHUNK_ERROR;
+int32_t parse_wave_header(const uint8_t* buffer, int32_t length, WaveHeader& h) {
+  auto get = [buffer, length](int64_t offset, uint8_t* to, int32_t n) {
+    const int64_t there = std::clamp<int64_t>(length - offset, 0, n);
+    if (offset >= 0 && there > 0) std::memcpy(to, buffer + offset, size_t(there));
+    return int32_t(there);
+  };
+  return walk_chunks(get, h);
 }
 
-int32_t open_wave_input(const char* path, int32_t& rate, int32_t& bits, int32_t& channels, uint32_t& data_size) {
+int32_t parse_wave_header(const uint8_t* buffer, int32_t length, int32_t& rate, int32_t& bits, int32_t& channels,
+                          uint32_t& data_size, int32_t& data_offset) {
+  WaveHeader h;
+  int32_t code = parse_wave_header(buffer, length, h);
+  rate = h.rate;
+  bits = h.bits;
+  channels = h.channels;
+  data_size = h.data_size;
+  data_offset = int32_t(h.data_offset);
+  return code;
+}
+
+int32_t probe_wave_file(const char* path, WaveHeader& h) {
+  h = WaveHeader{};
+  std::FILE* file = std::fopen(path, "rb");
+  if (!file) return WAVE_READ_ERROR;
+  int32_t code = probe_open_file(file, h);
+  std::fclose(file);
+  return code;
+}
+
+char* wave_problem_text(int32_t code, const WaveHeader& h, char* text, size_t size) {
+  const char* base = wave_code_text(code);
+  if (!base) base = "エラー";
+  char why[160] = "";
+  switch (h.problem) {
+    case WAVE_PROBLEM_NOT_RIFF:
+      std::snprintf(why, sizeof why, "RIFF WAVEファイルではない");
+      break;
+    case WAVE_PROBLEM_NO_FMT:
+      std::snprintf(why, sizeof why, "\"data\"チャンクが\"fmt \"チャンクより前にある");
+      break;
+    case WAVE_PROBLEM_SHORT_FMT:
+      std::snprintf(why, sizeof why, "\"fmt \"チャンクが短い");
+      break;
+    case WAVE_PROBLEM_FORMAT_TAG:
+      std::snprintf(why, sizeof why, "フォーマットタグ0x%04XのWAVE: PCMと浮動小数点のみ", unsigned(h.format_tag));
+      break;
+    case WAVE_PROBLEM_CHANNELS:
+      std::snprintf(why, sizeof why, "%dチャンネルのWAVE: モノラルかステレオのみ", h.channels);
+      break;
+    case WAVE_PROBLEM_BITS:
+      std::snprintf(why, sizeof why, "%dビット%sのWAVE: 整数は8～32ビット、浮動小数点は32か64ビットのみ", h.bits,
+                    h.is_float ? "浮動小数点" : "整数");
+      break;
+    case WAVE_PROBLEM_RATE:
+      std::snprintf(why, sizeof why, "サンプルレート%dのWAVE", h.rate);
+      break;
+    case WAVE_PROBLEM_NO_DATA:
+      std::snprintf(why, sizeof why, "\"data\"チャンクがない");
+      break;
+    default:
+      break;
+  }
+  if (why[0])
+    std::snprintf(text, size, "%s (%s)", base, why);
+  else
+    std::snprintf(text, size, "%s", base);
+  return text;
+}
+
+int32_t open_wave_input(const char* path, int32_t& rate, int32_t& bits, int32_t& channels, uint32_t& data_size,
+                        WaveHeader* header) {
   close_wave_input();
   WaveInput& in = wave_in;
+  WaveHeader h;
   in.buffer = static_cast<uint8_t*>(std::malloc(WAVE_IN_BUFFER_BYTES));
   if (!in.buffer) return WAVE_NO_MEMORY;
   in.file = std::fopen(path, "rb");
-  if (!in.file) {
+  int32_t code = in.file ? probe_open_file(in.file, h) : WAVE_READ_ERROR;
+  if (header) *header = h;
+  if (code == WAVE_OK && std::fseek(in.file, long(h.data_offset), SEEK_SET) != 0) code = WAVE_READ_ERROR;
+  if (code != WAVE_OK) {
     close_wave_input();
-    return WAVE_READ_ERROR;
+    return code;
   }
-
-  // Read a little more of the file's start each time until the "data" chunk is found.
-  int32_t result = WAVE_CHUNK_ERROR;
-  int32_t data_offset = 0;
-  for (int32_t want = WAVE_PARSE_STEP; want < WAVE_PARSE_LIMIT && result == WAVE_CHUNK_ERROR; want += WAVE_PARSE_STEP) {
-    if (std::fseek(in.file, 0, SEEK_SET) != 0) {
-      close_wave_input();
-      return WAVE_READ_ERROR;
-    }
-    size_t got = std::fread(in.buffer, 1, size_t(want), in.file);
-    if (std::ferror(in.file)) {
-      close_wave_input();
-      return WAVE_READ_ERROR;
-    }
-    result = parse_wave_header(in.buffer, int32_t(got), rate, bits, channels, data_size, data_offset);
-  }
-  // A rate of 0 or one that does not fit a signed word would make every length meaningless.
-  if (result != WAVE_OK || (bits != 8 && bits != 16) || (channels != 1 && channels != 2) || rate <= 0) {
-    close_wave_input();
-    return WAVE_BAD_FORMAT;
-  }
-
-  // A header may claim more data than the file holds (a stream written without patching its sizes
-  // says 0xFFFFFFFF): the data is what the file has behind the header, at most the claimed size.
-  if (std::fseek(in.file, 0, SEEK_END) != 0) {
-    close_wave_input();
-    return WAVE_READ_ERROR;
-  }
-  long file_size = std::ftell(in.file);
-  int64_t present = file_size > data_offset ? int64_t(file_size) - data_offset : 0;
-  data_size = uint32_t(std::min<int64_t>(data_size, present));
-  if (std::fseek(in.file, data_offset, SEEK_SET) != 0) {
-    close_wave_input();
-    return WAVE_READ_ERROR;
-  }
+  rate = h.rate;
+  bits = h.bits;
+  channels = h.channels;
+  data_size = h.data_size;
 
   static uint32_t opened = 0;
   in.serial = ++opened;
   in.rate = rate;
   in.bits = bits;
   in.channels = channels;
+  in.is_float = h.is_float;
   in.data_size = data_size;
   in.data_left = data_size;
-  in.bytes_per_frame = bits * channels / 8;
-  in.frames_per_half = WAVE_HALF_BYTES / in.bytes_per_frame;
-  fill_silence(in.buffer, WAVE_IN_BUFFER_BYTES);
+  in.bytes_per_frame = h.block_align;
+  in.frames = data_size / uint32_t(h.block_align);
+  in.frames_per_half = WAVE_HALF_BYTES / 4;
+  std::memset(in.buffer, 0, WAVE_IN_BUFFER_BYTES);
   // The first half goes into half 0: load_next_half counts from -1.
   in.half = -1;
   in.limit = 0;
@@ -215,14 +406,9 @@ void read_wave_frame(int64_t index, int32_t& left, int32_t& right) {
   if (place < 0) place += 2 * per_half;
   place = std::clamp<int64_t>(place, 0, 2 * per_half - 1);
 
-  const uint8_t* p = in.buffer + place * in.bytes_per_frame;
-  if (in.bits == 16) {
-    left = int16_t(le16(p));
-    right = in.channels == 2 ? int16_t(le16(p + 2)) : left;
-  } else {
-    left = (int32_t(p[0]) - 128) * 256;
-    right = in.channels == 2 ? (int32_t(p[1]) - 128) * 256 : left;
-  }
+  const int16_t* p = reinterpret_cast<const int16_t*>(in.buffer) + 2 * place;
+  left = p[0];
+  right = p[1];
 }
 
 void close_wave_input() {
@@ -230,6 +416,11 @@ void close_wave_input() {
   if (in.file) std::fclose(in.file);
   std::free(in.buffer);
   in = WaveInput{};
+}
+
+void remove_partial_output(const char* path) {
+  struct stat st;
+  if (path && stat(path, &st) == 0 && S_ISREG(st.st_mode)) std::remove(path);
 }
 
 void make_wave_header(uint8_t* h, int32_t rate, int32_t bits, int32_t channels, uint32_t data_bytes) {
@@ -266,7 +457,7 @@ int32_t open_wave_output(const char* path, int32_t rate, int32_t bits, int32_t c
   make_wave_header(header, rate, bits, channels, data_size_estimate);
   if (std::fwrite(header, 1, sizeof header, out.file) != sizeof header) {
     close_wave_output();
-    std::remove(path);
+    remove_partial_output(path);
     return WAVE_WRITE_ERROR;
   }
   return WAVE_OK;

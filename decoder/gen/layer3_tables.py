@@ -145,14 +145,25 @@ for line in open(iso + "/sfb_tables.txt"):
     elif f[0] == "N":
         counts[(int(f[1]), int(f[2]))] = [int(v) for v in f[3:]]
 
-rates = [22050, 24000, 16000, 44100, 48000, 32000]  # row id * 3 + sampling_index
+# MPEG 2.5 (11.025, 12 and 8 kHz) is not in the ISO documents; its band boundaries are those that
+# the extension's published tables and every decoder that plays it use: 11.025 and 12 kHz share the
+# 16 kHz bands, 8 kHz has bands of its own.
+long_b[11025] = long_b[12000] = long_b[16000]
+short_b[11025] = short_b[12000] = short_b[16000]
+long_b[8000] = [0, 12, 24, 36, 48, 60, 72, 88, 108, 132, 160, 192, 232, 280, 336, 400, 476, 566, 568, 570, 572,
+                574, 576]
+short_b[8000] = [0, 8, 16, 24, 36, 52, 72, 96, 124, 160, 162, 164, 166, 192]
+
+# Rows: id * 3 + sampling_index for MPEG-1 and MPEG-2, then MPEG 2.5 in the order of its header field.
+rates = [22050, 24000, 16000, 44100, 48000, 32000, 11025, 12000, 8000]
 emit()
-emit("// Last line of each band (the next boundary minus 1); row id * 3 + sampling_index.")
-emit("constexpr int32_t sfb_long[6][22] = {")
+emit("// Last line of each band (the next boundary minus 1); rows 22.05, 24, 16, 44.1, 48, 32, 11.025,")
+emit("// 12 and 8 kHz.")
+emit("constexpr int32_t sfb_long[9][22] = {")
 for r in rates:
     emit("    {" + ", ".join(str(v - 1) for v in long_b[r][1:]) + "},  // %d Hz" % r)
 emit("};")
-emit("constexpr int32_t sfb_short[6][13] = {")
+emit("constexpr int32_t sfb_short[9][13] = {")
 for r in rates:
     emit("    {" + ", ".join(str(v - 1) for v in short_b[r][1:]) + "},  // %d Hz" % r)
 emit("};")
@@ -160,11 +171,10 @@ emit("constexpr int32_t pretab[22] = {" + ", ".join(str(v) for v in pretab) + "}
 emit("constexpr int32_t slen1_table[16] = {" + ", ".join(str(v) for v in slen1) + "};")
 emit("constexpr int32_t slen2_table[16] = {" + ", ".join(str(v) for v in slen2) + "};")
 emit("// Rows 0-5 as chosen by scalefac_compress; block kinds long, short, mixed.")
-for name in ("int32_t lsf_sfb_counts[6][3][4]", "constexpr int32_t lsf_sfb_counts_stored[6][3][4]"):
-    emit(name + " = {")
-    for t in range(6):
-        emit("    {" + ", ".join("{" + ", ".join(str(v) for v in counts[(t, k)]) + "}" for k in range(3)) + "},")
-    emit("};")
+emit("constexpr int32_t lsf_sfb_counts[6][3][4] = {")
+for t in range(6):
+    emit("    {" + ", ".join("{" + ", ".join(str(v) for v in counts[(t, k)]) + "}" for k in range(3)) + "},")
+emit("};")
 
 # ---------------------------------------------------------------- transform constants
 # 36-point inverse transform as an 18-point DCT-IV: y[m] = Z[m] / (2 cos((2m+1) pi/72)), with Z an

@@ -52,8 +52,11 @@ TEST(DecodeCli, InterruptCancelsAndRemovesThePartialOutput) {
   // A quarter of an hour of frames, so that the job is still running when the signal comes.
   ASSERT_EQ(test::run("for i in $(seq 90); do cat " + part + "; done > " + mp2), 0);
   std::string out = dir.file("out.wav");
-  int status =
-      test::run(cli() + " decode " + mp2 + " " + out + " 2>/dev/null & pid=$!; sleep 0.1; kill -INT $pid; wait $pid");
+  int status = test::run(cli() + " decode " + mp2 + " " + out +
+                         " 2>/dev/null & pid=$!; "
+                         // Signal only once the job writes, so that the handler is in place on a loaded machine.
+                         "for i in $(seq 500); do [ -s " +
+                         out + " ] && break; sleep 0.01; done; kill -INT $pid; wait $pid");
   EXPECT_EQ(status, 130);
   EXPECT_NE(test::run("test -e " + out), 0) << "the partial output was left behind";
 }

@@ -23,14 +23,8 @@ namespace {
 
 using session::FrameHeader;
 
-int32_t kbps_of(const FrameHeader& h) {
-  return session::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
-}
-// The bytes the decoder loads after the header: the rate tables' frame size with padding, less 4.
-int32_t body_bytes(const FrameHeader& h) {
-  return (h.id ? 144000 : 72000) * kbps_of(h) / session::sample_rate_table[h.id * 3 + h.sampling_index] +
-         h.padding_bit - 4;
-}
+// The bytes the decoder loads after the header: the frame's length less 4.
+int32_t body_bytes(const FrameHeader& h) { return session::frame_length(h) - 4; }
 
 FrameHeader header(int id, int bitrate_index, int sampling_index, int mode, int mode_ext = 0) {
   FrameHeader h{};
@@ -99,8 +93,8 @@ float grouped_value(int d, float scale) { return (float(d) * 0.5f - 1.0f + 0.5f)
 const int digits_a[3] = {0, 1, 2}, digits_b[3] = {2, 2, 0}, digits_c[3] = {1, 2, 0};
 
 // An MPEG-2 frame uses the low-sampling-frequency table (30 bands, widths 4, 3, 2) at every rate,
-// and loads the rate table's frame size, half the real frame: the file stands mid-frame afterwards.
-TEST_F(Layer2FrameTest, Mpeg2UsesTheLowRateTableAndLoadsTheTablesFrameSize) {
+// and loads the whole frame: the file stands at the next header afterwards.
+TEST_F(Layer2FrameTest, Mpeg2UsesTheLowRateTableAndLoadsTheWholeFrame) {
   for (int bitrate_index : {1, 14}) {
     SCOPED_TRACE(bitrate_index);
     SetUp();
@@ -112,7 +106,7 @@ TEST_F(Layer2FrameTest, Mpeg2UsesTheLowRateTableAndLoadsTheTablesFrameSize) {
     for (int g = 0; g < 12; ++g) w.put(group3(1, 2, 0), 5);
     decode(h, w);
     for (int t = 0; t < 36; ++t) EXPECT_EQ(sample(0, 29, t), grouped_value(digits_c[t % 3], 1.0f)) << t;
-    EXPECT_EQ(std::ftell(file), long(144000 * kbps_of(h) / 24000 / 2 - 4));
+    EXPECT_EQ(std::ftell(file), long(body_bytes(h)));
   }
 }
 

@@ -230,9 +230,9 @@ TEST(Layer3Huffman, AllZeroGranuleAndBigValuesCut) {
   EXPECT_EQ(bits.reservoir_bits, 0u);
 }
 
-// A count-1 quad that runs past the granule's bits stays in the lines, and the next granule starts
-// exactly where the granule's length says.
-TEST(Layer3Huffman, Count1OvershootKeepsTheQuad) {
+// A count-1 quad that runs past the granule's bits is not part of it and is dropped; the next
+// granule starts exactly where the granule's length says.
+TEST(Layer3Huffman, Count1OvershootDropsTheQuad) {
   session::FrameHeader h = fresh_state();
   decoder::SideInfo& si = l3.side;
   si.count1table_select[0] = 1;  // table 33: four-bit codes, the value bits inverted
@@ -244,46 +244,10 @@ TEST(Layer3Huffman, Count1OvershootKeepsTheQuad) {
   si.part2_3_length[0] = 7;  // ends inside the second quad
   bits.reservoir_bits = 0;
   decoder::decode_huffman(h, si, 0, 0);
-  const int32_t expected[8] = {-1, 0, 0, 0, 0, 0, 0, 1};
+  const int32_t expected[8] = {-1, 0, 0, 0, 0, 0, 0, 0};
   for (int32_t i = 0; i < 8; ++i) EXPECT_EQ(l3.quant_lines[0][i], expected[i]) << i;
-  EXPECT_EQ(l3.line_count[0], 8);
+  EXPECT_EQ(l3.line_count[0], 4);
   EXPECT_EQ(bits.reservoir_bits, 7u);
-}
-
-// The LSF mixed block: the stored count of its row loses six at every block, for the life of the
-// process, and stops at 0; the first six long bands take the slipped read.
-TEST(Layer3Huffman, LsfMixedBlockCountPersistsToTheFloor) {
-  session::FrameHeader h = fresh_state(0);
-  decoder::restore_lsf_sfb_counts();
-  decoder::SideInfo& si = l3.side;
-  si.window_switching[0] = 1;
-  si.block_type[0] = 2;
-  si.mixed_block[0] = 1;
-  si.scalefac_compress[0] = 500;  // row 2, slen 0 and 0: no bits
-  const int32_t expected[5] = {9, 3, 0, 0, 0};
-  for (int32_t block = 0; block < 5; ++block) {
-    bits.reservoir_bits = 0;
-    decoder::decode_huffman(h, si, 0, 0);
-    EXPECT_EQ(decoder::lsf_sfb_counts[2][2][0], expected[block]) << block;
-    EXPECT_EQ(si.preflag[0], 1);
-  }
-  EXPECT_EQ(decoder::lsf_sfb_counts[2][2][1], 18);
-
-  // Row 2 with slen 3 and 2 (compress 511): the first read of 18 bits is split from its low end
-  // into bands 5 to 2, band 1 takes the next 3 bits, band 0 the top group; the group between them
-  // is dropped.
-  decoder::restore_lsf_sfb_counts();
-  si.scalefac_compress[0] = 511;
-  l3test::RingWriter w(0);
-  for (int32_t v : {1, 2, 3, 4, 5, 6, 7}) w.put(uint32_t(v), 3);
-  si.part2_3_length[0] = 18 + 9 * 3 + 18 * 2;  // what the decoder counts
-  bits.reservoir_bits = 0;
-  decoder::decode_huffman(h, si, 0, 0);
-  const int32_t bands[6] = {1, 7, 3, 4, 5, 6};
-  for (int32_t b = 0; b < 6; ++b) EXPECT_EQ(l3.scalefac_long[0][b], bands[b]) << b;
-  // The granule's length decides where the next one starts, slip or not.
-  EXPECT_EQ(bits.reservoir_bits, uint32_t(si.part2_3_length[0]));
-  decoder::restore_lsf_sfb_counts();
 }
 
 std::vector<int32_t> first_granule_lines;

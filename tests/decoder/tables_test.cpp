@@ -25,12 +25,13 @@ TEST(Tables, ComputedAndStoredValuesAtTheirExactPoints) {
   for (int e = 0; e + 4 < decoder::GAIN_SIZE; ++e)
     ASSERT_EQ(decoder::gain_table[e + 4], 2.0f * decoder::gain_table[e]) << e;
 
-  const float* p = decoder::pow43_table + 8192;
+  const float* p = decoder::pow43_table + decoder::POW43_MAX;
   EXPECT_EQ(p[1], 1.0f);
   EXPECT_EQ(p[-1], -1.0f);
   EXPECT_EQ(p[0], 0.0f);
-  EXPECT_EQ(decoder::pow43_table[0], 0.0f);  // q = -8192 is never written; the wrap reads it
-  for (int q = 1; q < 8192; ++q) ASSERT_EQ(p[-q], -p[q]) << q;
+  EXPECT_EQ(p[8], 16.0f);
+  EXPECT_NEAR(p[8206], 165516.78f, 0.02f);  // the largest line, 15 plus 13 linbits all ones
+  for (int q = 1; q <= decoder::POW43_MAX; ++q) ASSERT_EQ(p[-q], -p[q]) << q;
 
   // The window row of D[16 + 32e] is odd about its middle.
   const float* row16 = decoder::SYNTH_WINDOW[16];

@@ -1,7 +1,8 @@
 // Random side information and main data through the Layer III decoder. The input is cut into
-// frames: three bytes choose a valid Layer III header (MPEG-1 or LSF, any rate, mode, extension,
-// CRC and padding), the frame's remaining bytes follow as they come. The frames run through the
-// session's own steps (read_frame, skip_crc, decode_layer3_frame) with the real synthesis.
+// frames: three bytes choose a valid Layer III header (MPEG-1, LSF or MPEG 2.5, any rate, mode,
+// extension, CRC and padding), the frame's remaining bytes follow as they come. The frames run
+// through the session's own steps (read_frame, skip_crc, decode_layer3_frame) with the real
+// synthesis.
 #include <cstdint>
 #include <cstdio>
 #include <vector>
@@ -22,8 +23,6 @@ void no_shaper() {}
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static bool tables = (decoder::init_decoder_tables(), true);
   (void)tables;
-  // The stored LSF mixed-block counts change as blocks are decoded; start each input from the same.
-  decoder::restore_lsf_sfb_counts();
 
   std::vector<uint8_t> stream;
   size_t at = 0;
@@ -35,12 +34,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     h.layer_code = 1;
     h.protection_bit = (a >> 1) & 1;
     h.bitrate_index = 1 + (a >> 2) % 14;
-    h.sampling_index = b % 3;
+    h.sampling_index = h.id ? b % 3 : b % 6;
     h.padding_bit = (b >> 2) & 1;
     h.mode = c & 3;
     h.mode_ext = (c >> 2) & 3;
-    uint8_t header[4] = {0xFF, uint8_t(0xF2 | h.id << 3 | h.protection_bit),
-                         uint8_t(h.bitrate_index << 4 | h.sampling_index << 2 | h.padding_bit << 1),
+    const bool v25 = !h.id && h.sampling_index >= 3;
+    uint8_t header[4] = {0xFF, uint8_t((v25 ? 0xE2 : 0xF2 | h.id << 3) | h.protection_bit),
+                         uint8_t(h.bitrate_index << 4 | (h.sampling_index % 3) << 2 | h.padding_bit << 1),
                          uint8_t(h.mode << 6 | h.mode_ext << 4)};
     stream.insert(stream.end(), header, header + 4);
     int32_t length = session::frame_length(h);

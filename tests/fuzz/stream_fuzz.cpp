@@ -1,5 +1,6 @@
-// Arbitrary bytes as an input file: open_stream on it, then a whole file job over it, then the
-// probe. Nothing may crash, hang, leak or read out of bounds, whatever the wrappers and frames say.
+// Arbitrary bytes as an input file: open_stream on it (and the ID3v2 texts), then a whole file job
+// over it, then the probe. Nothing may crash, hang, leak or read out of bounds, whatever the
+// wrappers, tags and frames say.
 #include <unistd.h>
 
 #include <cstdint>
@@ -51,6 +52,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (session::reader.file) {
     session::reset_decoding();
     session::open_stream();
+    // What info reads beside: the leading ID3v2 tag's texts.
+    if (session::stream.id3v2_start >= 0) session::read_id3v2_text(session::reader.file, session::stream.id3v2_start);
     std::fclose(session::reader.file);
     session::reader.file = nullptr;
   }

@@ -1,5 +1,5 @@
-// Fuzzes the WAVE header parser at every length a reader may hand it, and the reader itself over
-// the bytes as a file: no input may crash it, read outside its buffer, or hang it.
+// Fuzzes the WAVE header parser at every length a reader may hand it, its refusal texts, and the
+// reader itself over the bytes as a file: no input may crash it, read outside its buffer, or hang it.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -14,7 +14,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   uint32_t data_size;
   for (size_t length = 0; length <= size && length <= 2048; length += 56)
     tools::parse_wave_header(data, int32_t(length), rate, bits, channels, data_size, offset);
-  if (size <= 2048) tools::parse_wave_header(data, int32_t(size), rate, bits, channels, data_size, offset);
+  if (size <= 2048) {
+    tools::WaveHeader h;
+    char text[256];
+    tools::wave_problem_text(tools::parse_wave_header(data, int32_t(size), h), h, text, sizeof text);
+  }
 
   int fd = memfd_create("wave_fuzz", 0);
   if (fd < 0) return 0;

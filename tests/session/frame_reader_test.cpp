@@ -68,8 +68,8 @@ TEST(ReadFrame, CodesAndPositions) {
       {"layer II", layer2, session::FRAME_OK, 4},
       {"layer I", layer1, session::FRAME_LAYER1, 4},
       {"layer I free format passes", header({.layer_code = 3, .bitrate = 0}), session::FRAME_LAYER1, 4},
-      {"free format", header({.bitrate = 0}), session::FRAME_FREE_FORMAT, 4},
-      {"MPEG 2.5", mpeg25, session::FRAME_MPEG25, 4},
+      {"free format with no header to measure by", header({.bitrate = 0}), session::FRAME_EOF_AFTER_SYNC, 4},
+      {"MPEG 2.5", mpeg25, session::FRAME_OK, 4},
       {"empty file", {}, session::FRAME_SHORT, 0},
       {"three bytes at the call", {0xFF, 0xFB, 0x90}, session::FRAME_SHORT, 3},
       {"junk to the end", junk, session::FRAME_EOF, 5},
@@ -84,7 +84,8 @@ TEST(ReadFrame, CodesAndPositions) {
       {"reserved sampling index skipped", cat({header({.sampling = 3}), layer1}), session::FRAME_LAYER1, 8},
       // FF FF FB 90: the first window (FFF, Layer I, bit-rate 15) is refused, the next one is good.
       {"sync one byte after a refused one", {0xFF, 0xFF, 0xFB, 0x90, 0x00}, session::FRAME_OK, 5},
-      {"MPEG 2.5 found behind junk", cat({junk, mpeg25}), session::FRAME_MPEG25, 9},
+      {"MPEG 2.5 found behind junk", cat({junk, mpeg25}), session::FRAME_OK, 9},
+      {"MPEG 2.5 is Layer III only", header({.sync = 0xFFE, .id = 0, .layer_code = 2}), session::FRAME_EOF, 4},
   };
   for (const CodeCase& c : cases) {
     SCOPED_TRACE(c.name);

@@ -56,7 +56,6 @@ TEST_F(Resample, ImpulsesShowTheKernelsReach) {
   const int k = 100;
   in[k] = 10000;
   const int32_t half = int32_t(10000 * std::sin(M_PI / 2) / double(float(M_PI / 2)));
-  ASSERT_EQ(half, 6366);
   std::vector<int16_t> out = resample(in, 8000, 16000, 2);
   ASSERT_EQ(out.size(), 800u);
   for (int n = 0; n < 800; ++n)
@@ -71,8 +70,6 @@ TEST_F(Resample, ImpulsesShowTheKernelsReach) {
   EXPECT_NE(out[2 * k + 3], 0);
 
   // The cubic: weights 1 at 0, 0.625 at 0.5, -0.125 at 1.5, nothing at whole distances.
-  for (auto [x, w] : {std::pair{-1.0, 0.0}, {0.0, 1.0}, {2.0, 0.0}, {-1.5, -0.125}, {0.5, 0.625}, {1.5, -0.125}})
-    EXPECT_EQ(tools::cubic_weight(x), w) << x;
   in.assign(200, 0);
   in[50] = 8000;
   out = resample(in, 11025, 22050, 1);
@@ -83,29 +80,72 @@ TEST_F(Resample, ImpulsesShowTheKernelsReach) {
   }
 }
 
-TEST_F(Resample, SineKeepsItsFrequencyDownAndUp) {
-  const int32_t rate = 44100;
-  const double freq = 1000.0;
-  std::vector<int16_t> in(static_cast<size_t>(rate));  // one second
-  for (size_t i = 0; i < in.size(); ++i) in[i] = int16_t(12000 * std::sin(2 * M_PI * freq * double(i) / rate));
-  std::vector<int16_t> down = resample(in, rate, 22050, 21);
-  ASSERT_EQ(down.size(), 22050u);
-  std::vector<int16_t> up = resample(down, 22050, rate, 21);
-  ASSERT_EQ(up.size(), size_t(rate));
-  // Rising zero crossings over the middle, away from the edges where the taps see silence.
-  int crossings = 0;
-  double first = -1, last = -1;
-  for (size_t i = 1000; i + 1000 < up.size(); ++i) {
-    if (up[i - 1] < 0 && up[i] >= 0) {
-      last = double(i - 1) + double(-up[i - 1]) / double(up[i] - up[i - 1]);
-      if (first < 0) first = last;
-      ++crossings;
-    }
+TEST_F(Resample, DownsamplingCutsAtTheOutputsNyquistFrequency) {
+  // An exponential sweep from 20 Hz to 20 kHz, to 16 kHz: while the sweep is above 8 kHz (with a
+  // little room for the sweep's own spread) the output must stay 60 dB below its passband level.
+  const double seconds = 4, rate = 44100, growth = std::log(1000.0);
+  std::vector<int16_t> in(size_t(seconds * rate));
+  for (size_t i = 0; i < in.size(); ++i) {
+    const double t = double(i) / rate;
+    in[i] = int16_t(16000 * std::sin(2 * M_PI * 20 * seconds / growth * (std::exp(growth * t / seconds) - 1)));
   }
-  ASSERT_GT(crossings, 900);
-  EXPECT_NEAR((crossings - 1) * double(rate) / (last - first), freq, 0.5);
-  // The amplitude stays within the sinc's ripple.
-  EXPECT_NEAR(*std::max_element(up.begin() + 1000, up.end() - 1000), 12000, 1200);
+  std::vector<int16_t> out = resample(in, 44100, 16000, 21);
+  double pass = 0, stop = 0;
+  size_t pass_n = 0, stop_n = 0;
+  for (size_t i = 0; i < out.size(); ++i) {
+    const double f = 20 * std::exp(growth * double(i) / 16000 / seconds), v = double(out[i]) * out[i];
+    if (f > 1000 && f < 6000) pass += v, ++pass_n;
+    if (f > 8400) stop += v, ++stop_n;
+  }
+  EXPECT_LT(10 * std::log10((stop / double(stop_n)) / (pass / double(pass_n))), -60.0);
+  // The passband keeps its level (a sine's mean square is half its peak's square).
+  EXPECT_NEAR(std::sqrt(2 * pass / double(pass_n)), 16000, 160);
+}
+
+// WAVE files as ffmpeg, sox and other programs write them resample to what the plain 16-bit file
+// with the same samples gives (floats within 1). The command line picks 16 bits for wider inputs.
+TEST_F(Resample, WaveFilesAsOtherProgramsWriteThem) {
+  REQUIRE_TOOL("ffmpeg");
+  REQUIRE_TOOL("sox");
+  std::vector<int16_t> v = noise(2 * 20000, 3);
+  const std::string base = dir.file("base.wav");
+  write_wave(base, 44100, 16, 2, v);
+  // By hand: a JUNK chunk before "fmt ", an odd-sized chunk with its pad byte before "data".
+  Bytes hand = riff("RIFF", "WAVE", {chunk("JUNK", 28, 28), fmt_chunk(44100, 16, 2), chunk("LIST", 5, 6)});
+  Bytes plain = wave_bytes(44100, 16, 2, v);
+  hand.insert(hand.end(), plain.begin() + 36, plain.end());
+  test::write_file(dir.file("hand.wav"), hand);
+  const std::pair<const char*, std::string> makers[] = {
+      {"ffmpeg", "ffmpeg -v error -y -i IN OUT"},
+      {"ffmpeg, metadata", "ffmpeg -v error -y -i IN -metadata title=x OUT"},
+      {"ffmpeg, 24-bit", "ffmpeg -v error -y -i IN -c:a pcm_s24le OUT"},
+      {"ffmpeg, float", "ffmpeg -v error -y -i IN -c:a pcm_f32le OUT"},
+      {"ffmpeg, rf64 auto", "ffmpeg -v error -y -i IN -rf64 auto OUT"},
+      {"sox", "sox IN OUT"},
+      {"sox, 24-bit", "sox IN -b 24 OUT"},
+      {"sox, float", "sox IN -e float OUT"},
+      {"by hand", "cp " + dir.file("hand.wav") + " OUT"},
+  };
+  auto resampled = [&](const std::string& in) {
+    const std::string out = dir.file("out.wav");
+    int status = -1;
+    std::string said =
+        test::run_output(test::cli_path() + " resample " + in + " " + out + " --rate 32000 2>&1", &status);
+    EXPECT_EQ(status, 0) << said;
+    return as_pcm16(check_written_wave(out).data);
+  };
+  const std::vector<int16_t> want = resampled(base);
+  ASSERT_EQ(want.size(), 2u * 20000 * 32000 / 44100);
+  for (const auto& [name, make] : makers) {
+    SCOPED_TRACE(name);
+    std::string command = make, made = dir.file("made.wav");
+    if (command.find("IN") != std::string::npos) command.replace(command.find("IN"), 2, base);
+    command.replace(command.find("OUT"), 3, made);
+    ASSERT_EQ(test::run(command + " </dev/null"), 0) << command;
+    std::vector<int16_t> got = resampled(made);
+    ASSERT_EQ(got.size(), want.size());
+    EXPECT_LE(test::max_abs_diff(got, want), std::string(name).find("float") != std::string::npos ? 1 : 0);
+  }
 }
 
 TEST_F(Resample, OutputsFollowTheWritersRulesAndTheRates) {
@@ -128,11 +168,6 @@ TEST_F(Resample, OutputsFollowTheWritersRulesAndTheRates) {
     ASSERT_EQ(s8.data[2 * i], (l >> 8) + 128) << i;
     ASSERT_EQ(s8.data[2 * i + 1], (r >> 8) + 128) << i;
   }
-  // An 8-bit input comes back unchanged through 16 bits and back.
-  write_wave(dir.file("in8.wav"), 8000, 8, 2, v);
-  ASSERT_EQ(run(dir.file("in8.wav"), "back8.wav", 8000, 8, 2, 0), 0);
-  Bytes in8 = test::read_file(dir.file("in8.wav"));
-  EXPECT_EQ(check_written_wave(dir.file("back8.wav")).data, Bytes(in8.begin() + 44, in8.end()));
 
   // Lengths follow the rates; progress ends on the count reached; empty input gives a bare header.
   write_wave(dir.file("in.wav"), 44100, 16, 2, noise(2 * 44100, 3));
@@ -143,11 +178,10 @@ TEST_F(Resample, OutputsFollowTheWritersRulesAndTheRates) {
   EXPECT_EQ(progress[1].wparam, 4096);
   EXPECT_EQ(progress.back().wparam, 48000);
   EXPECT_EQ(progress.back().lparam, 48000);
-  ASSERT_EQ(run(dir.file("in.wav"), "11.wav", 11025, 16, 2, 5), 0);
-  EXPECT_EQ(check_written_wave(dir.file("11.wav")).data.size(), 11025u * 4);
+  // No audio, no output: the job is refused before a file exists.
   write_wave(dir.file("empty.wav"), 44100, 16, 2, {});
-  ASSERT_EQ(run(dir.file("empty.wav"), "e.wav", 22050, 16, 2, 21), 0);
-  EXPECT_TRUE(check_written_wave(dir.file("e.wav")).data.empty());
+  EXPECT_EQ(run(dir.file("empty.wav"), "e.wav", 22050, 16, 2, 21), tools::WAVE_NO_DATA);
+  EXPECT_NE(access(dir.file("e.wav").c_str(), F_OK), 0);
 }
 
 TEST_F(Resample, SincBlockGivesTheFrameByFrameKernelsValues) {
@@ -174,23 +208,6 @@ TEST_F(Resample, SincBlockGivesTheFrameByFrameKernelsValues) {
     }
   }
   tools::close_wave_input();
-}
-
-TEST(ResampleArithmetic, SineAndSingleRoundingMatchTheLibrary) {
-  double worst = 0;
-  for (int i = -200000; i <= 200000; ++i) {
-    const double x = i * (2 * M_PI / 200001.0);
-    worst = std::max(worst, std::fabs(tools::sinc_sine(x) - std::sin(x)));
-  }
-  EXPECT_LT(worst, 4e-16);
-  uint32_t s = 5;
-  for (int i = 0; i < 200000; ++i) {
-    s = s * 1664525u + 1013904223u;
-    const double v = (double(s) - 2147483648.0) / double(1 + (s & 0xFFFF)) * 3.0;
-    ASSERT_EQ(tools::round_to_single(v), double(float(v))) << v;
-  }
-  for (double v : {1.0 + 0x1p-24, 1.0 + 3 * 0x1p-24, -(1.0 + 0x1p-24), 16777217.0, 0.0})  // ties to even
-    EXPECT_EQ(tools::round_to_single(v), double(float(v))) << v;
 }
 
 TEST_F(Resample, CancelFailuresAndBusy) {
@@ -241,6 +258,11 @@ TEST_F(Resample, CommandLineRunsTheJobAndSpeaksTheSystemsTexts) {
   EXPECT_EQ(f.rate, 44100);
   EXPECT_EQ(f.channels, 1);  // bits and channels default to the input's
   EXPECT_EQ(f.data.size(), 44100u * 2);
+  // info describes a WAVE file rather than looking for MPEG audio in it.
+  EXPECT_NE(
+      test::run_output(test::cli_path() + " info " + dir.file("out.wav"))
+          .find("format: WAVE PCM\nsample_rate: 44100 Hz\nchannels: 1\nbits: 16\nframes: 44100\nlength: 1.000 s\n"),
+      std::string::npos);
 
   struct Case {
     const char *in, *out, *rate;

@@ -1,0 +1,393 @@
+#include "library/id3.h"
+
+#include <fcntl.h>
+#include <iconv.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "session/stream.h"
+
+namespace library {
+
+const char* const genre_table[GENRE_SLOTS] = {
+    "Blues", "Classic Rock", "Country", "Dance", "Disco", "Funk", "Grunge", "Hip-Hop", "Jazz", "Metal", "New Age",
+    "Oldies", "Other", "Pop", "R&B", "Rap", "Reggae", "Rock", "Techno", "Industrial", "Alternative", "Ska",
+    "Death Metal", "Pranks", "Soundtrack", "Euro-tecno", "Ambient", "Trip-Hop", "Vocal", "Juzz+Funk", "Fusion",
+    "Trance", "Classical", "Instrumental", "Acid", "House", "Game", "Sound Clip", "Gospel", "Noise", "AlternRock",
+    "Bass", "Soul", "Punk", "Space", "Meditative", "Instrumental Pop", "Instrumental Rock", "Ethnic", "Gothic",
+    "Darkwave", "Techno-Industrial", "Electronic", "Pop-Folk", "Eurodance", "Dream", "Southern Rock", "Comedy", "Cult",
+    "Gangsta", "Top 40", "Christian Rap", "Pop/Funk", "Jungle", "Native American", "Cabaret", "New Wave", "Psychadelic",
+    "Rave", "Showtunes", "Trailer", "Lo-Fi", "Tribal", "Acid Punk", "Acid Jazz", "Polka", "Retro", "Musical",
+    "Rock & Roll", "Hard Rock", "Folk", "Folk/Rock", "National Folk", "Swing", "Fast-Fusion", "Bedob", "Latin",
+    "Revival", "Celtic", "Bluegrass", "Avantagarde", "Gothic Rock", "Progressive Rock", "Psychadelic Rock",
+    "Symphonic Rock", "Slow Rock", "Big band", "Chorus", "Easy Listening", "Acoustic", "Humour", "Speech", "Chanson",
+    "Opera", "Chamber Music", "Sonata", "Symphony", "Booty Bass", "Primus", "Porn Groove", "Satire", "Slow Jam", "Club",
+    "Tango", "Samba", "Folklore", "Ballad", "Power Ballad", "Rhytmic Soul", "Freestyle", "Duet", "Punk Rock",
+    "Drum Solo", "Acapella", "Euro-House", "Dance Hall", "Goa", "Drum & Bass", "Club-House", "Hardcore", "Terror",
+    "Indie", "BritPop", "Negerpunk", "Polsk Punk", "Beat", "Christian Gangsta Rap", "Heavy Metal", "Black Metal",
+    "Crossover", "Contemporary Christian", "Christian Rock", "Merengue", "Salsa", "Thrash Metal", "Anime", "JPop",
+    "Synthpop",
+    // 148-247: no names.
+    "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "",
+    "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "",
+    "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "", "",
+    "", "", "", "", "", "", "", "", "", "", "", "", "",
+    // The Japanese extension.
+    "Heavy Rock(J)", "Doom Rock(J)", "J-POP(J)", "Seiyu(J)", "Tecno Ambient(J)", "Moemoe(J)", "Tokusatsu(J)",
+    "Anime(J)"};
+static_assert(sizeof genre_table / sizeof genre_table[0] == GENRE_SLOTS);
+
+// Cleared as at start-up with "J-IDtag" on; the start-up clears it again for the setting in force.
+Id3Record previous_tag = [] {
+  Id3Record r;
+  clear_record(r, 247);
+  return r;
+}();
+
+int32_t no_genre(int32_t j_idtag) { return j_idtag ? 247 : 255; }
+int32_t last_offered_genre(int32_t j_idtag) { return j_idtag ? 255 : 247; }
+
+int32_t genre_by_name(const std::string& name) {
+  // An empty name would match the first empty slot: it means no genre.
+  if (name.empty()) return -1;
+  for (int32_t i = 0; i < GENRE_SLOTS; ++i)
+    if (name == genre_table[i]) return i;
+  return -1;
+}
+
+bool is_tag(const Id3Record& r) {
+  auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c + 32) : c; };
+  return lower(r.mark[0]) == 't' && lower(r.mark[1]) == 'a' && lower(r.mark[2]) == 'g';
+}
+
+bool is_v11(const Id3Record& r) { return r.comment[28] == 0 && r.comment[29] != 0; }
+
+void clear_record(Id3Record& r, int32_t no_genre_value) {
+  std::memset(&r, 0, sizeof r);
+  r.comment[28] = ' ';
+  r.genre = uint8_t(no_genre_value);
+}
+
+namespace {
+
+// A field's text: trailing blanks and zeros off, and no further than a zero inside.
+std::string trimmed(const char* field, size_t n) {
+  while (n > 0 && (field[n - 1] == ' ' || field[n - 1] == 0)) --n;
+  return std::string(field, strnlen(field, n));
+}
+
+void put_field(char* field, size_t n, const std::string& text, char pad) {
+  std::memset(field, pad, n);
+  const std::string fit = fit_cp932(text, n);
+  std::memcpy(field, fit.data(), fit.size());
+}
+
+bool lead_byte(uint8_t c) { return (c >= 0x81 && c <= 0x9F) || (c >= 0xE0 && c <= 0xFC); }
+
+}  // namespace
+
+TagForm form_from_record(const Id3Record& r) {
+  TagForm f;
+  f.title = trimmed(r.title, sizeof r.title);
+  f.artist = trimmed(r.artist, sizeof r.artist);
+  f.album = trimmed(r.album, sizeof r.album);
+  f.year = trimmed(r.year, sizeof r.year);
+  f.v11 = is_v11(r);
+  f.track = f.v11 ? uint8_t(r.comment[29]) : 0;
+  f.comment = trimmed(r.comment, f.v11 ? 28 : 30);
+  f.genre = genre_table[r.genre];
+  return f;
+}
+
+Id3Record record_from_form(const TagForm& f, int32_t no_genre_value) {
+  Id3Record r;
+  std::memcpy(r.mark, "TAG", 3);
+  // Zero padding in the v1.1 form keeps byte 125 zero behind a short comment.
+  const char pad = f.v11 ? 0 : ' ';
+  put_field(r.title, sizeof r.title, f.title, pad);
+  put_field(r.artist, sizeof r.artist, f.artist, pad);
+  put_field(r.album, sizeof r.album, f.album, pad);
+  put_field(r.year, sizeof r.year, f.year, pad);
+  put_field(r.comment, sizeof r.comment, f.comment, pad);
+  if (f.v11) {
+    // A comment of 29 or 30 bytes loses its last byte to the track number, as the dialog's field
+    // allows 30; the command line cuts it to 28 first.
+    r.comment[29] = char(uint8_t(f.track));
+  } else if (r.comment[28] == 0) {
+    r.comment[28] = char(255);
+  }
+  const int32_t genre = genre_by_name(f.genre);
+  r.genre = uint8_t(genre < 0 ? no_genre_value : genre);
+  return r;
+}
+
+std::string fit_cp932(const std::string& text, size_t n) {
+  size_t i = 0;
+  while (i < text.size()) {
+    const size_t step = lead_byte(uint8_t(text[i])) && i + 1 < text.size() ? 2 : 1;
+    if (i + step > n) break;
+    i += step;
+  }
+  return text.substr(0, i);
+}
+
+size_t to_cp932(const std::string& text, std::string& out) {
+  out.clear();
+  iconv_t cd = iconv_open("CP932", "UTF-8");
+  if (cd == iconv_t(-1)) return 1;
+  // No character grows: one to three UTF-8 bytes become one or two.
+  std::string buf(text.size() * 2 + 4, '\0');
+  char* in = const_cast<char*>(text.data());
+  size_t in_left = text.size();
+  char* to = buf.data();
+  size_t to_left = buf.size();
+  const size_t r = iconv(cd, &in, &in_left, &to, &to_left);
+  iconv_close(cd);
+  if (r == size_t(-1)) return 1 + size_t(in - text.data());
+  buf.resize(buf.size() - to_left);
+  out = buf;
+  return 0;
+}
+
+std::string from_cp932(const std::string& bytes) {
+  std::string out;
+  iconv_t cd = iconv_open("UTF-8", "CP932");
+  if (cd == iconv_t(-1)) return bytes;
+  char* in = const_cast<char*>(bytes.data());
+  size_t in_left = bytes.size();
+  std::string buf(bytes.size() * 3 + 4, '\0');
+  while (in_left > 0) {
+    char* to = buf.data();
+    size_t to_left = buf.size();
+    const size_t r = iconv(cd, &in, &in_left, &to, &to_left);
+    out.append(buf.data(), buf.size() - to_left);
+    if (r == size_t(-1)) {
+      out += "\xEF\xBF\xBD";
+      ++in;
+      --in_left;
+    }
+  }
+  iconv_close(cd);
+  return out;
+}
+
+const char* tag_result_text(int32_t result) {
+  switch (result) {
+    case TAG_OK:
+      return "done";
+    case TAG_NONE:
+      return "the file has no tag";
+    case TAG_OPEN_FAILED:
+      return "the file cannot be opened for writing";
+    case TAG_WRAPPED:
+      return "the audio is inside a RIFF file, which cannot carry a tag";
+    case TAG_WRITE_FAILED:
+      return "the tag could not be written; the file is unchanged";
+    case TAG_TOO_SHORT:
+      return "the file has no tag to delete";
+    default:
+      return "unknown error";
+  }
+}
+
+int32_t read_tag(const char* path, Id3Record& r, int32_t no_genre_value) {
+  std::FILE* f = std::fopen(path, "rb");
+  if (!f) return TAG_OPEN_FAILED;
+  const bool got = std::fseek(f, -TAG_BYTES, SEEK_END) == 0 && std::fread(&r, 1, sizeof r, f) == sizeof r;
+  std::fclose(f);
+  if (got && is_tag(r)) return TAG_OK;
+  clear_record(r, no_genre_value);
+  return TAG_NONE;
+}
+
+namespace {
+
+bool read_exact(int fd, void* to, size_t n, off_t at) { return pread(fd, to, n, at) == ssize_t(n); }
+
+// Opens a regular file for writing a tag and refuses RIFF wrappers: their chunk sizes would not
+// cover bytes appended behind them, so other programs would read a damaged file.
+int32_t open_for_tag(const char* path, int& fd, off_t& size) {
+  fd = open(path, O_RDWR | O_CLOEXEC);
+  struct stat st;
+  if (fd < 0) return TAG_OPEN_FAILED;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    return TAG_OPEN_FAILED;
+  }
+  size = st.st_size;
+  char head[4] = {};
+  session::ProbeInfo info{};
+  const int32_t kind = session::probe_file(path, info);
+  if ((read_exact(fd, head, 4, 0) && std::memcmp(head, "RIFF", 4) == 0) || kind == 1 || kind == 2 ||
+      kind == session::STREAM_NO_DATA) {
+    close(fd);
+    return TAG_WRAPPED;
+  }
+  return TAG_OK;
+}
+
+bool tag_at_tail(int fd, off_t size, Id3Record& old) {
+  return size >= TAG_BYTES && read_exact(fd, &old, sizeof old, size - TAG_BYTES) && is_tag(old);
+}
+
+}  // namespace
+
+int32_t write_tag(const char* path, const Id3Record& r) {
+  int fd = -1;
+  off_t size = 0;
+  if (const int32_t code = open_for_tag(path, fd, size); code != TAG_OK) return code;
+  Id3Record tag = r;
+  std::memcpy(tag.mark, "TAG", 3);
+  Id3Record old;
+  const bool tagged = tag_at_tail(fd, size, old);
+  // Over the old tag the file keeps its length and its blocks; otherwise the tag goes behind the
+  // audio. Nothing before `at` is ever written.
+  const off_t at = tagged ? size - TAG_BYTES : size;
+  Id3Record back;
+  bool ok = pwrite(fd, &tag, sizeof tag, at) == ssize_t(sizeof tag) && fsync(fd) == 0 &&
+            read_exact(fd, &back, sizeof back, at) && std::memcmp(&back, &tag, sizeof tag) == 0;
+  if (!ok) {
+    if (tagged) {
+      ssize_t put = pwrite(fd, &old, sizeof old, at);
+      (void)put;
+    } else {
+      int cut = ftruncate(fd, size);
+      (void)cut;
+    }
+    fsync(fd);
+  }
+  if (close(fd) != 0) ok = false;
+  return ok ? TAG_OK : TAG_WRITE_FAILED;
+}
+
+int32_t delete_tag(const char* path) {
+  int fd = -1;
+  off_t size = 0;
+  if (const int32_t code = open_for_tag(path, fd, size); code != TAG_OK) return code;
+  // The file's own tail decides, not a record read earlier: only a tag is ever cut off.
+  Id3Record old;
+  int32_t code = TAG_TOO_SHORT;
+  if (tag_at_tail(fd, size, old))
+    code = ftruncate(fd, size - TAG_BYTES) == 0 && fsync(fd) == 0 ? TAG_OK : TAG_WRITE_FAILED;
+  close(fd);
+  return code;
+}
+
+int32_t save_form(const char* path, const TagForm& f, int32_t no_genre_value, bool is_current) {
+  const Id3Record r = record_from_form(f, no_genre_value);
+  const int32_t code = write_tag(path, r);
+  if (code != TAG_OK) return code;
+  previous_tag = r;
+  if (is_current) std::memcpy(session::stream.tag_buffer, &r, TAG_BYTES);
+  return TAG_OK;
+}
+
+int32_t delete_form(const char* path, int32_t no_genre_value, bool is_current) {
+  const int32_t code = delete_tag(path);
+  if (code != TAG_OK) return code;
+  Id3Record r;
+  clear_record(r, no_genre_value);
+  previous_tag = r;
+  if (is_current) std::memcpy(session::stream.tag_buffer, &r, TAG_BYTES);
+  return TAG_OK;
+}
+
+std::string info_group_title(int32_t n, int32_t count) {
+  if (count <= 0) return "MPEG info";
+  char text[48];
+  std::snprintf(text, sizeof text, "MPEG info (%d/%d)", n, count);
+  return text;
+}
+
+namespace {
+
+// The emphasis names, and behind them the output formats' names: without a path an emphasis of
+// 4-7 (Hi-Fi added) is looked up on into them, and shown so.
+constexpr const char* emphasis_names[8] = {"None", "50/15ms", "Reserved", "CCITT j.17", "raw", "wav", "aif", "au"};
+constexpr const char* stereo_words[4] = {"Joint ", "Intensity ", "MS ", "Combined "};
+
+// The wrapper kind by the mark open_stream leaves in tag_buffer: "RIF" WAVE, "RMP" an RMP3 file with
+// LIST INFO items, in any case.
+int32_t marked_wrapper(const session::StreamInfo& s) {
+  auto lower = [](uint8_t c) { return c >= 'A' && c <= 'Z' ? char(c + 32) : char(c); };
+  const std::string mark = {lower(s.tag_buffer[0]), lower(s.tag_buffer[1]), lower(s.tag_buffer[2])};
+  return mark == "rif" ? 1 : mark == "rmp" ? 2 : 0;
+}
+
+}  // namespace
+
+std::string mpeg_info_text(const session::StreamInfo& s, const session::ProbeInfo* probe, int32_t probe_kind) {
+  if (probe ? probe->id == 0 || probe->play_seconds == 0 : s.mpeg_id == -1 || s.play_seconds == 0) return "";
+  const int32_t kind = probe ? probe_kind : marked_wrapper(s);
+  char buf[512];
+  std::snprintf(buf, sizeof buf,
+                "filesize = %d (%d:%02d)\r\nframes = %d\r\nMPEG-%d, layer %d\r\nbitrate = %dkbit/sec\r\n"
+                "sample_rate = %dHz\r\nmode = ",
+                s.file_size, s.play_seconds / 60, s.play_seconds % 60, s.frame_count, s.mpeg_id == 1 ? 1 : 2, s.layer,
+                s.bitrate_kbps, s.sample_rate);
+  std::string text = buf;
+  switch (s.mode & 3) {
+    case 0:
+      text += "Stereo";
+      break;
+    case 1:
+      if (s.layer == 3) {
+        text += stereo_words[s.mode_ext & 3];
+        text += "stereo";
+      } else {
+        std::snprintf(buf, sizeof buf, "Joint stereo (%d-31)", 4 + 4 * (s.mode_ext & 3));
+        text += buf;
+      }
+      break;
+    case 2:
+      text += "Dual channel";
+      break;
+    default:
+      text += "Mono";
+      break;
+  }
+  auto yes = [](bool b) { return b ? "Yes" : "No"; };
+  const int32_t emphasis = probe ? s.emphasis_mode & 3 : s.emphasis_mode & 7;
+  std::snprintf(
+      buf, sizeof buf, "\r\nprotection = %s\r\nprivate = %s\r\ncopyright = %s\r\noriginal = %s\r\nemphasis = %s",
+      yes(s.protection == 0), yes(s.private_bit), yes(s.copyright), yes(s.original), emphasis_names[emphasis]);
+  text += buf;
+  // The Mac heads are guessed from where the data begin.
+  if (s.data_start == 128) {
+    text += "\r\n(+ Mac Header)";
+  } else if (s.data_start == 324) {
+    text += "\r\n(+ Macromedia Header)";
+  } else if (kind == 1) {
+    text += "\r\n(+ Wave Header)";
+  } else if (kind == 2) {
+    text += "\r\n(+ Rmp Header)";
+  }
+  return text;
+}
+
+Id3View open_view(const char* path, int32_t n, int32_t count, int32_t j_idtag) {
+  Id3View v;
+  if (path && *path) {
+    v.can_delete = read_tag(path, v.record, no_genre(j_idtag)) == TAG_OK;
+    session::ProbeInfo probe{};
+    const int32_t kind = session::probe_file(path, probe);
+    // A stream the probe cannot read at its start (an ID3v2 tag in front, say) is still a bare
+    // file that takes a tag; only the RIFF wrappers cannot.
+    v.wrapper_kind = kind == 1 || kind == 2 ? kind : kind == session::STREAM_NO_DATA ? 1 : 0;
+    v.info = kind == 0 || kind == 1 || kind == 2 ? mpeg_info_text(session::stream, &probe, kind) : "";
+  } else {
+    std::memcpy(&v.record, session::stream.tag_buffer, TAG_BYTES);
+    v.can_delete = is_tag(v.record);
+    v.info = mpeg_info_text(session::stream, nullptr, 0);
+    v.wrapper_kind = marked_wrapper(session::stream);
+  }
+  if (v.wrapper_kind != 0) v.can_save = v.can_delete = false;
+  v.form = form_from_record(v.record);
+  v.group_title = info_group_title(n, count);
+  return v;
+}
+
+}  // namespace library
