@@ -23,8 +23,8 @@ namespace {
 struct Id3Dialog {
   GtkBuilder* ui = nullptr;
   GtkWidget* window = nullptr;
-  std::string path;            // the file the buttons act on (bytes, as in the playlist)
-  GMainLoop* loop = nullptr;   // set while run modally
+  std::string path;           // the file the buttons act on (bytes, as in the playlist)
+  GMainLoop* loop = nullptr;  // set while run modally
   int32_t exit_value = library::ID3_EXIT_END;
 };
 Id3Dialog* dialog = nullptr;
@@ -145,7 +145,8 @@ void create(const char* path, int32_t n, int32_t count) {
   }
   GtkListStore* genres = GTK_LIST_STORE(gtk_builder_get_object(dialog->ui, "genres"));
   for (int32_t i = 0; i <= library::last_offered_genre(s.j_idtag); ++i)
-    if (library::genre_table[i][0]) gtk_list_store_insert_with_values(genres, nullptr, -1, 0, library::genre_table[i], -1);
+    if (library::genre_table[i][0])
+      gtk_list_store_insert_with_values(genres, nullptr, -1, 0, library::genre_table[i], -1);
   // Without a file there is nothing to write to.
   bool have_file = !dialog->path.empty();
   gtk_widget_set_sensitive(control("c1"), view.can_save && have_file);

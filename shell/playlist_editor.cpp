@@ -107,7 +107,8 @@ bool row_iter(int32_t index, GtkTreeIter& it) {
 std::vector<int32_t> selected_rows() {
   std::vector<int32_t> out;
   GList* paths = gtk_tree_selection_get_selected_rows(editor->selection, nullptr);
-  for (GList* l = paths; l; l = l->next) out.push_back(gtk_tree_path_get_indices(static_cast<GtkTreePath*>(l->data))[0]);
+  for (GList* l = paths; l; l = l->next)
+    out.push_back(gtk_tree_path_get_indices(static_cast<GtkTreePath*>(l->data))[0]);
   g_list_free_full(paths, reinterpret_cast<GDestroyNotify>(gtk_tree_path_free));
   std::sort(out.begin(), out.end());
   return out;
@@ -393,20 +394,28 @@ void on_activate(GtkWidget* item, gpointer) {
   if (editor->setting_marks) return;
   const char* name = gtk_buildable_get_name(GTK_BUILDABLE(item));
   const char* number = std::strpbrk(name, "0123456789");
-  if (number) command(std::atoi(number), 0);
-  else if (GTK_IS_CHECK_MENU_ITEM(item)) set_marks();
+  if (number)
+    command(std::atoi(number), 0);
+  else if (GTK_IS_CHECK_MENU_ITEM(item))
+    set_marks();
 }
 
 gboolean on_key(GtkWidget*, GdkEventKey* e, gpointer) {
   bool ctrl = e->state & GDK_CONTROL_MASK;
   guint key = gdk_keyval_to_lower(e->keyval);
   int32_t id = 0;
-  if (!ctrl && (key == GDK_KEY_Insert || key == GDK_KEY_KP_Insert)) id = ED_ADD;
-  else if (!ctrl && (key == GDK_KEY_Delete || key == GDK_KEY_KP_Delete)) id = ED_DELETE;
-  else if (ctrl && key == GDK_KEY_a) id = ED_SELECT_ALL;
-  else if (ctrl && key == GDK_KEY_o) id = ED_ADD;
-  else if (ctrl && key == GDK_KEY_s) id = ED_SAVE;
-  else if (ctrl && key == GDK_KEY_t) id = ED_TAGS;
+  if (!ctrl && (key == GDK_KEY_Insert || key == GDK_KEY_KP_Insert))
+    id = ED_ADD;
+  else if (!ctrl && (key == GDK_KEY_Delete || key == GDK_KEY_KP_Delete))
+    id = ED_DELETE;
+  else if (ctrl && key == GDK_KEY_a)
+    id = ED_SELECT_ALL;
+  else if (ctrl && key == GDK_KEY_o)
+    id = ED_ADD;
+  else if (ctrl && key == GDK_KEY_s)
+    id = ED_SAVE;
+  else if (ctrl && key == GDK_KEY_t)
+    id = ED_TAGS;
   if (!id) return FALSE;
   command(id, 0);
   return TRUE;
