@@ -151,7 +151,7 @@ void create(const char* path, int32_t n, int32_t count) {
   bool have_file = !dialog->path.empty();
   gtk_widget_set_sensitive(control("c1"), view.can_save && have_file);
   gtk_widget_set_sensitive(control("c1030"), view.can_delete && have_file);
-  gtk_widget_set_sensitive(control("c1035"), count > 0);
+  gtk_widget_set_sensitive(control("c1035"), count > 0);  // there is no previous file outside a series
   gtk_frame_set_label(GTK_FRAME(control("c1036")), view.group_title.c_str());
   std::string info = view.info;
   for (size_t at; (at = info.find("\r\n")) != std::string::npos;) info.erase(at, 1);
