@@ -31,6 +31,7 @@
 #include "session/play.h"
 #include "session/session.h"
 #include "session/transport.h"
+#include "shell/dialogs.h"
 #include "shell/plugins.h"
 #include "shell/skin.h"
 #include "shell/skin_draw.h"
@@ -105,7 +106,6 @@ std::deque<Queued> queue;
 bool drain_pending = false;
 
 void dispatch(int32_t window, int32_t msg, int64_t wparam, int64_t lparam);
-int32_t show_box(const char* caption, const char* text, int32_t kind);
 
 gboolean drain_queue(gpointer) {
   for (;;) {
@@ -167,6 +167,8 @@ int32_t sink_box(const char* caption, const char* text, int32_t kind) {
 std::atomic<int32_t> redraw_wanted{0};  // bit 0 time, bit 1 title
 std::atomic<int32_t> redraw_pending{0};
 
+}  // namespace
+
 std::string to_utf8(const char* bytes) {
   if (g_utf8_validate(bytes, -1, nullptr)) return bytes;
   gchar* text = g_convert(bytes, -1, "UTF-8", "CP932", nullptr, nullptr, nullptr);
@@ -175,6 +177,8 @@ std::string to_utf8(const char* bytes) {
   g_free(text);
   return out;
 }
+
+namespace {
 
 std::string entry_title() {
   int32_t index = library::playlist.current_entry.load(relaxed);
@@ -426,6 +430,8 @@ GtkWidget* menu_named(const char* name) {
 MenuMarks common_marks(int32_t kind) {
   MenuMarks m;
   const library::Settings& s = cfg();
+  if (id3_dialog_open()) m.checked.push_back(CMD_TAG_DIALOG);
+  if (playlist_editor_open()) m.checked.push_back(CMD_PLAYLIST_EDITOR);
   if (kind == 1 || kind == 3) {
     if (s.scroll) m.checked.push_back(40067);
     if (s.tag_title) m.checked.push_back(40042);
@@ -630,6 +636,8 @@ void display_mode(int32_t graphics) {
   repaint_all();
 }
 
+}  // namespace
+
 bool is_list_file(const char* path) {
   library::PathParts parts = library::split_path(path);
   return g_ascii_strcasecmp(parts.ext, ".m3u") == 0 || g_ascii_strncasecmp(parts.ext, ".pl", 3) == 0;
@@ -641,6 +649,8 @@ void load_list(const char* path) {
   if (parts.folder_len > 0 && chdir(std::string(path, parts.folder_len).c_str()) != 0) return;
   library::read_playlist(path, 1);
 }
+
+namespace {
 
 void load_files_command() {
   GtkWidget* dialog =
@@ -779,8 +789,14 @@ void command(int32_t id, int32_t tag) {
       app.scroll_resume = s.scroll;
       update_title_thread();
       break;
+    case CMD_TAG_DIALOG:
+      toggle_id3_dialog();
+      break;
+    case CMD_PLAYLIST_EDITOR:
+      toggle_playlist_editor();
+      break;
     default:
-      break;  // the converters' and editors' commands belong to their windows
+      break;  // the converters' commands belong to their windows
   }
 }
 
@@ -803,6 +819,7 @@ gboolean socket_ready(GIOChannel*, GIOCondition, gpointer) {
 }
 
 void dispatch(int32_t window, int32_t msg, int64_t wparam, int64_t lparam) {
+  if (window == session::WINDOW_PLAYLIST) playlist_editor_message(msg, wparam, lparam);
   if (window != session::WINDOW_MAIN || !app.window) return;
   if (msg == MSG_COMMAND) {
     command(int32_t(wparam), int32_t(lparam));
@@ -825,6 +842,8 @@ void dispatch(int32_t window, int32_t msg, int64_t wparam, int64_t lparam) {
 }
 
 // ---- Message boxes ------------------------------------------------------------------------------
+
+}  // namespace
 
 int32_t show_box(const char* caption, const char* text, int32_t kind) {
   GtkMessageType type = std::strcmp(caption, session::CAPTION_ERROR) == 0 ? GTK_MESSAGE_ERROR
@@ -849,6 +868,8 @@ int32_t show_box(const char* caption, const char* text, int32_t kind) {
       return kind == session::BOX_YES_NO ? session::ANSWER_NO : session::ANSWER_CANCEL;
   }
 }
+
+namespace {
 
 // ---- Mouse ---------------------------------------------------------------------------------------
 
@@ -1179,10 +1200,13 @@ gboolean on_key(GtkWidget*, GdkEventKey* e, gpointer) {
       post_command(40069, 0);
       break;
     case GDK_KEY_L:
-      post_command(40016, 0);
+      if (playlist_editor_open())
+        present_playlist_editor();
+      else
+        post_command(CMD_PLAYLIST_EDITOR, 0);
       break;
     case GDK_KEY_T:
-      post_command(40009, 0);
+      post_command(CMD_TAG_DIALOG, 0);
       break;
     case GDK_KEY_R:
       command(CMD_REPEAT, 1);
@@ -1330,6 +1354,7 @@ void destroy_main_window_state() {
   if (cfg().style & 4) delete_tray_icon();
   if (app.menu_timer) g_source_remove(app.menu_timer);
   app.menu_timer = 0;
+  if (playlist_editor_open()) toggle_playlist_editor();  // its place and size are saved with the rest
   library::save_settings();
   app.window = nullptr;
   gtk_main_quit();

@@ -1,0 +1,33 @@
+// The two editors the main window opens: the tag dialog "TOVRA - ID3tag editor" (modeless on the
+// playing stream, or modal on one file of a series) and the playlist editor "tvrplaylistdlg", a
+// modeless window whose list view mirrors the playlist table. Both live on the main thread; other
+// threads reach the playlist editor through the message sink (window WINDOW_PLAYLIST).
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace shell {
+
+// 40009: opens the tag dialog on the current stream, or closes it when it is open.
+void toggle_id3_dialog();
+// Runs the tag dialog modally on path, file n of count (count 0: no series). Returns the exit value
+// (library::Id3Exit).
+int32_t run_id3_dialog(const char* path, int32_t n, int32_t count);
+bool id3_dialog_open();
+
+// 40016: opens the playlist editor, or closes it when it is open.
+void toggle_playlist_editor();
+bool playlist_editor_open();
+void present_playlist_editor();
+// A message for the playlist editor: 1042 (refresh) or 273 (command, wparam its id, lparam its tag).
+void playlist_editor_message(int32_t msg, int64_t wparam, int64_t lparam);
+
+// What the main window shares with its dialogs: names in UTF-8 (bytes that are not UTF-8 are
+// read as code page 932), message boxes, and list files (".m3u", ".pl*") read from their folder.
+std::string to_utf8(const char* bytes);
+int32_t show_box(const char* caption, const char* text, int32_t kind);
+bool is_list_file(const char* path);
+void load_list(const char* path);
+
+}  // namespace shell
