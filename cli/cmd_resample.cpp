@@ -9,6 +9,7 @@
 
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "library/batch.h"
 #include "session/messages.h"
 #include "session/session.h"
 #include "tools/resample.h"
@@ -37,27 +38,6 @@ bool parse_number(const char* text, int32_t& value) {
   if (end == text || *end != '\0' || v < -2147483647L || v > 2147483647L) return false;
   value = int32_t(v);
   return true;
-}
-
-// The input's bits and channels, for the defaults; false when its header can't be read (the job's
-// start then says why).
-bool input_format(const char* path, int32_t& bits, int32_t& channels) {
-  std::FILE* f = std::fopen(path, "rb");
-  if (!f) return false;
-  uint8_t head[tools::WAVE_PARSE_LIMIT];
-  int32_t got = int32_t(std::fread(head, 1, sizeof head, f));
-  std::fclose(f);
-  for (int32_t length = tools::WAVE_PARSE_STEP; length < tools::WAVE_PARSE_LIMIT; length += tools::WAVE_PARSE_STEP) {
-    int32_t rate, b, c, offset;
-    uint32_t size;
-    int32_t code = tools::parse_wave_header(head, length < got ? length : got, rate, b, c, size, offset);
-    if (code == tools::WAVE_CHUNK_ERROR) continue;
-    if (code != tools::WAVE_OK || (b != 8 && b != 16) || (c != 1 && c != 2)) return false;
-    bits = b;
-    channels = c;
-    return true;
-  }
-  return false;
 }
 
 constexpr const char* USAGE =
@@ -104,7 +84,10 @@ int cmd_resample(int argc, char** argv) {
     return 2;
   }
   int32_t in_bits = 16, in_channels = 2;
-  input_format(in, in_bits, in_channels);
+  int32_t in_rate = 0;
+  uint32_t in_size = 0;
+  // The input's bits and channels, for the defaults; an unreadable header is the job's to report.
+  library::probe_wave(in, in_rate, in_bits, in_channels, in_size);
   if (bits == 0) bits = in_bits;
   if (channels == 0) channels = in_channels;
 
