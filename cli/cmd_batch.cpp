@@ -1,7 +1,6 @@
 // tovra-cli batch LIST.m3e --mode encode|decode|resample [--out DIR] [--jobs N] [job options]: the
 // batch converter's list and worker for scripts. Each row's status is printed as the window's column
 // shows it; a terminal gets one bar over the whole list. Exit 1 when any row did not end "done.".
-#include <limits.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -74,12 +73,6 @@ std::string settings_folder(int32_t mode) {
                                                           : "BatchResDir",
                           dir);
   return dir;
-}
-
-std::string own_executable() {
-  char path[PATH_MAX];
-  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  return n > 0 ? std::string(path, size_t(n)) : std::string();
 }
 
 }  // namespace
@@ -172,7 +165,6 @@ int cmd_batch(int argc, char** argv) {
   session::BatchRun run;
   run.list = &list;
   run.jobs = int32_t(jobs);
-  run.exe = own_executable();
   the_run = &run;
   row_count = int32_t(list.entries.size());
   console.on_message = on_batch_message;

@@ -1,9 +1,7 @@
 // The batch worker and the hand-over hooks of the conversion threads.
 #include "session/batch_run.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,8 +14,6 @@
 #include "session/session.h"
 #include "tools/resample.h"
 
-extern char** environ;
-
 namespace session {
 
 namespace {
@@ -28,7 +24,9 @@ constexpr auto relaxed = std::memory_order_relaxed;
 // The run whose rows the in-process conversion thread fetches; null outside a batch.
 std::atomic<BatchRun*> active_run{nullptr};
 
-void nap() { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }
+// The worker's poll of its jobs and children. A row of a short file takes a few tens of
+// milliseconds, so a longer nap would leave the processors idle for a good part of a batch.
+void nap() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
@@ -117,21 +115,51 @@ int32_t run_in_process(BatchRun& run, int32_t row) {
   return run.reached;
 }
 
+// The job of a forked row, for its Ctrl+C or the worker's SIGINT.
+std::atomic<Job*> child_job{nullptr};
+static_assert(std::atomic<Job*>::is_always_lock_free);
+
+void on_child_interrupt(int) {
+  if (Job* job = child_job.load(relaxed)) job->cancel.store(1, relaxed);
+}
+
+// The body of a forked row: the single conversion, as its own command runs it, and the exit status
+// of that command. The child touches nothing that another thread of the parent may have held at the
+// fork (run.lock, the front end's sink): its messages go nowhere, and it ends by _exit.
+[[noreturn]] void convert_forked_row(int32_t mode, const BatchEntry& e) {
+  set_sink({});
+  for (int32_t w = 0; w < WINDOW_COUNT; ++w) set_window_open(w, false);
+  active_run.store(nullptr);
+  static Job job;
+  static encoder::EncodeJob enc;
+  child_job.store(&job);
+  signal(SIGINT, on_child_interrupt);
+  int32_t started;
+  if (mode == library::BATCH_DECODE) {
+    options.ext_filter = library::batch_decode_format(e);
+    started = start_decode_file(job, e.source.c_str(), e.target.c_str());
+  } else if (mode == library::BATCH_RESAMPLE) {
+    int32_t rate, bits, channels, quality;
+    library::batch_resample_params(e, rate, bits, channels, quality);
+    started = tools::start_resample(job, e.source.c_str(), e.target.c_str(), rate, bits, channels, quality);
+  } else {
+    int32_t kbps = 0;
+    bool wave_header = false;
+    encoder::EncoderParams p = encode_params(e, kbps, wave_header);
+    started = encoder::encoder_start(job, enc, e.source.c_str(), e.target.c_str(), p, kbps, wave_header);
+  }
+  if (started != 0) _exit(1);
+  wait_job(job);
+  int32_t end = job.end.load(relaxed);
+  _exit(end == JOB_END_DONE ? 0 : end == JOB_END_CANCELLED ? 130 : 1);
+}
+
+// Forks a child for the row; 0 when the system refuses. The tables are built already, so a child
+// starts at once, where an exec would load and set up the program again for every row.
 pid_t spawn_row(BatchRun& run, int32_t row) {
-  std::vector<std::string> args = batch_row_command(run.list->mode, run.list->entries[row]);
-  args.insert(args.begin(), run.exe);
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  // The child speaks through its exit status; its bar and boxes would garble the batch's lines.
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  pid_t pid = 0;
-  int failed = posix_spawn(&pid, run.exe.c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  return failed ? 0 : pid;
+  pid_t pid = fork();
+  if (pid == 0) convert_forked_row(run.list->mode, run.list->entries[row]);
+  return pid > 0 ? pid : 0;
 }
 
 void run_children(BatchRun& run) {
@@ -244,54 +272,6 @@ int32_t apply_batch_state(BatchRun& run, int32_t state, int64_t row) {
       return -1;
   }
   return int32_t(row);
-}
-
-std::vector<std::string> batch_row_command(int32_t mode, const BatchEntry& e) {
-  if (mode == library::BATCH_DECODE) {
-    constexpr const char* names[] = {"raw", "wav", "aif", "au", "voc"};
-    return {"decode", e.source, e.target, "--format", names[library::batch_decode_format(e)]};
-  }
-  if (mode == library::BATCH_RESAMPLE) {
-    int32_t rate, bits, channels, quality;
-    library::batch_resample_params(e, rate, bits, channels, quality);
-    return {"resample",
-            e.source,
-            e.target,
-            "--rate",
-            std::to_string(rate),
-            "--bits",
-            std::to_string(bits),
-            "--channels",
-            std::to_string(channels),
-            "--quality",
-            std::to_string(quality)};
-  }
-  int32_t kbps = 0;
-  bool wave_header = false;
-  encoder::EncoderParams p = encode_params(e, kbps, wave_header);
-  std::vector<std::string> c = {"encode",
-                                e.source,
-                                e.target,
-                                "--layer",
-                                std::to_string(p.layer),
-                                "--bitrate",
-                                std::to_string(kbps),
-                                "--mode",
-                                p.mode == 3   ? "mono"
-                                : p.mode == 0 ? "stereo"
-                                              : "joint",
-                                "--model",
-                                std::to_string(p.psy_model),
-                                "--emphasis",
-                                p.emphasis == 1   ? "50/15"
-                                : p.emphasis == 2 ? "ccitt"
-                                                  : "none"};
-  if (p.extension) c.push_back("--private");
-  if (p.error_protection) c.push_back("--crc");
-  if (p.copyright) c.push_back("--copyright");
-  if (p.original) c.push_back("--original");
-  if (wave_header) c.push_back("--wave-header");
-  return c;
 }
 
 // The hooks of the conversion threads.

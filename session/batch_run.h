@@ -1,11 +1,11 @@
 // The batch worker: converts the rows of a batch list one after another on the job runner, or up
-// to jobs rows at once as child processes of the single commands.
+// to jobs rows at once, each in a child process forked from the worker.
 //
 // In one process the worker starts a row's conversion and the conversion's own thread hands over to
 // the next rows (batch_fetch_job, next_resample_job); the encoder has no hand-over and the worker
 // starts each row. The decode session and the resampler are process-wide, so running several rows
-// at once takes child processes (tovra-cli decode|encode|resample with the row's columns), whose
-// outputs are those of the single commands byte for byte.
+// at once takes child processes; each runs its row as the single command would (its exit status
+// too), so that the outputs are those of the single commands byte for byte.
 //
 // Threads: start_batch on the front end's main thread; the worker on its own Job. Rows are read
 // under run.lock; status changes come to the front end as MSG_BATCH_JOB_STATE (state, row) on
@@ -28,8 +28,7 @@ namespace session {
 
 struct BatchRun {
   library::BatchList* list = nullptr;
-  int32_t jobs = 1;     // rows at once; more than 1 runs child processes of exe
-  std::string exe;      // tovra-cli, for child processes
+  int32_t jobs = 1;     // rows at once; more than 1 runs each row in a child process
   std::mutex lock;      // guards the rows while the worker reads them
   int32_t base = 0;     // row of the in-process conversion's first entry
   int32_t reached = 0;  // last entry (from base) that the conversion fetched
@@ -52,8 +51,5 @@ void cancel_batch(BatchRun& run);
 // changed, or -1. Only the front end writes the status, one call at a time: a sink that runs on the
 // posting threads serialises its calls. It takes no lock, since the worker posts with run.lock held.
 int32_t apply_batch_state(BatchRun& run, int32_t state, int64_t row);
-
-// The single command's arguments for a row (after the program name), for child processes.
-std::vector<std::string> batch_row_command(int32_t mode, const library::BatchEntry& entry);
 
 }  // namespace session
