@@ -101,7 +101,6 @@ void print_frames() {
 int cmd_info(int argc, char** argv) {
   bool frames = false;
   int files = 0, failed = 0;
-  install_console(0);
   for (int i = 0; i < argc; ++i) {
     if (std::strcmp(argv[i], "--frames") == 0) {
       frames = true;

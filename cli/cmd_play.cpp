@@ -214,7 +214,6 @@ int cmd_play(int argc, char** argv) {
   output::wave.volume_level.store(library::settings.volume_level);
   output::wave.pan_level.store(library::settings.pan_level);
   output::wave.render.store(0);  // no visualiser to step
-  install_console(0);
   session::play_hooks.title_new_track = print_track;
   if (timing) output::wave_hooks.refresh_title = on_device_running;
 

@@ -12,6 +12,12 @@ namespace session {
 
 namespace {
 
+// Removes path if it is a regular file: never a device (/dev/null, /dev/full) that a job wrote to.
+void remove_output(const char* path) {
+  struct stat st;
+  if (*path && stat(path, &st) == 0 && S_ISREG(st.st_mode)) std::remove(path);
+}
+
 void run(Job* job, JobBody body) {
   int32_t end = body(*job);
   settle_output(*job, end);
@@ -44,11 +50,6 @@ void wait_job(Job& job) {
 
 void settle_output(const Job& job, int32_t end) {
   if (end == JOB_END_FAILED || (end == JOB_END_CANCELLED && !options.leave)) remove_output(job.out_path.c_str());
-}
-
-void remove_output(const char* path) {
-  struct stat st;
-  if (path && *path && stat(path, &st) == 0 && S_ISREG(st.st_mode)) std::remove(path);
 }
 
 bool same_file(const char* in_path, const char* out_path) {

@@ -5,6 +5,10 @@
 // Cancel word: pressing Cancel on one job never touches another. When the body returns, the runner
 // removes the output of a failed job, and of a cancelled one unless "Leave" is set, then clears
 // busy. The body posts its own progress messages (1046 up) as it goes.
+//
+// A batch body runs entry after entry on the one job. Between entries it hands over: it settles the
+// ended entry's output (settle_output), points out_path at the next entry's output, and clears
+// cancel when only that entry was cancelled; the runner settles the last one.
 #pragma once
 
 #include <atomic>
@@ -43,12 +47,10 @@ constexpr int32_t JOB_BUSY = 1;
 int32_t start_job(Job& job, JobBody body, const char* out_path);
 // Waits until the job's thread has ended (at once when none runs).
 void wait_job(Job& job);
-// Removes the job's output after an end as the runner does at the end: used by batches between
-// their entries.
+// Removes the job's output after an end as the runner does at the end: for batches between
+// entries.
 void settle_output(const Job& job, int32_t end);
 
-// Removes path if it is a regular file (never a device that a job wrote to).
-void remove_output(const char* path);
 // Whether writing out_path would overwrite in_path: the same regular file by device and inode,
 // through any link. A path that does not exist yet is never the same.
 bool same_file(const char* in_path, const char* out_path);

@@ -237,17 +237,17 @@ int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
   wait_job(job);  // a finished job's thread still owns the files until it is joined
   reader.file = std::fopen(in_path, "rb");
   if (!reader.file) return START_NO_INPUT;
-  state.out_file = std::fopen(out_path, "w+b");
-  if (!state.out_file) {
-    std::fclose(reader.file);
-    reader.file = nullptr;
-    return START_NO_OUTPUT;
-  }
   reset_decoding();
+  // The input is known to be MPEG audio before the output is created: a file already standing at
+  // out_path is not emptied for an input that turns out to be something else.
   if (open_stream() != STREAM_OK) {
     close_files();
-    remove_output(out_path);
     return START_OPEN_FAILED;
+  }
+  state.out_file = std::fopen(out_path, "w+b");
+  if (!state.out_file) {
+    close_files();
+    return START_NO_OUTPUT;
   }
   publish_stream();
   state.decoded_channels = 0;

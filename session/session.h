@@ -137,8 +137,9 @@ StreamInfo published_stream();
 void reset_decoding();
 
 // Starts a file job on job converting in_path to out_path in options.ext_filter's format.
-// Returns START_OK, START_BUSY, START_NO_INPUT, START_NO_OUTPUT, START_OPEN_FAILED or
-// START_SAME_FILE; a refused start leaves no output file. The job ends failed (and its output is
+// Returns START_OK, START_BUSY, START_NO_INPUT, START_OPEN_FAILED, START_NO_OUTPUT or
+// START_SAME_FILE (checked in that order after busy and same file); a refused start creates and
+// touches no output file. The job ends failed (and its output is
 // removed) after a decode error, a write error or when no frame at all was decoded.
 int32_t start_decode_file(Job& job, const char* in_path, const char* out_path);
 
