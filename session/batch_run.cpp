@@ -235,8 +235,7 @@ void cancel_batch_row(BatchRun& run, int32_t row) {
   if (row < 0 || row >= int32_t(run.children.size())) return;
   if (run.children[row] != 0) {
     kill(run.children[row], SIGINT);
-  } else if (run.jobs == 1 && run.job.busy.load(std::memory_order_acquire) &&
-             run.list->entries[row].status == library::STATUS_RUNNING) {
+  } else if (run.jobs == 1 && run.job.busy.load(std::memory_order_acquire) && run.reached == row) {
     run.job.cancel.store(1, relaxed);
   } else {
     run.cancelled_rows.push_back(row);

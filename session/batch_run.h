@@ -31,7 +31,7 @@ struct BatchRun {
   int32_t jobs = 1;     // rows at once; more than 1 runs each row in a child process
   std::mutex lock;      // guards the rows while the worker reads them
   int32_t base = 0;     // row of the in-process conversion's first entry
-  int32_t reached = 0;  // last entry (from base) that the conversion fetched
+  int32_t reached = 0;  // last row that the conversion took up
   std::atomic<int32_t> cancel_all{0};
   Job worker;
   Job job;  // the in-process conversion
