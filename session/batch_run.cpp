@@ -246,29 +246,19 @@ void cancel_batch(BatchRun& run) { run.cancel_all.store(1, relaxed); }
 
 int32_t apply_batch_state(BatchRun& run, int32_t state, int64_t row) {
   if (row < 0 || row >= int64_t(run.list->entries.size())) return -1;
+  // By batch_job_state, JOB_STARTED to JOB_FAILED.
+  constexpr int32_t status_of[] = {library::STATUS_RUNNING, library::STATUS_DONE, library::STATUS_BREAK,
+                                   library::STATUS_SKIP, library::STATUS_ERROR};
   int32_t& status = run.list->entries[row].status;
-  switch (state) {
-    case JOB_STARTED:
-      status = library::STATUS_RUNNING;
-      break;
-    case JOB_DONE:
-      status = library::STATUS_DONE;
-      break;
-    case JOB_CANCELLED:
-      status = library::STATUS_BREAK;
-      break;
-    case JOB_NOT_READABLE:
-      // A row passed over as missing or cancelled keeps that status when the conversion skips it too.
-      if (status != library::STATUS_NOT_FOUND && status != library::STATUS_BREAK) status = library::STATUS_SKIP;
-      break;
-    case JOB_NOT_FOUND:
-      status = library::STATUS_NOT_FOUND;
-      break;
-    case JOB_FAILED:
-      status = library::STATUS_ERROR;
-      break;
-    default:
-      return -1;
+  if (state == JOB_NOT_FOUND) {
+    status = library::STATUS_NOT_FOUND;
+  } else if (state == JOB_NOT_READABLE) {
+    // A row passed over as missing or cancelled keeps that status when the conversion skips it too.
+    if (status != library::STATUS_NOT_FOUND && status != library::STATUS_BREAK) status = library::STATUS_SKIP;
+  } else if (state >= JOB_STARTED && state <= JOB_FAILED) {
+    status = status_of[state];
+  } else {
+    return -1;
   }
   return int32_t(row);
 }
