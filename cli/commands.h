@@ -11,6 +11,7 @@ int cmd_split(int argc, char** argv);
 int cmd_encode(int argc, char** argv);
 int cmd_play(int argc, char** argv);
 int cmd_tag(int argc, char** argv);
+int cmd_batch(int argc, char** argv);
 
 // The demo playlist (a Layer II and a Layer III track) that the play command uses by default.
 const char* demo_playlist_path();

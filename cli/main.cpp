@@ -24,6 +24,8 @@ constexpr Command commands[] = {
      "resample IN OUT --rate HZ [--bits 8|16] [--channels 1|2] [--quality Q]   WAVE to WAVE"},
     {"encode", cli::cmd_encode,
      "encode IN.wav OUT [--layer 1|2] [--bitrate KBPS] [--mode stereo|joint|mono] [--model 1|2] ...   WAVE to MPEG"},
+    {"batch", cli::cmd_batch,
+     "batch LIST.m3e --mode encode|decode|resample [--out DIR] [--jobs N] ...   a list of conversions"},
     {"split", cli::cmd_split, "split IN OUT                 audio of an MPEG-1 system stream"},
     {"tag", cli::cmd_tag, "tag FILE [--title T ...|--delete|--show]   the ID3v1 tag at the file's end"},
 };

@@ -78,6 +78,7 @@ const Key keys[] = {
     {POSITION, "BatchEncDir", KIND_STRING, &s.batch_enc_dir, 0},
     {POSITION, "BatchDecDir", KIND_STRING, &s.batch_dec_dir, 0},
     {POSITION, "BatchResDir", KIND_STRING, &s.batch_res_dir, 0},
+    {POSITION, "BatchJobs", KIND_INT, &s.batch_jobs, 1},
 
     {SETTINGS, "PlayList", KIND_STRING, &s.playlist_file, 0},
     {SETTINGS, "PlayNum", KIND_PLAY_NUM, nullptr, 0},

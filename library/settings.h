@@ -51,6 +51,7 @@ struct Settings {
   int32_t exs = 600, eys = 420;
   std::string current_dir;  // as read; the save takes the process's current folder
   std::string batch_enc_dir, batch_dec_dir, batch_res_dir;
+  int32_t batch_jobs = 1;  // "BatchJobs": entries the batch window converts at once (1 keeps one job at a time)
 
   // "Settings" (the output choices are in session::options, "PlayNum" is playlist.current_entry)
   std::string playlist_file;  // "PlayList"; empty: the default playlist beside the settings file

@@ -121,7 +121,7 @@ int32_t decode_file_thread(Job& job) {
   if (options.prior_cnv && platform_family() != PLATFORM_NT) set_current_thread_priority(PRIORITY_ABOVE_NORMAL);
 
   const bool in_batch = batch_active();
-  int32_t job_index = 0;
+  int32_t job_index = batch_first_index();
   int32_t frames = 0;
   int32_t sampling_index = 0;
   for (;;) {
@@ -263,9 +263,5 @@ int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
   start_job(job, decode_file_thread, out_path);
   return START_OK;
 }
-
-// The batch list is not built yet: there is never a batch.
-int32_t batch_fetch_job(int32_t, std::string&, std::string&) { return 5; }
-bool batch_active() { return false; }
 
 }  // namespace session

@@ -156,10 +156,11 @@ void reset_decoding();
 // removed) after a decode error, a write error or when no frame at all was decoded.
 int32_t start_decode_file(Job& job, const char* in_path, const char* out_path);
 
-// Hooks for the batch converter (batch list and job paths); stubs until the batch window exists.
-// Fetches job index's paths and format; returns -1 for nothing to do, a value outside 0-4 when the
-// list is exhausted, else the job's ext_filter.
+// Hooks of the batch worker (session/batch_run.cpp). Fetches row index's paths and format; returns
+// -1 for nothing to do, a value outside 0-4 when the list is exhausted, else the job's ext_filter.
 int32_t batch_fetch_job(int32_t index, std::string& in_path, std::string& out_path);
 bool batch_active();
+// The row of a batch's first job (0 outside a batch).
+int32_t batch_first_index();
 
 }  // namespace session

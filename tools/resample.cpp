@@ -680,11 +680,9 @@ int32_t start_resample(session::Job& job, const char* input_path, const char* ou
   session::wait_job(job);  // a finished job's thread still holds the reader and writer until joined
   int32_t code = setup_job(input_path, output_path, rate, bits, channels, quality);
   if (code != WAVE_OK) return code;
-  resample.job_index = 0;
+  resample.job_index = session::batch_first_index();
   session::start_job(job, resample_thread, output_path);
   return WAVE_OK;
 }
-
-int32_t next_resample_job(std::string&, std::string&, int32_t&, int32_t&, int32_t&, int32_t&, int32_t) { return 0; }
 
 }  // namespace tools

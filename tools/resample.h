@@ -68,8 +68,8 @@ double cubic_weight(double x);
 // outputs are the same on every machine and in the scalar and vector paths.
 double sinc_sine(double x);
 
-// Hooks to the batch window: the next entry's paths and choices. Returns 0 when no entry is left.
-// Stubs until the batch window exists: never a batch.
+// Hook of the batch worker (session/batch_run.cpp): row's paths and choices. Returns 0 when no row
+// is left.
 int32_t next_resample_job(std::string& input_path, std::string& output_path, int32_t& rate, int32_t& bits,
                           int32_t& channels, int32_t& quality, int32_t row);
 

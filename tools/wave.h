@@ -42,9 +42,6 @@ constexpr int32_t WAVE_IN_BUFFER_BYTES = 2 * WAVE_HALF_BYTES + 256 + WAVE_STAGE_
 constexpr int32_t WAVE_OUT_FLUSH_BYTES = 0x80000;
 constexpr int32_t WAVE_OUT_BUFFER_BYTES = WAVE_OUT_FLUSH_BYTES + 0x100;
 constexpr int32_t WAVE_HEADER_BYTES = 44;
-// A typical length of a file's start to hand parse_wave_header, and steps to grow it by.
-constexpr int32_t WAVE_PARSE_STEP = 56;
-constexpr int32_t WAVE_PARSE_LIMIT = 1024;
 
 // The format tags the reader takes; an extensible header names one of the first two as its
 // sub-format.

@@ -19,7 +19,7 @@ std::string first_start_file(const std::string& cwd) {
          "PY=2147483647\nPXS=352\nPYS=384\nEX=2147483647\nEY=2147483647\nEXS=600\nEYS=420\n"
          "CurrentDir=" +
          cwd +
-         "\nBatchEncDir=\nBatchDecDir=\nBatchResDir=\n"
+         "\nBatchEncDir=\nBatchDecDir=\nBatchResDir=\nBatchJobs=1\n"
          "[Settings]\nPlayList=\nPlayNum=0\nPl_disp=0\nPl_top=0\nVolume=80\nPan=45\nWaveOutDevice=-1\n"
          "Rate=0\nOverdrive=1\nMpeg2R=0\nStereo=1\n16bit=1\nAlias=1\nEmphasis=1\nHi-Fi=0\n"
          "ForceDeEmphasis=0\nRepeat=0\nRender=1\nGraphics=1\nWait=33\nStyle=0\nTopmost=0\nDouble=0\n"
