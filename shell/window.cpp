@@ -30,6 +30,7 @@
 #include "session/play.h"
 #include "session/session.h"
 #include "session/transport.h"
+#include "shell/mpris.h"
 #include "shell/plugins.h"
 #include "shell/skin.h"
 #include "shell/skin_draw.h"
@@ -159,6 +160,8 @@ int32_t sink_box(const char* caption, const char* text, int32_t kind) {
 std::atomic<int32_t> redraw_wanted{0};  // bit 0 time, bit 1 title
 std::atomic<int32_t> redraw_pending{0};
 
+}  // namespace
+
 std::string to_utf8(const char* bytes) {
   if (g_utf8_validate(bytes, -1, nullptr)) return bytes;
   gchar* text = g_convert(bytes, -1, "UTF-8", "CP932", nullptr, nullptr, nullptr);
@@ -176,6 +179,8 @@ std::string tag_field(const uint8_t* field, int32_t size) {
   size_t zero = s.find('\0');
   return zero == std::string::npos ? s : s.substr(0, zero);
 }
+
+namespace {
 
 std::string title_text() {
   int32_t index = library::playlist.current_entry.load(relaxed);
@@ -1383,8 +1388,11 @@ int32_t process_entry(int argc, char** argv) {
   repaint_all();
   gtk_widget_show_all(app.window);
   gtk_window_move(GTK_WINDOW(app.window), place.x, place.y);
+  mpris_start();
 
   gtk_main();
+
+  mpris_stop();
 
   library::close_instance_server(app.server);
   library::release_instance_lock(app.lock);
