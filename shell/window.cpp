@@ -1242,6 +1242,14 @@ std::string executable_folder() {
   return buf;
 }
 
+// Plug-ins beside the program (the build folder, a portable copy), else in the installed tree's
+// library folder, found from the program's own place so that any prefix works.
+std::string plugin_folder() {
+  std::string beside = executable_folder() + "/Plugins";
+  if (g_file_test(beside.c_str(), G_FILE_TEST_IS_DIR)) return beside;
+  return executable_folder() + "/../" TOVRA_PLUGIN_SUBDIR;
+}
+
 void install_engine_hooks() {
   session::set_sink({sink_message, sink_box});
   session::set_window_open(session::WINDOW_MAIN, true);
@@ -1303,7 +1311,7 @@ int32_t create_main_window_state() {
     show_box(session::CAPTION_ERROR, INIT_FAILED, session::BOX_OK);
     return -1;
   }
-  if (!session::is_not_win9x()) load_plugins((executable_folder() + "/Plugins").c_str());
+  if (!session::is_not_win9x()) load_plugins(plugin_folder().c_str());
   library::validate_start_entry();
   connect_menus();
   register_hot_key();
