@@ -433,15 +433,24 @@ void show_popup_menu(int32_t kind, int32_t x, int32_t y) {
   if (!menu) return;
   mark_menu(menu, common_marks(kind));
   GdkRectangle r{x * scale(), y * scale(), 1, 1};
+  // A menu opened from the timer has no event of its own to grab the pointer with; it gets a press.
+  GdkEvent* trigger = gtk_get_current_event();
+  if (!trigger) {
+    trigger = gdk_event_new(GDK_BUTTON_PRESS);
+    trigger->button.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(app.area)));
+    trigger->button.time = GDK_CURRENT_TIME;
+    trigger->button.button = 1;
+    gdk_event_set_device(trigger, gdk_seat_get_pointer(gdk_display_get_default_seat(gdk_display_get_default())));
+  }
   gtk_menu_popup_at_rect(GTK_MENU(menu), gtk_widget_get_window(app.area), &r, GDK_GRAVITY_NORTH_WEST,
-                         GDK_GRAVITY_NORTH_WEST, nullptr);
+                         GDK_GRAVITY_NORTH_WEST, trigger);
+  gdk_event_free(trigger);
 }
 
 gboolean menu_timer_fired(gpointer) {
   app.menu_timer = 0;
   set_pressed_button(BTN_SYSTEM);
-  show_popup_menu(0, 3, 21);
-  set_pressed_button(0);
+  show_popup_menu(0, 3, 21);  // the button comes up when the menu closes (connect_menus)
   return G_SOURCE_REMOVE;
 }
 
@@ -1303,6 +1312,11 @@ void connect_menus() {
   g_slist_free(objects);
   for (const char* name : {"tvrmenu", "tvrcommenu", "tvrsysmenu", "tvrcnvmenu", "tvrinfomenu", "tvrrendermenu"})
     if (GtkWidget* m = menu_named(name)) gtk_menu_attach_to_widget(GTK_MENU(m), app.area, nullptr);
+  if (GtkWidget* system = menu_named("tvrsysmenu"))
+    g_signal_connect(system, "deactivate", G_CALLBACK(+[](GtkMenuShell*, gpointer) {
+                       if (app.pressed_button == BTN_SYSTEM) set_pressed_button(0);
+                     }),
+                     nullptr);
 }
 
 // The window's creation: skin, plug-ins, the entry to play, hot key, then the saved window state.
