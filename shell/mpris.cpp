@@ -3,6 +3,7 @@
 #include "shell/mpris.h"
 
 #include <gio/gio.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -93,6 +94,7 @@ struct Bus {
   GDBusNodeInfo* node = nullptr;
   guint objects[2] = {};
   guint timer = 0;
+  bool instance_name = false;
   Published last;
   // The current entry's tag, read from its file when the entry or its playing stream changes.
   std::string tag_path;
@@ -338,6 +340,7 @@ gboolean publish_changes(gpointer) {
 }
 
 void on_bus_acquired(GDBusConnection* connection, const gchar*, gpointer) {
+  if (bus.objects[0]) return;  // the same connection, under a second name
   bus.connection = connection;
   for (int32_t i = 0; i < 2; ++i)
     bus.objects[i] = g_dbus_connection_register_object(connection, OBJECT_PATH, bus.node->interfaces[i], &vtable,
@@ -347,16 +350,30 @@ void on_bus_acquired(GDBusConnection* connection, const gchar*, gpointer) {
   bus.timer = g_timeout_add(200, publish_changes, nullptr);
 }
 
-void on_name_lost(GDBusConnection*, const gchar* name, gpointer) {
-  if (!bus.connection) std::fprintf(stderr, "tovra: no session bus for %s\n", name);
+void own_name(const std::string& name);
+
+// A second window (started with -m) finds the name taken and takes one of its own, as players
+// with several instances do on the bus.
+void on_name_lost(GDBusConnection* connection, const gchar* name, gpointer) {
+  if (!connection) {
+    std::fprintf(stderr, "tovra: no session bus for %s\n", name);
+  } else if (!bus.instance_name) {
+    // The lost request stays as it is: releasing a name never owned makes the bus complain.
+    bus.instance_name = true;
+    own_name("org.mpris.MediaPlayer2.tovra.instance" + std::to_string(getpid()));
+  }
+}
+
+void own_name(const std::string& name) {
+  bus.owner = g_bus_own_name(G_BUS_TYPE_SESSION, name.c_str(), G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, on_bus_acquired,
+                             nullptr, on_name_lost, nullptr, nullptr);
 }
 
 }  // namespace
 
 void mpris_start() {
   bus.node = g_dbus_node_info_new_for_xml(INTROSPECTION, nullptr);
-  bus.owner = g_bus_own_name(G_BUS_TYPE_SESSION, "org.mpris.MediaPlayer2.tovra", G_BUS_NAME_OWNER_FLAGS_NONE,
-                             on_bus_acquired, nullptr, on_name_lost, nullptr, nullptr);
+  own_name("org.mpris.MediaPlayer2.tovra");
 }
 
 void mpris_stop() {

@@ -41,6 +41,7 @@ struct PrivateBus {
     daemon = std::atoi(out.c_str() + line + 1);
   }
   ~PrivateBus() {
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
     if (daemon > 0) kill(daemon, SIGTERM);
   }
 };
