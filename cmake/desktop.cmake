@@ -39,7 +39,7 @@ if(TOVRA_TESTS)
                    ${PROJECT_VERSION})
   add_test(NAME cli_completion
            COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tests/desktop/completion_check.sh
-                   ${CMAKE_CURRENT_SOURCE_DIR}/resources/completion/tovra-cli.bash)
+                   ${CMAKE_CURRENT_SOURCE_DIR}/resources/completion/tovra-cli.bash $<TARGET_FILE:tovra-cli>)
   foreach(t desktop_entry_valid metainfo_valid install_and_run cli_completion)
     if(TEST ${t})
       set_tests_properties(${t} PROPERTIES LABELS desktop)

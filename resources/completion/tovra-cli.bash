@@ -8,6 +8,8 @@ declare -gA _tovra_cli_options=(
   [settings]="--file --save"
   [resample]="--rate --bits --channels --quality"
   [split]=""
+  [encode]="--layer --bitrate --mode --model --emphasis --crc --private --copyright --original --wave-header --help"
+  [tag]="--title --artist --album --year --comment --track --genre --delete --show --help"
 )
 declare -gA _tovra_cli_values=(
   [decode --format]="raw wav aif au voc"
@@ -19,6 +21,18 @@ declare -gA _tovra_cli_values=(
   [resample --bits]="8 16"
   [resample --channels]="1 2"
   [resample --quality]=""
+  [encode --layer]="1 2 3"
+  [encode --bitrate]="32 64 96 128 160 192 224 256 320 384"
+  [encode --mode]="stereo joint mono"
+  [encode --model]="1 2"
+  [encode --emphasis]="none 50/15 ccitt"
+  [tag --title]=""
+  [tag --artist]=""
+  [tag --album]=""
+  [tag --year]=""
+  [tag --comment]=""
+  [tag --track]=""
+  [tag --genre]=""
 )
 
 _tovra_cli() {
