@@ -62,6 +62,7 @@ struct Main {
   bool snapped_to_bottom = false;
   bool first_paint_done = false;
   bool focused = true;
+  bool left_held = false;  // between a left press and its release
   bool scroll_resume = false;
   guint menu_timer = 0;
   bool hot_key_grabbed = false;
@@ -925,8 +926,10 @@ void left_up(int32_t rx, int32_t ry) {
     app.ignore_button_up = false;
     app.window_drag = false;
   } else if (app.window_drag) {
+    // The pointer kept its place in the moving window; the release's own coordinates may still
+    // be those of the window's old place.
     app.window_drag = false;
-    title_row_release(x, y);
+    title_row_release(app.grab_x >> (scale() - 1), app.grab_y >> (scale() - 1));
   } else {
     switch (release_button(x, y, shaded())) {
       case BTN_PLAY:
@@ -1006,7 +1009,10 @@ void double_click_at(int32_t rx, int32_t ry) {
 
 gboolean on_button_press(GtkWidget*, GdkEventButton* e, gpointer) {
   int32_t rx = int32_t(e->x), ry = int32_t(e->y);
-  if (e->button == 1 && e->type == GDK_BUTTON_PRESS) left_down(rx, ry);
+  if (e->button == 1 && e->type == GDK_BUTTON_PRESS) {
+    app.left_held = true;
+    left_down(rx, ry);
+  }
   if (e->button == 1 && e->type == GDK_2BUTTON_PRESS) double_click_at(rx, ry);
   if (e->button == 3 && e->type == GDK_BUTTON_PRESS) {
     int32_t x = rx >> (scale() - 1), y = ry >> (scale() - 1);
@@ -1023,7 +1029,10 @@ gboolean on_button_press(GtkWidget*, GdkEventButton* e, gpointer) {
 }
 
 gboolean on_button_release(GtkWidget*, GdkEventButton* e, gpointer) {
-  if (e->button == 1) left_up(int32_t(e->x), int32_t(e->y));
+  if (e->button == 1) {
+    app.left_held = false;
+    left_up(int32_t(e->x), int32_t(e->y));
+  }
   return TRUE;
 }
 
@@ -1042,7 +1051,9 @@ gboolean on_scroll(GtkWidget*, GdkEventScroll* e, gpointer) {
 
 gboolean on_focus(GtkWidget*, GdkEventFocus* e, gpointer) {
   app.focused = e->in;
-  if (!e->in && app.window_drag) {
+  // Losing the focus ends a window drag, for its release may then go elsewhere; X also reports a
+  // passing focus change at the press itself, so a drag whose button is still down goes on.
+  if (!e->in && app.window_drag && !app.left_held) {
     set_pressed_button(0);
     app.volume_drag = app.balance_drag = app.window_drag = false;
   }

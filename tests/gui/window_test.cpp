@@ -22,8 +22,8 @@
 namespace {
 
 // Polls a condition for up to 20 s of wall time (the machine may be busy; nothing here is timed).
-bool wait_until(const std::function<bool()>& done) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+bool wait_until(const std::function<bool()>& done, int timeout_s = 20) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
   while (std::chrono::steady_clock::now() < end) {
     if (done()) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -308,6 +308,24 @@ TEST_F(Window, StartClampsThePlaceAndLoadsPluginsOnlyOnWin9x) {
   EXPECT_EQ(g.x, 0);
   EXPECT_EQ(g.y, 0);
   EXPECT_EQ(text(log), "xf");
+
+  // Dragging by the title row: near an edge the window snaps to it, unless Shift is held.
+  auto drag_by = [&p](int dx, int dy, const char* keys) {
+    // Presses closer together than the double-click time would be a double click.
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    test::run(p.at(150, 12) + " " + keys + " mousedown 1 mousemove_relative --sync -- " + std::to_string(dx) + " " +
+              std::to_string(dy) + " mouseup 1");
+  };
+  drag_by(40, 40, "");
+  EXPECT_TRUE(wait_until([&] { return p.geometry().x == 40 && p.geometry().y == 40; }));
+  drag_by(-30, -30, "");
+  EXPECT_TRUE(wait_until([&] { return p.geometry().x == 0 && p.geometry().y == 0; }))
+      << p.geometry().x << "," << p.geometry().y;
+  drag_by(10, 10, "keydown shift");
+  test::run("xdotool keyup shift");
+  EXPECT_TRUE(wait_until([&] { return p.geometry().x == 10 && p.geometry().y == 10; }))
+      << p.geometry().x << "," << p.geometry().y;
+
   p.click(276, 12);
   EXPECT_EQ(p.wait_exit(), 0);
   EXPECT_EQ(text(log), "xfdd");
