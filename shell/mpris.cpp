@@ -372,6 +372,13 @@ void own_name(const std::string& name) {
 }  // namespace
 
 void mpris_start() {
+  // Only a bus that runs already: GLib would otherwise spawn dbus-launch from a worker thread to
+  // start one tied to the X display, which is no business of a player.
+  const gchar* address = g_getenv("DBUS_SESSION_BUS_ADDRESS");
+  if (!address || !*address) {
+    std::string socket = std::string(g_get_user_runtime_dir()) + "/bus";
+    if (!g_file_test(socket.c_str(), G_FILE_TEST_EXISTS)) return;
+  }
   bus.node = g_dbus_node_info_new_for_xml(INTROSPECTION, nullptr);
   own_name("org.mpris.MediaPlayer2.tovra");
 }
