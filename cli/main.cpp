@@ -31,7 +31,7 @@ constexpr Command commands[] = {
 };
 
 void usage(std::FILE* to) {
-  std::fputs("usage: tovra-cli COMMAND [ARGS]\n\ncommands:\n", to);
+  std::fputs("usage: tovra-cli COMMAND [ARGS]\n       tovra-cli --help | --version\n\ncommands:\n", to);
   for (const Command& c : commands) std::fprintf(to, "  %s\n", c.usage);
 }
 
@@ -47,6 +47,10 @@ int main(int argc, char** argv) {
   if (argc < 2) {
     usage(stderr);
     return 2;
+  }
+  if (std::strcmp(argv[1], "--version") == 0) {
+    std::puts("tovra-cli " TOVRA_VERSION);
+    return 0;
   }
   if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
     usage(stdout);

@@ -3,7 +3,7 @@
 
 Every cell lies where the window's tables look for it (shell/skin.h); only the art is ours. The
 look: a graphite case with bevelled keys, an amber-on-black readout, and small capitals in the
-program's own 6x5 font. Run: make_skin.py OUTDIR (needs python3-pil).
+program's own 6x5 font. Run: make_skin.py OUTDIR (needs python3-pil); the program's icon goes to OUTDIR/icons.
 """
 import sys
 from PIL import Image, ImageDraw
@@ -489,8 +489,46 @@ def effect_image():
     return img
 
 
+ICON_SIZES = (16, 22, 24, 32, 48, 64, 128, 256)
+
+
+def app_icon(size):
+    """The program's icon in the skin's colours: a graphite key with an amber play mark above a
+    readout of level bars. Drawn four times larger and scaled down, so small sizes stay smooth."""
+    n = size * 4
+    img = Image.new('RGBA', (n, n), (0, 0, 0, 0))
+    d = ImageDraw.Draw(img)
+    m = n // 16
+    r = n // 6
+    d.rounded_rectangle([m, m, n - m - 1, n - m - 1], r, fill=GROOVE + (255,))
+    e = m + max(4, n // 48)
+    d.rounded_rectangle([e, e, n - e - 1, n - e - 1], r - (e - m), fill=CASE + (255,), outline=CASE_HI + (255,),
+                        width=max(2, n // 96))
+    # The readout with level bars along the bottom.
+    lx0, ly0, lx1, ly1 = n * 0.22, n * 0.64, n * 0.78, n * 0.80
+    d.rectangle([lx0, ly0, lx1, ly1], fill=LCD + (255,))
+    bars = 6
+    w = (lx1 - lx0) / bars
+    for i in range(bars):
+        h = (ly1 - ly0) * (0.35 + 0.55 * ((i * 7) % 5) / 4)
+        d.rectangle([lx0 + i * w + w * 0.2, ly1 - h, lx0 + (i + 1) * w - w * 0.2, ly1 - (ly1 - ly0) * 0.12],
+                    fill=GREEN + (255,))
+    # The play mark.
+    d.polygon([(n * 0.36, n * 0.18), (n * 0.36, n * 0.56), (n * 0.70, n * 0.37)], fill=AMBER + (255,))
+    return img.resize((size, size), Image.LANCZOS)
+
+
+def icons(out):
+    import os
+    for size in ICON_SIZES:
+        folder = f'{out}/icons/hicolor/{size}x{size}/apps'
+        os.makedirs(folder, exist_ok=True)
+        app_icon(size).save(f'{folder}/tovra.png')
+
+
 def main():
     out = sys.argv[1] if len(sys.argv) > 1 else '.'
+    icons(out)
     main_img = main_face()
     sub = sub_cells(main_img)
     main_img.save(f'{out}/TVRMAIN.png')

@@ -8,6 +8,7 @@ packages=(
   libsdl2-dev
   libgtk-3-dev xvfb xauth xdotool imagemagick fonts-ipafont-gothic python3-pil
   mpg123 lame twolame sox ffmpeg hyperfine
+  dbus-daemon playerctl desktop-file-utils appstream man-db
   clang-format
 )
 missing=()

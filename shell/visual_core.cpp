@@ -26,14 +26,6 @@ int32_t reverse7(int32_t i) {
 
 int32_t sample16(const uint8_t* p) { return int16_t(uint16_t(p[0] | p[1] << 8)); }
 
-// A trailing run of blanks and zeros cut off a fixed tag field, and the text ending at a zero.
-std::string tag_field(const uint8_t* field, int32_t size) {
-  int32_t n = size;
-  while (n > 0 && (field[n - 1] == ' ' || field[n - 1] == 0)) --n;
-  int32_t end = 0;
-  while (end < n && field[end] != 0) ++end;
-  return std::string(reinterpret_cast<const char*>(field), size_t(end));
-}
 
 const char* file_name_part(const char* path) {
   const char* slash = std::strrchr(path, '/');
@@ -44,6 +36,15 @@ const char* file_name_part(const char* path) {
 constexpr const char* PROGRAM_VERSION = "TOVRA version 1.10";
 
 }  // namespace
+
+// A trailing run of blanks and zeros cut off a fixed tag field, and the text ending at a zero.
+std::string tag_field(const uint8_t* field, int32_t size) {
+  int32_t n = size;
+  while (n > 0 && (field[n - 1] == ' ' || field[n - 1] == 0)) --n;
+  int32_t end = 0;
+  while (end < n && field[end] != 0) ++end;
+  return std::string(reinterpret_cast<const char*>(field), size_t(end));
+}
 
 const FftTables& fft_tables() {
   static const FftTables tables = make_tables();

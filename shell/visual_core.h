@@ -62,6 +62,8 @@ inline int32_t step_peak(int32_t peak, int32_t level) {
 // channel; hi_fi: the emphasis mode says 4 or above.
 const char* vu_label(bool bits16, bool mono_stream, bool downmixed, bool hi_fi);
 
+// A fixed field of an ID3 tag without its trailing blanks and zeros, ending at a zero.
+std::string tag_field(const uint8_t* field, int32_t size);
 // The title of entry index (0-based): "N." then the tag's artist and " - " and its title when the
 // tag names them (tag_title on, a 128-byte ID3v1 record), else the path's file name, else the
 // path, else the program's name. Bytes as stored; the caller converts them for the font.

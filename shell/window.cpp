@@ -32,6 +32,7 @@
 #include "session/session.h"
 #include "session/transport.h"
 #include "shell/dialogs.h"
+#include "shell/mpris.h"
 #include "shell/plugins.h"
 #include "shell/skin.h"
 #include "shell/skin_draw.h"
@@ -1320,6 +1321,14 @@ std::string executable_folder() {
   return buf;
 }
 
+// Plug-ins beside the program (the build folder, a portable copy), else in the installed tree's
+// library folder, found from the program's own place so that any prefix works.
+std::string plugin_folder() {
+  std::string beside = executable_folder() + "/Plugins";
+  if (g_file_test(beside.c_str(), G_FILE_TEST_IS_DIR)) return beside;
+  return executable_folder() + "/../" TOVRA_PLUGIN_SUBDIR;
+}
+
 void install_engine_hooks() {
   session::set_sink({sink_message, sink_box});
   session::set_window_open(session::WINDOW_MAIN, true);
@@ -1391,7 +1400,7 @@ int32_t create_main_window_state() {
   }
   install_display(app.skin);
   install_title(app.skin);
-  if (!session::is_not_win9x()) load_plugins((executable_folder() + "/Plugins").c_str());
+  if (!session::is_not_win9x()) load_plugins(plugin_folder().c_str());
   library::validate_start_entry();
   connect_menus();
   register_hot_key();
@@ -1477,8 +1486,11 @@ int32_t process_entry(int argc, char** argv) {
   repaint_all();
   gtk_widget_show_all(app.window);
   gtk_window_move(GTK_WINDOW(app.window), place.x, place.y);
+  mpris_start();
 
   gtk_main();
+
+  mpris_stop();
 
   library::close_instance_server(app.server);
   library::release_instance_lock(app.lock);

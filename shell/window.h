@@ -59,6 +59,9 @@ void window_set_volume(int32_t volume);
 void window_set_balance(int32_t pan);
 const std::string& window_playlist_file();
 
+// Text for the screen: tag and path bytes as UTF-8 (CP932 when they are not UTF-8 already).
+std::string to_utf8(const char* bytes);
+
 // The program's entry: argv as given. Returns the exit code.
 int32_t process_entry(int argc, char** argv);
 // tovra --remote CODE [ARG]: sends one remote-control code to the running instance and prints the
