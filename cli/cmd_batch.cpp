@@ -29,7 +29,7 @@ constexpr const char* USAGE =
     "  --jobs N   rows converted at once (default: the number of processors)\n"
     "  decode:    --format raw|wav|aif|au|voc (default wav)\n"
     "  resample:  --rate HZ [--bits 8|16] [--channels 1|2] [--quality Q] (default 20)\n"
-    "  encode:    [--layer 1|2] [--bitrate KBPS] [--stereo|--joint|--mono] [--model 1|2]\n"
+    "  encode:    [--layer 1|2|3] [--bitrate KBPS] [--stereo|--joint|--mono] [--model 1|2]\n"
     "             [--emphasis none|50/15|ccitt] [--crc] [--private] [--copyright] [--original] [--wave-header]\n";
 
 session::BatchRun* the_run = nullptr;

@@ -3,12 +3,13 @@
 
 declare -gA _tovra_cli_options=(
   [info]="--frames"
-  [decode]="--format"
+  [decode]="--format --no-gapless"
   [play]="--rate --overdrive --mono --8bit --device --repeat --no-emphasis --hifi --timing --help"
   [settings]="--file --save"
   [resample]="--rate --bits --channels --quality"
   [split]=""
   [encode]="--layer --bitrate --mode --model --emphasis --crc --private --copyright --original --wave-header --help"
+  [batch]="--mode --out --jobs --format --rate --bits --channels --quality --layer --bitrate --stereo --joint --mono --model --emphasis --crc --private --copyright --original --wave-header --help"
   [tag]="--title --artist --album --year --comment --track --genre --delete --show --help"
 )
 declare -gA _tovra_cli_values=(
@@ -26,6 +27,18 @@ declare -gA _tovra_cli_values=(
   [encode --mode]="stereo joint mono"
   [encode --model]="1 2"
   [encode --emphasis]="none 50/15 ccitt"
+  [batch --mode]="encode decode resample"
+  [batch --out]="@dir"
+  [batch --jobs]=""
+  [batch --format]="raw wav aif au voc"
+  [batch --rate]="8000 11025 16000 22050 24000 32000 44100 48000"
+  [batch --bits]="8 16"
+  [batch --channels]="1 2"
+  [batch --quality]=""
+  [batch --layer]="1 2 3"
+  [batch --bitrate]="32 64 96 128 160 192 224 256 320 384"
+  [batch --model]="1 2"
+  [batch --emphasis]="none 50/15 ccitt"
   [tag --title]=""
   [tag --artist]=""
   [tag --album]=""
@@ -48,6 +61,8 @@ _tovra_cli() {
     local values=${_tovra_cli_values[$command $prev]}
     if [[ $values == @file ]]; then
       mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+    elif [[ $values == @dir ]]; then
+      mapfile -t COMPREPLY < <(compgen -d -- "$cur")
     else
       mapfile -t COMPREPLY < <(compgen -W "$values" -- "$cur")
     fi
