@@ -271,16 +271,19 @@ TEST_F(SynthTest, TreatmentByEmphasisMode) {
       decoder::treat_subbands();
       const int acting = emphasis ? mode : 0;
       for (int r = 0; r < 32; ++r) {
-        bool same = std::memcmp(before[r], subband_samples[r], sizeof before[r]) == 0;
-        for (int t = 0; t < 18; ++t) {
-          float b = before[r][t], got = subband_samples[r][t];
-          float want = acting == 1              ? (r >= 5 && r <= 15 ? b * 0.5f : b)
-                       : acting == 3            ? float(b * std::cos(r * M_PI / 64))
-                       : acting == 4 && r == 15 ? b * 0.97f
-                                                : got;
-          EXPECT_NEAR(got, want, acting == 3 ? 1e-6 : 0.0);
+        if (acting == 4 && r > 15) {
+          // Hi-Fi rebuilds these rows from the ones below: they change, by how much is its own affair.
+          EXPECT_NE(std::memcmp(before[r], subband_samples[r], sizeof before[r]), 0) << r;
+          continue;
         }
-        EXPECT_EQ(same, acting == 4 ? r < 15 : acting == 1 || acting == 3 ? same : true) << r;
+        for (int t = 0; t < 18; ++t) {
+          float b = before[r][t];
+          float want = acting == 1   ? (r >= 5 && r <= 15 ? b * 0.5f : b)
+                       : acting == 3 ? float(b * std::cos(r * M_PI / 64))
+                       : acting == 4 ? (r == 15 ? b * 0.97f : b)
+                                     : b;
+          EXPECT_NEAR(subband_samples[r][t], want, acting == 3 ? 1e-6 : 0.0) << r;
+        }
       }
     }
 }

@@ -127,29 +127,6 @@ TEST_F(Shapers, ThinnedMonoEightBitStoresTwiceWhatItCounts) {
   expect8({{287, u8_of(1148 << 4)}});
 }
 
-// Units per call for every combination: each must divide a block, so that the ring's blocks fill
-// exactly, and the row must be the one for its rate, case and width.
-TEST_F(Shapers, EveryCombinationHasItsRow) {
-  // [rate row][mono, fold, stereo][8, 16], for every layer.
-  const int32_t units[3][3][2] = {{{4, 8}, {4, 8}, {8, 16}}, {{2, 4}, {2, 4}, {4, 8}}, {{1, 2}, {1, 2}, {2, 4}}};
-  bool seen[SHAPER_COUNT] = {};
-  for (int32_t layer : {1, 2, 3})
-    for (int32_t shift = 0; shift <= 3; ++shift)
-      for (int32_t mode : {0, 1, 2, 3})
-        for (bool stereo : {false, true})
-          for (bool sixteen : {false, true}) {
-            const ShaperRow* row = shape(layer, mode, shift, stereo, sixteen);
-            ASSERT_NE(row, nullptr);
-            const int32_t r = shift > 2 ? 2 : shift;
-            const int32_t expected = units[r][mode == 3 ? 0 : stereo ? 2 : 1][sixteen];
-            EXPECT_EQ(ring.ring_fill, expected) << layer << " " << shift << " " << mode << " " << stereo;
-            EXPECT_EQ(ring.ring_write, uint32_t(expected) * UNIT_BYTES);
-            EXPECT_EQ(BLOCK_UNITS % expected, 0);
-            seen[row - shaper_table] = true;
-          }
-  EXPECT_EQ(std::count(seen, seen + SHAPER_COUNT, true), SHAPER_COUNT);
-}
-
 TEST_F(Shapers, FullRingMakesTheDecoderWait) {
   shape(2, 0, 0, true, true);
   ring.ring_write = 0;
