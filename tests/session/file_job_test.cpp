@@ -42,13 +42,7 @@ void record(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, bool) {
 
 int32_t answer_box(const char*, const char*, int32_t) { return session::ANSWER_OK; }
 
-// MPEG-1 Layer II, 44.1 kHz, 128 kbit/s, single channel, no CRC: 417-byte frames whose bodies are
-// zero, so every subband has allocation 0 and the frame decodes to silence.
-std::vector<uint8_t> silent_layer2(int frames) {
-  std::vector<uint8_t> bytes(size_t(frames) * 417, 0);
-  for (size_t at = 0; at < bytes.size(); at += 417) std::memcpy(&bytes[at], "\xFF\xFD\x80\xC0", 4);
-  return bytes;
-}
+std::vector<uint8_t> silent_layer2(int frames) { return test::silent_layer2(frames, true); }
 
 class FileJob : public ::testing::Test {
  protected:

@@ -15,7 +15,8 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
+using test::cat;
 
 // Holds bytes in an anonymous file as the session's input for one test.
 struct Input {
@@ -42,12 +43,6 @@ Bytes header(const Fields& f) {
                f.sampling << 10 | f.padding << 9 | f.private_bit << 8 | f.mode << 6 | f.mode_ext << 4 |
                f.copyright << 3 | f.original << 2 | f.emphasis;
   return {uint8_t(w >> 24), uint8_t(w >> 16), uint8_t(w >> 8), uint8_t(w)};
-}
-
-Bytes cat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
 }
 
 struct CodeCase {
