@@ -1,6 +1,5 @@
-// Shapers: the bytes each kind of row puts in the ring, hand-computed from a few chosen samples, the
-// counts by which the ring moves, the row chosen for each combination, the over-long mono rows and
-// the ring's spare bytes, and back-pressure.
+// Shapers: the thinned rows (the full-rate ones play end to end in the play command's tests), the
+// over-long mono rows and the ring's spare bytes, and back-pressure.
 #include "output/shapers.h"
 
 #include <gtest/gtest.h>
@@ -62,27 +61,6 @@ struct Shapers : ::testing::Test {
   }
   static int32_t u8_of(int32_t v) { return (v >> 8) + 128; }
 };
-
-TEST_F(Shapers, StereoAndFoldAtFullRate) {
-  // Four pairs chosen so that the shifts round towards minus infinity and the fold overflows 16
-  // bits before its shift.
-  const int16_t pairs[8] = {-300, -700, 16384, 8192, 32767, 32767, -32768, -32768};
-  std::memcpy(decoder::pcm_block, pairs, sizeof pairs);
-
-  shape(2, 0, 0, true, true);  // plain copy
-  EXPECT_EQ(std::memcmp(ring.ring_base, pairs, sizeof pairs), 0);
-  EXPECT_EQ(ring.ring_write, 2304u);
-  EXPECT_EQ(ring.ring_fill, 16);
-  shape(2, 0, 0, true, false);  // 8 bit: (v >> 8) + 128
-  expect8({{0, 126}, {1, 125}, {2, 192}, {3, 160}, {4, 255}, {5, 255}, {6, 0}, {7, 0}});
-  EXPECT_EQ(ring.ring_write, 1152u);
-  shape(3, 1, 0, false, true);  // fold 16: the mean in a 32-bit sum
-  expect16({{0, -500}, {2, 12288}, {4, 32767}, {6, -32768}});
-  EXPECT_EQ(ring.ring_write, 1152u);
-  shape(3, 1, 0, false, false);                     // fold 8: each side narrowed first, then the mean
-  expect8({{0, 125}, {1, 176}, {2, 255}, {3, 0}});  // (-2 + -3) >> 1 = -3; (64 + 32) >> 1 = 48
-  EXPECT_EQ(ring.ring_write, 576u);
-}
 
 TEST_F(Shapers, ThinningKeepsEverySecondOrFourthPair) {
   for (int i = 0; i < 1152; ++i) decoder::pcm_block[i] = int16_t(i);
