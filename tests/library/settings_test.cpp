@@ -36,16 +36,10 @@ TEST_F(LibraryTest, FirstStartWritesEveryKeyInOrderWithItsDefault) {
 TEST_F(LibraryTest, OutOfRangeValuesAreResetAsTheTablesSay) {
   const std::pair<const char*, const char*> cases[] = {
       // lines of the file, lines the listing must hold
-      {"Rate=11\nOverdrive=0", "Settings.Rate=3\nSettings.Overdrive=0\n"},
       {"Rate=6\nOverdrive=0", "Settings.Rate=2\nSettings.Overdrive=1\n"},  // bit 2 is Overdrive
-      {"Volume=154\nPan=68", "Settings.Volume=80\nSettings.Pan=45\n"},
-      {"Volume=79\nPan=22", "Settings.Volume=80\nSettings.Pan=45\n"},
-      {"Volume=153\nPan=23", "Settings.Volume=153\nSettings.Pan=23\n"},
-      {"Graphics=4\nWait=84", "Settings.Graphics=1\nSettings.Wait=33\n"},
-      {"Graphics=3\nWait=10", "Settings.Graphics=3\nSettings.Wait=33\n"},
-      {"ExtFilter=-1", "Settings.ExtFilter=1\n"},
-      {"PlayNum=7", "Settings.PlayNum=0\n"},  // no such entry in an empty list
-      {"Double=5", "Settings.Double=1\n"},
+      {"Volume=154\nPan=22", "Settings.Volume=80\nSettings.Pan=45\n"},     // just past each end
+      {"Volume=153\nPan=23", "Settings.Volume=153\nSettings.Pan=23\n"},    // the ends themselves
+      {"PlayNum=7", "Settings.PlayNum=0\n"},                               // no such entry in an empty list
       {"Volume=garbage", "Settings.Volume=80\n"},
   };
   for (const auto& [lines, want] : cases) {
