@@ -497,8 +497,6 @@ TEST_F(StreamTest, CliInfoRefusesWhatIsNotMpegAudio) {
   };
   const Case cases[] = {
       {"garbage", write("garbage.bin", garbage), "no MPEG audio"},
-      {"empty", write("empty.mp3", {}), "no MPEG audio"},
-      {"truncated", write("cut.mp3", Bytes(base().begin(), base().begin() + 3)), "no MPEG audio"},
       {"folder", dir_.path, "no MPEG audio"},
       {"missing", dir_.file("missing.mp3"), "が開けない"},
       {"PCM WAVE", write("pcm.wav", riff("WAVE", cat({fmt_chunk(1, 16), chunk("data", Bytes(100, 0))}))),
