@@ -10,16 +10,12 @@ std::string cli() { return test::cli_path(); }
 TEST(DecodeCli, BadInputFailsWithStatusOneAndLeavesNoOutput) {
   test::TempDir dir;
   std::string out = dir.file("out.wav");
-  test::write_file(dir.file("empty.mp3"), {});
   test::write_file(dir.file("junk.mp3"), std::vector<uint8_t>(4096, 0x5A));
-  test::write_file(dir.file("short.mp3"), {0xFF, 0xFB, 0x90});
-  for (const char* name : {"empty.mp3", "junk.mp3", "short.mp3", "missing.mp3"}) {
-    int status = test::run(cli() + " decode " + dir.file(name) + " " + out + " 2>/dev/null");
-    EXPECT_EQ(status, 1) << name;
-    EXPECT_NE(test::run("test -e " + out), 0) << name << " left an output behind";
+  // (What open_stream makes of empty, short and junk input is checked with the stream facts.)
+  for (const std::string& in : {dir.file("junk.mp3"), dir.file("missing.mp3"), dir.path}) {
+    EXPECT_EQ(test::run(cli() + " decode " + in + " " + out + " 2>/dev/null"), 1) << in;
+    EXPECT_NE(test::run("test -e " + out), 0) << in << " left an output behind";
   }
-  // A folder is not a readable stream either.
-  EXPECT_EQ(test::run(cli() + " decode " + dir.path + " " + out + " 2>/dev/null"), 1);
 }
 
 TEST(DecodeCli, UsageErrorsExitWithTwo) {

@@ -131,12 +131,6 @@ int run_cli_decode(const std::string& in, const std::string& out, const std::str
   return test::run(test::cli_path() + " decode '" + in + "' '" + out + "' --format " + format + " 2>/dev/null");
 }
 
-std::vector<int16_t> mpg123_decode(const test::TempDir& dir, const std::string& in) {
-  std::string out = dir.file("mpg123.raw");
-  test::run("mpg123 --no-gapless -q -s '" + in + "' > '" + out + "' 2>/dev/null");
-  return test::read_pcm16(out);
-}
-
 // --- Conformance streams ---------------------------------------------------------------------------
 
 TEST(Layer1, ConformanceStreamsMatchTheirReference) {
@@ -182,7 +176,7 @@ TEST(Layer1, GeneratedStreamsMatchMpg123) {
     const std::string in = tmp.file("in.mp1"), out = tmp.file(std::string("out.") + formats[k]);
     SCOPED_TRACE(out);
     test::write_file(in, make_layer1_stream(s));
-    std::vector<int16_t> peer = mpg123_decode(tmp, in);
+    std::vector<int16_t> peer = test::decode_mpg123(in, tmp.file("mpg123.raw"));
     const size_t expected = size_t(s.frames) * 384 * size_t(channels_of(s));
     ASSERT_EQ(peer.size(), expected);
     ASSERT_EQ(run_cli_decode(in, out, formats[k]), 0);
@@ -205,7 +199,7 @@ TEST(Layer1, EmphasisHalvesTheMiddleSubbands) {
     const std::string in = tmp.file("e.mp1"), out = tmp.file("e.raw");
     test::write_file(in, make_layer1_stream({.mode = 3, .frames = 20, .seed = 31, .emphasis = 1, .only_subband = sb}));
     ASSERT_EQ(run_cli_decode(in, out, "raw"), 0);
-    std::vector<int16_t> ours = test::read_pcm16(out), peer = mpg123_decode(tmp, in);
+    std::vector<int16_t> ours = test::read_pcm16(out), peer = test::decode_mpg123(in, tmp.file("mpg123.raw"));
     ASSERT_EQ(ours.size(), peer.size());
     double sum_ours = 0, sum_peer = 0;
     for (size_t i = 0; i < ours.size(); ++i) {

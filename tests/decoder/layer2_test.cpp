@@ -180,16 +180,6 @@ class Layer2StreamTest : public ::testing::Test {
     REQUIRE_TOOL("mpg123");
     REQUIRE_TOOL("twolame");
   }
-  std::vector<int16_t> decode_ours(const std::string& in) {
-    std::string out = in + ".tovra.raw";
-    int rc = test::run("'" + test::cli_path() + "' decode '" + in + "' '" + out + "' --format raw >/dev/null 2>&1");
-    EXPECT_NE(rc, -1) << in;
-    return test::read_pcm16(out);
-  }
-  std::vector<int16_t> decode_mpg123(const std::string& in) {
-    test::run("mpg123 -q --no-gapless -s '" + in + "' > '" + in + ".mpg123.raw' 2>/dev/null");
-    return test::read_pcm16(in + ".mpg123.raw");
-  }
   // sox synthesis at a rate and channel count into a wav.
   std::string make_wav(int rate, int channels, const std::string& what) {
     std::string wav = dir.file("in.wav");
@@ -241,7 +231,7 @@ TEST_F(Layer2StreamTest, MatchesMpg123AcrossModesRatesAndEncoders) {
                 "'");
     else
       twolame(wav, "-b " + std::to_string(c.kbps) + " -m " + c.mode + (c.crc ? " -p" : ""));
-    std::vector<int16_t> ours = decode_ours(mp2), theirs = decode_mpg123(mp2);
+    std::vector<int16_t> ours = test::decode_ours(mp2, mp2 + ".raw"), theirs = test::decode_mpg123(mp2, mp2 + ".ref");
     ASSERT_GT(theirs.size(), 10000u);
     EXPECT_EQ(ours.size(), theirs.size());
     const test::PcmComparison r = test::compare_pcm(ours, theirs);
@@ -256,7 +246,7 @@ TEST_F(Layer2StreamTest, EmphasisHalvesTheMiddleSubbands) {
   for (int freq : {1000, 5000}) {
     SCOPED_TRACE(freq);
     std::string mp2 = twolame(make_wav(44100, 1, "2 sine " + std::to_string(freq) + " vol 0.5"), "-b 192 -m m -e 5");
-    std::vector<int16_t> ours = decode_ours(mp2), theirs = decode_mpg123(mp2);
+    std::vector<int16_t> ours = test::decode_ours(mp2, mp2 + ".raw"), theirs = test::decode_mpg123(mp2, mp2 + ".ref");
     ASSERT_EQ(ours.size(), theirs.size());
     ASSERT_GT(ours.size(), 20000u);
     const size_t from = 4608, to = ours.size() - 4608;

@@ -142,42 +142,6 @@ TEST(Layer3Huffman, GranuleLoopsDecodeEveryCode) {
   }
 }
 
-// The single-symbol entry: every code of every table at ring positions that include the wrap,
-// and the tables without codes refusing without consuming bits.
-TEST(Layer3Huffman, SymbolDecodesEveryCodeAcrossTheRingEnd) {
-  std::vector<Code> codes = standard_codes();
-  if (codes.empty()) GTEST_SKIP() << "standard figures not at hand";
-  fresh_state();
-  int32_t checked = 0;
-  for (int32_t table = 1; table < 34; ++table) {
-    if (table == 4 || table == 14) continue;
-    const int32_t owner = table >= 24 && table < 32 ? 24 : table >= 16 && table < 24 ? 16 : table;
-    for (const Code& c : codes) {
-      if (c.table != owner) continue;
-      for (uint32_t start : {7u, 32768u - 5u}) {
-        l3test::RingWriter w(start);
-        w.put_code(c.bits);
-        w.put(0xA5A5A5, 24);
-        bits.reservoir_bits = start;
-        int32_t x = -1, y = -1;
-        ASSERT_EQ(decoder::huffman_symbol(table, x, y), int32_t(c.bits.size())) << table << " " << c.bits;
-        ASSERT_EQ(x, table >= 32 ? c.quad : c.x) << table << " " << c.bits;
-        if (table < 32) {
-          ASSERT_EQ(y, c.y) << table << " " << c.bits;
-        }
-        ASSERT_EQ(bits.reservoir_bits, (start + c.bits.size()) & session::RESERVOIR_BIT_MASK);
-        ++checked;
-      }
-    }
-  }
-  EXPECT_GT(checked, 2 * 3000);
-  int32_t x = 0, y = 0;
-  bits.reservoir_bits = 40;
-  EXPECT_EQ(decoder::huffman_symbol(14, x, y), -1);
-  EXPECT_EQ(bits.reservoir_bits, 40u);
-  EXPECT_EQ(session::state.damaged_flag.load(), 1);
-}
-
 // Tables 4 and 14 have no codes: in a granule the last pair repeats, with its sign bits read as
 // usual, and the frame is marked as damaged.
 TEST(Layer3Huffman, TablesWithoutCodesRepeatTheLastPair) {

@@ -19,27 +19,16 @@ namespace {
 
 std::string quote(const std::string& s) { return "'" + s + "'"; }
 
-std::vector<int16_t> decode_ours(const std::string& in, const std::string& out) {
-  test::run(quote(test::cli_path()) + " decode " + quote(in) + " " + quote(out) + " --format raw >/dev/null 2>&1");
-  return test::read_pcm16(out);
-}
-
-std::vector<int16_t> decode_mpg123(const std::string& in, const std::string& out, const std::string& options = "") {
-  test::run("mpg123 -q --no-gapless " + options + " -s " + quote(in) + " > " + quote(out) + " 2>/dev/null");
-  return test::read_pcm16(out);
-}
-
 // The whole file within 2 of mpg123 and mostly within 1 (mpg123 rounds where we truncate), at the
 // same length. Returns false when we decoded nothing.
 bool matches_mpg123(const test::TempDir& dir, const std::string& mp3, const std::string& what,
                     const std::string& mpg123_options = "") {
-  std::vector<int16_t> ours = decode_ours(mp3, dir.file("ours.raw"));
-  std::vector<int16_t> ref = decode_mpg123(mp3, dir.file("ref.raw"), mpg123_options);
+  std::vector<int16_t> ours = test::decode_ours(mp3, dir.file("ours.raw"));
+  std::vector<int16_t> ref = test::decode_mpg123(mp3, dir.file("ref.raw"), mpg123_options);
   if (ours.empty()) return false;
   EXPECT_EQ(ours.size(), ref.size()) << what;
-  l3test::PcmDiff c = l3test::compare_pcm(ours, ref);
-  EXPECT_LE(c.worst, 2) << what << ": at sample " << c.worst_at;
-  EXPECT_GE(c.within_one, 0.95) << what;
+  const test::PcmComparison c = test::compare_pcm(ours, ref);
+  EXPECT_TRUE(test::decodes_alike(c)) << what << ": " << c;
   return true;
 }
 
@@ -292,11 +281,10 @@ TEST(Layer3EndToEnd, ConformanceVectors) {
     std::vector<int16_t> ref = test::read_pcm16(vectors + "/" + name + ".pcm");
     if (ref.empty()) continue;
     ++found;
-    std::vector<int16_t> ours = decode_ours(bit, dir.file("ours.raw"));
+    std::vector<int16_t> ours = test::decode_ours(bit, dir.file("ours.raw"));
     EXPECT_GE(ours.size(), ref.size()) << name;
     EXPECT_LE(ours.size(), ref.size() + 2304) << name;
-    l3test::PcmDiff c = l3test::compare_pcm(ours, ref);
-    EXPECT_LE(c.worst, 2) << name << ": at " << c.worst_at;
+    EXPECT_LE(test::compare_pcm(ours, ref).max_raw, 2) << name;
   }
   if (!found) GTEST_SKIP() << "no Layer III vectors";
 }

@@ -1,5 +1,5 @@
-// Helpers of the Layer III tests: a bit writer into the reservoir ring, an in-process pass over a
-// stream, and a PCM comparison.
+// Helpers of the Layer III tests: a bit writer into the reservoir ring and an in-process pass over a
+// stream.
 #pragma once
 
 #include <algorithm>
@@ -65,29 +65,6 @@ inline size_t decode_in_process(const std::string& path) {
   std::fclose(f);
   session::reader.file = nullptr;
   return granules;
-}
-
-struct PcmDiff {
-  int32_t worst = 0;  // largest difference
-  size_t worst_at = 0;
-  double within_one = 1.0;  // share of samples that differ by at most 1
-};
-
-// Compares two interleaved PCM streams over their common length.
-inline PcmDiff compare_pcm(const std::vector<int16_t>& ours, const std::vector<int16_t>& ref) {
-  PcmDiff c;
-  const size_t n = std::min(ours.size(), ref.size());
-  size_t close = 0;
-  for (size_t i = 0; i < n; ++i) {
-    const int32_t d = std::abs(int32_t(ours[i]) - int32_t(ref[i]));
-    close += d <= 1;
-    if (d > c.worst) {
-      c.worst = d;
-      c.worst_at = i;
-    }
-  }
-  if (n) c.within_one = double(close) / double(n);
-  return c;
 }
 
 }  // namespace l3test

@@ -87,27 +87,6 @@ class SynthTest : public ::testing::Test {
   }
 };
 
-// Slot 16 of a call lands in column 0 at phase 0: bank 0 holds 2X[16..31], bank 1 -2X[16..0].
-TEST_F(SynthTest, TransformMatchesDirectCosineFormula) {
-  std::mt19937 rng(12345);
-  std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-  for (int round = 0; round < 20; ++round) {
-    decoder::reset_decoder_state();
-    std::memset(subband_samples, 0, sizeof subband_samples);
-    double abs_sum = 0;
-    for (int k = 0; k < 32; ++k) abs_sum += std::fabs(subband_samples[k][16] = dist(rng));
-    float in[32];
-    for (int k = 0; k < 32; ++k) in[k] = subband_samples[k][16];
-    decoder::synth_full(0);
-    for (int m = 0; m < 32; ++m) {
-      double x = 0;
-      for (int k = 0; k < 32; ++k) x += in[k] * std::cos((2 * k + 1) * m * M_PI / 64);
-      double got = m >= 16 ? decoder::synth_banks[0][0][0][m - 16] : -decoder::synth_banks[0][1][0][16 - m];
-      EXPECT_NEAR(got, 2 * x, 1e-5 * abs_sum) << "m " << m << " round " << round;
-    }
-  }
-}
-
 // Full rate is the standard filter bank truncated, over calls that wrap the ring, both channels.
 // At a level of a few units, sums between -1 and 0 give 0 where a rounding decoder gives -1.
 TEST_F(SynthTest, FullRateIsTheStandardFilterBankTruncated) {
@@ -271,16 +250,19 @@ TEST_F(SynthTest, TreatmentByEmphasisMode) {
       decoder::treat_subbands();
       const int acting = emphasis ? mode : 0;
       for (int r = 0; r < 32; ++r) {
-        bool same = std::memcmp(before[r], subband_samples[r], sizeof before[r]) == 0;
-        for (int t = 0; t < 18; ++t) {
-          float b = before[r][t], got = subband_samples[r][t];
-          float want = acting == 1              ? (r >= 5 && r <= 15 ? b * 0.5f : b)
-                       : acting == 3            ? float(b * std::cos(r * M_PI / 64))
-                       : acting == 4 && r == 15 ? b * 0.97f
-                                                : got;
-          EXPECT_NEAR(got, want, acting == 3 ? 1e-6 : 0.0);
+        if (acting == 4 && r > 15) {
+          // Hi-Fi rebuilds these rows from the ones below: they change, by how much is its own affair.
+          EXPECT_NE(std::memcmp(before[r], subband_samples[r], sizeof before[r]), 0) << r;
+          continue;
         }
-        EXPECT_EQ(same, acting == 4 ? r < 15 : acting == 1 || acting == 3 ? same : true) << r;
+        for (int t = 0; t < 18; ++t) {
+          float b = before[r][t];
+          float want = acting == 1   ? (r >= 5 && r <= 15 ? b * 0.5f : b)
+                       : acting == 3 ? float(b * std::cos(r * M_PI / 64))
+                       : acting == 4 ? (r == 15 ? b * 0.97f : b)
+                                     : b;
+          EXPECT_NEAR(subband_samples[r][t], want, acting == 3 ? 1e-6 : 0.0) << r;
+        }
       }
     }
 }

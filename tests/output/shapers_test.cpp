@@ -1,6 +1,5 @@
-// Shapers: the bytes each kind of row puts in the ring, hand-computed from a few chosen samples, the
-// counts by which the ring moves, the row chosen for each combination, the over-long mono rows and
-// the ring's spare bytes, and back-pressure.
+// Shapers: the thinned rows (the full-rate ones play end to end in the play command's tests), the
+// over-long mono rows and the ring's spare bytes, and back-pressure.
 #include "output/shapers.h"
 
 #include <gtest/gtest.h>
@@ -63,27 +62,6 @@ struct Shapers : ::testing::Test {
   static int32_t u8_of(int32_t v) { return (v >> 8) + 128; }
 };
 
-TEST_F(Shapers, StereoAndFoldAtFullRate) {
-  // Four pairs chosen so that the shifts round towards minus infinity and the fold overflows 16
-  // bits before its shift.
-  const int16_t pairs[8] = {-300, -700, 16384, 8192, 32767, 32767, -32768, -32768};
-  std::memcpy(decoder::pcm_block, pairs, sizeof pairs);
-
-  shape(2, 0, 0, true, true);  // plain copy
-  EXPECT_EQ(std::memcmp(ring.ring_base, pairs, sizeof pairs), 0);
-  EXPECT_EQ(ring.ring_write, 2304u);
-  EXPECT_EQ(ring.ring_fill, 16);
-  shape(2, 0, 0, true, false);  // 8 bit: (v >> 8) + 128
-  expect8({{0, 126}, {1, 125}, {2, 192}, {3, 160}, {4, 255}, {5, 255}, {6, 0}, {7, 0}});
-  EXPECT_EQ(ring.ring_write, 1152u);
-  shape(3, 1, 0, false, true);  // fold 16: the mean in a 32-bit sum
-  expect16({{0, -500}, {2, 12288}, {4, 32767}, {6, -32768}});
-  EXPECT_EQ(ring.ring_write, 1152u);
-  shape(3, 1, 0, false, false);                     // fold 8: each side narrowed first, then the mean
-  expect8({{0, 125}, {1, 176}, {2, 255}, {3, 0}});  // (-2 + -3) >> 1 = -3; (64 + 32) >> 1 = 48
-  EXPECT_EQ(ring.ring_write, 576u);
-}
-
 TEST_F(Shapers, ThinningKeepsEverySecondOrFourthPair) {
   for (int i = 0; i < 1152; ++i) decoder::pcm_block[i] = int16_t(i);
   shape(2, 0, 1, true, true);
@@ -125,29 +103,6 @@ TEST_F(Shapers, ThinnedMonoEightBitStoresTwiceWhatItCounts) {
   EXPECT_EQ(ring.ring_write, 144u);
   EXPECT_EQ(ring.ring_fill, 1);
   expect8({{287, u8_of(1148 << 4)}});
-}
-
-// Units per call for every combination: each must divide a block, so that the ring's blocks fill
-// exactly, and the row must be the one for its rate, case and width.
-TEST_F(Shapers, EveryCombinationHasItsRow) {
-  // [rate row][mono, fold, stereo][8, 16], for every layer.
-  const int32_t units[3][3][2] = {{{4, 8}, {4, 8}, {8, 16}}, {{2, 4}, {2, 4}, {4, 8}}, {{1, 2}, {1, 2}, {2, 4}}};
-  bool seen[SHAPER_COUNT] = {};
-  for (int32_t layer : {1, 2, 3})
-    for (int32_t shift = 0; shift <= 3; ++shift)
-      for (int32_t mode : {0, 1, 2, 3})
-        for (bool stereo : {false, true})
-          for (bool sixteen : {false, true}) {
-            const ShaperRow* row = shape(layer, mode, shift, stereo, sixteen);
-            ASSERT_NE(row, nullptr);
-            const int32_t r = shift > 2 ? 2 : shift;
-            const int32_t expected = units[r][mode == 3 ? 0 : stereo ? 2 : 1][sixteen];
-            EXPECT_EQ(ring.ring_fill, expected) << layer << " " << shift << " " << mode << " " << stereo;
-            EXPECT_EQ(ring.ring_write, uint32_t(expected) * UNIT_BYTES);
-            EXPECT_EQ(BLOCK_UNITS % expected, 0);
-            seen[row - shaper_table] = true;
-          }
-  EXPECT_EQ(std::count(seen, seen + SHAPER_COUNT, true), SHAPER_COUNT);
 }
 
 TEST_F(Shapers, FullRingMakesTheDecoderWait) {

@@ -31,9 +31,6 @@ bool wait_until(const std::function<bool()>& done, int32_t ms = 10000) {
 using feed::stream_bytes;
 using feed::with_pad;
 
-std::atomic<int32_t> visualiser_resets{0};
-std::atomic<int32_t> displays_cleared{0};
-
 struct WaveThread : ::testing::Test {
   uint32_t pushed = 0;
 
@@ -116,30 +113,6 @@ TEST_F(WaveThread, PrimesPausedThenRunsAndDrainsWithAPaddedBlock) {
   EXPECT_EQ(wave.wave_device.load(), 0);
   EXPECT_EQ(ring.ring_fill.load(), 0);
   EXPECT_EQ(rec.volumes.back(), 0xFFFFFFFFu);  // the device's own volume put back
-}
-
-TEST_F(WaveThread, TrackShorterThanThePrimingPlaysOutOnASlowProcessor) {
-  wave.cpu_family = 4;  // primes 12 blocks
-  state.session_16bit = 0;
-  wave_hooks.reset_visualiser = [] { ++visualiser_resets; };
-  wave_hooks.clear_display = [] { ++displays_cleared; };
-  visualiser_resets = 0;
-  displays_cleared = 0;
-  test_device_set_player(2);
-
-  ASSERT_EQ(wave_open(32000, false), 0);
-  EXPECT_EQ(visualiser_resets.load(), 1);
-  push(2 * BLOCK_BYTES + 64 * UNIT_BYTES);
-  drain();
-
-  expect_format(32000, 1, 8);
-  const TestDeviceRecord rec = test_device_record();
-  EXPECT_EQ(rec.calls, "OPWWWRXC");
-  EXPECT_EQ(rec.written, with_pad(stream_bytes(0, 2 * BLOCK_BYTES + 64 * UNIT_BYTES)));
-  EXPECT_EQ(rec.played, rec.written);
-  // 8-bit mono: 1152 frames a unit; 48 units at 32000 Hz make one second.
-  EXPECT_EQ(wave.display_seconds.load(), 1u);
-  EXPECT_EQ(displays_cleared.load(), 1);
 }
 
 TEST_F(WaveThread, PauseHoldsBlocksAndASeekResetsAndReprimes) {

@@ -35,19 +35,10 @@ TEST_F(PlaySession, PauseHoldsTheDeviceAndPlayResumesTheSameTrack) {
   EXPECT_EQ(session::start_play(), session::START_OK);
   EXPECT_EQ(state.paused.load(), 0);
 
-  // A stop from pause mutes at once, and the close fades the level in again for the next use.
   session::pause_command();
-  const size_t opened_volumes = output::test_device_record().volumes.size();
   EXPECT_EQ(session::stop_play(), 1);
   EXPECT_EQ(state.paused.load(), 0);
-  EXPECT_EQ(state.decoder_running.load(), 0);
-  EXPECT_EQ(state.decoder_command.load(), session::CMD_STOP);
   EXPECT_FALSE(output::test_device_record().open);
-  std::vector<uint32_t> v = output::test_device_record().volumes;
-  ASSERT_GT(v.size(), opened_volumes + 3);
-  EXPECT_EQ(v[opened_volumes], 0u);
-  EXPECT_EQ(v.back(), 0xFFFFFFFFu);
-  EXPECT_NE(std::find(v.begin() + long(opened_volumes), v.end(), 0x20002000u), v.end()) << "no fade at the close";
 }
 
 TEST_F(PlaySession, ForwardNeedsMoreThanTheStepLeft) {
@@ -137,6 +128,84 @@ TEST_F(PlaySession, JumpsAtAnyMomentPrimingIncludedLeaveTheSessionWhole) {
   // The wave position follows the last jump: the 2900th frame of stereo MPEG-1 is unit 11600, and
   // what played afterwards only adds to it.
   EXPECT_GE(output::wave.output_count.load(), 2900 * 4);
+}
+
+// A jump through the session gives the samples of a straight decode, on Layers II and III and at
+// many points, forwards and back. The jump primes the reservoir with the target frame and decodes on
+// from the frame behind it, with the synthesis history (and Layer III's overlap) of the frames
+// played before the jump. Excused: the first two frames decoded after the jump. The filter bank
+// carries 15 slots (480 samples) of the old history into the first; in Layer III the
+// first frame may reach for main data from before the target, and the second overlaps its first
+// granule with the first frame's last. From the third frame on the samples must be identical.
+TEST_F(PlaySession, JumpsGiveTheSamplesOfAStraightDecode) {
+  REQUIRE_TOOL("sox");
+  REQUIRE_TOOL("twolame");
+  REQUIRE_TOOL("lame");
+  const std::string wav = dir.file("src.wav");
+  ASSERT_EQ(test::run("sox -R -q -n -r 44100 -c 2 -b 16 " + wav +
+                      " synth 20 sine 300-5000 pinknoise vol 0.3 : synth 0.004 square 50 vol 0.6 pad 0 0.3 repeat 3"),
+            0);
+  struct Layer {
+    const char* name;
+    std::string encode;
+    int32_t samples;  // per frame and channel
+  };
+  const Layer layers[] = {
+      {"l2.mp2", "twolame --quiet -b 192 " + wav + " %s", 1152},
+      {"l3.mp3", "lame --quiet -t -b 160 " + wav + " %s", 1152},
+  };
+  for (const Layer& layer : layers) {
+    SCOPED_TRACE(layer.name);
+    const std::string in = dir.file(layer.name);
+    std::string encode = layer.encode;
+    encode.replace(encode.find("%s"), 2, in);
+    ASSERT_EQ(test::run(encode + " 2>/dev/null"), 0);
+    // Playback keeps every sample: so does the straight decode.
+    const std::vector<int16_t> straight = test::decode_ours(in, dir.file("straight.raw"), "--no-gapless");
+    const size_t frame_values = size_t(layer.samples) * 2;
+    const int32_t frames = int32_t(straight.size() / frame_values);
+
+    library::reset_playlist();
+    add_track(layer.name, test::read_file(in));
+    output::test_device_clear();
+    ASSERT_EQ(session::start_play(), session::START_OK);
+    // Targets as fractions of the track; the last lies within the decoder's lead of the end.
+    std::vector<int32_t> targets;
+    for (int32_t per_mille : {20, 610, 130, 370, 5, 960}) targets.push_back(frames * per_mille / 1000);
+    std::vector<size_t> starts;  // bytes the device had been given when each jump was taken
+    for (size_t i = 0; i < targets.size(); ++i) {
+      // The device full: the wave thread waits for a free block and writes nothing until the reset.
+      ASSERT_TRUE(wait_until([] {
+        return output::wave.free_blocks.load() == 0 && output::test_device_record().queued > 0;
+      })) << "jump "
+          << i;
+      sleep_ms(20);
+      const output::TestDeviceRecord before = output::test_device_record();
+      starts.push_back(before.written.size());
+      session::seek_frame(targets[i]);
+      ASSERT_TRUE(wait_until([&] {
+        return count_of(output::test_device_record().calls, 'X') > count_of(before.calls, 'X') &&
+               state.decoder_command.load() == session::CMD_RUN;
+      }));
+    }
+    ASSERT_TRUE(play_out(60000));
+    const std::vector<uint8_t> written = output::test_device_record().written;
+    starts.push_back(written.size());
+    for (size_t i = 0; i < targets.size(); ++i) {
+      SCOPED_TRACE(testing::Message() << "jump to frame " << targets[i]);
+      const size_t first = size_t(targets[i] + 1 + 2) * frame_values;  // two frames excused
+      const size_t from = starts[i] + 2 * frame_values * 2;
+      ASSERT_LT(first, straight.size());
+      ASSERT_LT(from, starts[i + 1]);
+      const size_t n = std::min((starts[i + 1] - from) / 2, straight.size() - first);
+      size_t diff = 0;
+      while (diff < n &&
+             int16_t(written[from + 2 * diff] | written[from + 2 * diff + 1] << 8) == straight[first + diff])
+        ++diff;
+      EXPECT_EQ(diff, n) << "first difference " << diff << " values into " << n;
+      EXPECT_GT(n, 20 * frame_values);
+    }
+  }
 }
 
 // The wave thread turns a seek command back to WAVE_RUN once it has re-primed: an end of stream

@@ -43,21 +43,7 @@ inline std::vector<Box> boxes_shown() {
   return boxes;
 }
 
-// MPEG-1 Layer II, 44.1 kHz, 128 kbit/s, no CRC: 417-byte frames with zero bodies, so every
-// subband has allocation 0 and each frame decodes to 1152 silent sample frames. Stereo unless mono.
-inline std::vector<uint8_t> silent_layer2(int frames, bool mono = false) {
-  std::vector<uint8_t> bytes;
-  bytes.reserve(size_t(frames) * 417);
-  for (int i = 0; i < frames; ++i) {
-    std::vector<uint8_t> frame(417, 0);
-    frame[0] = 0xFF;
-    frame[1] = 0xFD;
-    frame[2] = 0x80;
-    frame[3] = mono ? 0xC0 : 0x00;
-    bytes.insert(bytes.end(), frame.begin(), frame.end());
-  }
-  return bytes;
-}
+using test::silent_layer2;
 
 // Bytes one stereo 16-bit full-rate frame puts into the ring.
 constexpr size_t STEREO_FRAME_BYTES = 1152 * 4;

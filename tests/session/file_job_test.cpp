@@ -42,13 +42,7 @@ void record(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, bool) {
 
 int32_t answer_box(const char*, const char*, int32_t) { return session::ANSWER_OK; }
 
-// MPEG-1 Layer II, 44.1 kHz, 128 kbit/s, single channel, no CRC: 417-byte frames whose bodies are
-// zero, so every subband has allocation 0 and the frame decodes to silence.
-std::vector<uint8_t> silent_layer2(int frames) {
-  std::vector<uint8_t> bytes(size_t(frames) * 417, 0);
-  for (size_t at = 0; at < bytes.size(); at += 417) std::memcpy(&bytes[at], "\xFF\xFD\x80\xC0", 4);
-  return bytes;
-}
+std::vector<uint8_t> silent_layer2(int frames) { return test::silent_layer2(frames, true); }
 
 class FileJob : public ::testing::Test {
  protected:
@@ -94,6 +88,36 @@ TEST_F(FileJob, ReportsEveryTenFramesThenTheTotalAndTheEnd) {
   EXPECT_EQ((std::vector<int32_t>{job.busy.load(), job.end.load(), session::state.file_job_idle.load(),
                                   session::state.decoder_command.load()}),
             (std::vector<int32_t>{0, session::JOB_END_DONE, 1, session::CMD_STOP}));
+}
+
+// Whatever one file leaves behind in the decoder (synthesis history, reservoir, Layer III overlap,
+// channel count, rate) must not reach the next: each file decoded after another in this process is
+// bit for bit what a fresh tovra-cli makes of it. The files change layer, rate and channels.
+TEST_F(FileJob, EachFileAfterAnotherDecodesAsInAFreshProcess) {
+  REQUIRE_TOOL("sox");
+  REQUIRE_TOOL("twolame");
+  REQUIRE_TOOL("lame");
+  const std::string stereo = dir.file("stereo.wav"), mono = dir.file("mono.wav");
+  ASSERT_EQ(test::run("sox -R -q -n -r 44100 -c 2 -b 16 " + stereo + " synth 3 sine 200-6000 pinknoise vol 0.4"), 0);
+  ASSERT_EQ(test::run("sox -R -q -n -r 22050 -c 1 -b 16 " + mono + " synth 3 pinknoise vol 0.5"), 0);
+  const std::string files[] = {dir.file("a.mp3"), dir.file("b.mp2"), dir.file("c.mp1"), dir.file("d.mp3"),
+                               dir.file("e.mp2")};
+  ASSERT_EQ(test::run("lame --quiet -b 192 " + stereo + " " + files[0]), 0);
+  ASSERT_EQ(test::run("twolame --quiet -b 224 " + stereo + " " + files[1]), 0);
+  ASSERT_EQ(test::run(test::cli_path() + " encode " + stereo + " " + files[2] + " --layer 1 2>/dev/null"), 0);
+  ASSERT_EQ(test::run("lame --quiet -m m -b 64 " + mono + " " + files[3]), 0);
+  ASSERT_EQ(test::run("twolame --quiet -m m -b 96 " + mono + " " + files[4]), 0);
+  for (const std::string& in : files) {
+    SCOPED_TRACE(in);
+    const std::string ours = in + ".raw", fresh = in + ".fresh.raw";
+    ASSERT_EQ(session::start_decode_file(job, in.c_str(), ours.c_str()), session::START_OK);
+    session::wait_job(job);
+    ASSERT_EQ(job.end.load(), session::JOB_END_DONE);
+    ASSERT_EQ(test::run(test::cli_path() + " decode " + in + " " + fresh + " --format raw 2>/dev/null"), 0);
+    const std::vector<uint8_t> expected = test::read_file(fresh);
+    EXPECT_GT(expected.size(), 44100u);
+    EXPECT_TRUE(test::read_file(ours) == expected) << "differs from a fresh process's decode";
+  }
 }
 
 TEST_F(FileJob, CancelEndsTheJobAndRemovesTheOutputUnlessLeave) {

@@ -15,7 +15,8 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
+using test::cat;
 
 // Holds bytes in an anonymous file as the session's input for one test.
 struct Input {
@@ -42,12 +43,6 @@ Bytes header(const Fields& f) {
                f.sampling << 10 | f.padding << 9 | f.private_bit << 8 | f.mode << 6 | f.mode_ext << 4 |
                f.copyright << 3 | f.original << 2 | f.emphasis;
   return {uint8_t(w >> 24), uint8_t(w >> 16), uint8_t(w >> 8), uint8_t(w)};
-}
-
-Bytes cat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
 }
 
 struct CodeCase {
@@ -168,37 +163,7 @@ TEST(ReadFrame, CrcSideInformationAndReset) {
 
 struct Reservoir : ::testing::Test {
   void SetUp() override { session::reset_bit_reader(); }
-  static void guard_matches() {
-    EXPECT_EQ(0, std::memcmp(session::bits.reservoir + session::RESERVOIR_SIZE, session::bits.reservoir, 4))
-        << "the guard must repeat the ring's first four bytes";
-  }
 };
-
-Bytes counting(size_t n, uint8_t from) {
-  Bytes b(n);
-  for (size_t i = 0; i < n; ++i) b[i] = uint8_t(from + i);
-  return b;
-}
-
-TEST_F(Reservoir, GuardFollowsLoadsAfterShortWraps) {
-  // A wrap that runs 0 to 3 bytes over leaves part of the ring's first four bytes to the next load.
-  for (int32_t over = 0; over < 4; ++over) {
-    SCOPED_TRACE(over);
-    session::reset_bit_reader();
-    Input in(counting(64, 0x40));
-    session::bits.reservoir_write = 4090 - over;
-    session::load_reservoir(6 + 2 * over);
-    EXPECT_EQ(session::bits.reservoir_write, over);
-    guard_matches();
-    session::load_reservoir(8);
-    guard_matches();
-    // The bytes at 4094..4095 and then 0..1 read as one 32-bit run.
-    session::bits.reservoir_bits = 4094 * 8;
-    const uint8_t* r = session::bits.reservoir;
-    uint32_t expected = uint32_t(r[4094]) << 24 | uint32_t(r[4095]) << 16 | uint32_t(r[0]) << 8 | r[1];
-    EXPECT_EQ(session::peek_bits(25), expected >> 7);
-  }
-}
 
 TEST_F(Reservoir, BitReadsAndAShortLoad) {
   std::memset(session::bits.reservoir, 0xEE, 100);

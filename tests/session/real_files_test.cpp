@@ -18,15 +18,11 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
+using test::cat;
+using test::le32;
+using test::str;
 
-Bytes str(const std::string& s) { return Bytes(s.begin(), s.end()); }
-Bytes cat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
-Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
 std::vector<int16_t> pcm(const Bytes& b) {
   std::vector<int16_t> out(b.size() / 2);
   std::memcpy(out.data(), b.data(), out.size() * 2);

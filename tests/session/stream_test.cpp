@@ -17,15 +17,11 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
+using test::cat;
+using test::le32;
+using test::str;
 
-Bytes str(const std::string& s) { return Bytes(s.begin(), s.end()); }
-Bytes le32(size_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
-Bytes cat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 Bytes chunk(const std::string& id, const Bytes& body) { return cat({str(id), le32(body.size()), body}); }
 Bytes riff(const std::string& form, const Bytes& chunks) {
   return cat({str("RIFF"), le32(4 + chunks.size()), str(form), chunks});
@@ -501,8 +497,6 @@ TEST_F(StreamTest, CliInfoRefusesWhatIsNotMpegAudio) {
   };
   const Case cases[] = {
       {"garbage", write("garbage.bin", garbage), "no MPEG audio"},
-      {"empty", write("empty.mp3", {}), "no MPEG audio"},
-      {"truncated", write("cut.mp3", Bytes(base().begin(), base().begin() + 3)), "no MPEG audio"},
       {"folder", dir_.path, "no MPEG audio"},
       {"missing", dir_.file("missing.mp3"), "が開けない"},
       {"PCM WAVE", write("pcm.wav", riff("WAVE", cat({fmt_chunk(1, 16), chunk("data", Bytes(100, 0))}))),

@@ -14,14 +14,10 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
+using test::cat;
 
 Bytes text(const char* s, size_t n) { return Bytes(s, s + n); }
-Bytes cat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 Bytes slice(const Bytes& b, size_t from, size_t n) { return Bytes(b.begin() + long(from), b.begin() + long(from + n)); }
 
 // Runs the writers as a file job does: reserve, some blocks of a known pattern and a partial block

@@ -48,6 +48,14 @@ std::string run_output(const std::string& command, int* status) {
 
 bool have_tool(const std::string& name) { return run("command -v " + name + " >/dev/null 2>&1") == 0; }
 
+Bytes str(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
+Bytes cat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+
 std::vector<uint8_t> read_file(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), {});
@@ -79,6 +87,28 @@ std::string iso_dir() {
 }
 
 std::string cli_path() { return TOVRA_CLI; }
+
+Bytes silent_layer2(int frames, bool mono) {
+  Bytes bytes(size_t(frames) * 417, 0);
+  for (size_t at = 0; at < bytes.size(); at += 417) {
+    bytes[at] = 0xFF;
+    bytes[at + 1] = 0xFD;
+    bytes[at + 2] = 0x80;
+    bytes[at + 3] = mono ? 0xC0 : 0x00;
+  }
+  return bytes;
+}
+
+std::vector<int16_t> decode_ours(const std::string& in, const std::string& out, const std::string& flags) {
+  std::remove(out.c_str());
+  run("'" + cli_path() + "' decode '" + in + "' '" + out + "' --format raw " + flags + " >/dev/null 2>&1");
+  return read_pcm16(out);
+}
+
+std::vector<int16_t> decode_mpg123(const std::string& in, const std::string& out, const std::string& flags) {
+  run("mpg123 -q --no-gapless " + flags + " -s '" + in + "' > '" + out + "' 2>/dev/null");
+  return read_pcm16(out);
+}
 
 int32_t max_abs_diff(const std::vector<int16_t>& a, const std::vector<int16_t>& b, size_t* at) {
   int32_t worst = 0;

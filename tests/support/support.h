@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -25,6 +26,12 @@ std::string run_output(const std::string& command, int* status = nullptr);
 // True when the named program is on PATH.
 bool have_tool(const std::string& name);
 
+using Bytes = std::vector<uint8_t>;
+// Building byte fixtures: a text's bytes, a 32-bit little-endian word, parts joined.
+Bytes str(const std::string& s);
+Bytes le32(uint32_t v);
+Bytes cat(std::initializer_list<Bytes> parts);
+
 std::vector<uint8_t> read_file(const std::string& path);
 void write_file(const std::string& path, const std::vector<uint8_t>& bytes);
 std::vector<int16_t> read_pcm16(const std::string& path, size_t skip_bytes = 0);
@@ -35,6 +42,15 @@ std::string vectors_dir();
 std::string iso_dir();
 // Path of the tovra-cli binary under test.
 std::string cli_path();
+
+// MPEG-1 Layer II, 44.1 kHz, 128 kbit/s, no CRC: 417-byte frames with zero bodies, so every
+// subband has allocation 0 and each frame decodes to 1152 silent sample frames. Stereo unless mono.
+Bytes silent_layer2(int frames, bool mono = false);
+
+// Decodes in to raw 16-bit samples at out and returns them, empty when nothing was written: ours
+// with `tovra-cli decode` (flags added, such as --no-gapless), mpg123's without gapless trimming.
+std::vector<int16_t> decode_ours(const std::string& in, const std::string& out, const std::string& flags = "");
+std::vector<int16_t> decode_mpg123(const std::string& in, const std::string& out, const std::string& flags = "");
 
 // Largest absolute difference over the common length of two sample sequences.
 int32_t max_abs_diff(const std::vector<int16_t>& a, const std::vector<int16_t>& b, size_t* at = nullptr);
