@@ -119,6 +119,8 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
   };
   switch (command) {
     case CMD_JUMP:
+      // Layer I slots decoded before the jump and still waiting for a block belong to the old place.
+      decoder::reset_layer1_state();
       frame = seek_to_frame(header);
       output::wave.output_count.store(position(), relaxed);
       output::wave.wave_command.store(output::WAVE_JUMP, relaxed);
@@ -135,6 +137,7 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
       break;
     case CMD_BACK:
       if (frame >= SEEK_STEP_FRAMES) {
+        decoder::reset_layer1_state();
         int32_t n = skip_frames_back(header, SEEK_STEP_FRAMES);
         if (n != -1) {
           frame -= n;
