@@ -24,6 +24,7 @@
 #include "decoder/decoder.h"
 #include "decoder/synth.h"
 #include "decoder/tables.h"
+#include "format/header.h"
 #include "session/session.h"
 #include "session/stream.h"
 
@@ -234,7 +235,7 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   session::bits.reservoir_bits = 0;
   int32_t kbps = 0;
   if (header_ok) {
-    kbps = session::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
+    kbps = format::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
     session::load_reservoir(session::frame_length(h) - (h.protection_bit ? 4 : 6));
   }
 

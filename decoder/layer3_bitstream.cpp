@@ -11,6 +11,7 @@
 
 #include "decoder/layer3.h"
 #include "decoder/layer3_tables.h"
+#include "format/header.h"
 #include "session/session.h"
 
 namespace decoder {
@@ -160,7 +161,7 @@ void parse_side_info(const session::FrameHeader& h, SideInfo& si) {
 }
 
 void read_side_info(const session::FrameHeader& h, SideInfo& si) {
-  session::read_frame_head(session::header_and_side_info_bytes(h) - 4);
+  session::read_frame_head(format::header_and_side_info_bytes(h) - 4);
   parse_side_info(h, si);
 }
 

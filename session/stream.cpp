@@ -21,26 +21,7 @@
 
 namespace session {
 
-// id * 3 + sampling_index. Source: ISO 11172-3 and 13818-3, sampling_frequency; behind them the
-// rates of MPEG 2.5, half those of MPEG-2.
-constexpr int32_t sample_rate_table[9] = {22050, 24000, 16000, 44100, 48000, 32000, 11025, 12000, 8000};
-
 namespace {
-
-// Rows by (id * 3 - layer_code) + 3: MPEG-2 Layer I, II, III, then MPEG-1 Layer I, II, III.
-// Column 0 (free format) holds 1, not 0, so that a free-format Layer I stream never divides by
-// zero. Source: the bit-rate tables of ISO 11172-3 and 13818-3 (MPEG-2 Layers II and III share one).
-constexpr int32_t BITRATE_ROWS = 6;
-constexpr int32_t bitrate_rows[BITRATE_ROWS * 15] = {
-    1, 32, 48, 56, 64,  80,  96,  112, 128, 144, 160, 176, 192, 224, 256,  // MPEG-2 Layer I
-    1, 8,  16, 24, 32,  40,  48,  56,  64,  80,  96,  112, 128, 144, 160,  // MPEG-2 Layer II
-    1, 8,  16, 24, 32,  40,  48,  56,  64,  80,  96,  112, 128, 144, 160,  // MPEG-2 Layer III
-    1, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448,  // MPEG-1 Layer I
-    1, 32, 48, 56, 64,  80,  96,  112, 128, 160, 192, 224, 256, 320, 384,  // MPEG-1 Layer II
-    1, 32, 40, 48, 56,  64,  80,  96,  112, 128, 160, 192, 224, 256, 320,  // MPEG-1 Layer III
-};
-static_assert(sizeof bitrate_rows == BITRATE_ROWS * 15 * sizeof(int32_t));
-static_assert(bitrate_rows[4 * 15 + 14] == 384 && bitrate_rows[5 * 15 + 9] == 128 && bitrate_rows[1 * 15 + 8] == 64);
 
 constexpr int32_t TAG_BYTES = 128;
 // How much of a stream without a header frame open_stream walks for its length: the rest of a
@@ -268,8 +249,6 @@ const char* frame_failure_text(int32_t code) {
 }
 
 }  // namespace
-
-const int32_t* const bitrate_table = bitrate_rows + 3 * 15;
 
 int32_t stream_wrapper = 0;
 
