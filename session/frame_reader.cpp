@@ -165,14 +165,7 @@ int32_t read_frame_head(int32_t n) {
 }
 
 uint32_t head_bits(int32_t n) {
-  uint32_t v = 0;
-  for (int32_t i = 0; i < n; ++i) {
-    int32_t pos = reader.frame_head_bits + i;
-    uint32_t bit = pos < 48 * 8 ? (reader.frame_head[pos >> 3] >> (7 - (pos & 7))) & 1 : 0;
-    v = (v << 1) | bit;
-  }
-  reader.frame_head_bits += n;
-  return v;
+  return format::read_bits_bounded(reader.frame_head, int32_t(sizeof reader.frame_head), reader.frame_head_bits, n);
 }
 
 }  // namespace session

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "format/bit_reader.h"
 #include "format/header.h"
 
 namespace session {
@@ -83,11 +84,7 @@ void sync_reservoir_guard();
 int32_t read_frame_head(int32_t n);
 
 // Bit reads from the reservoir, n from 1 to 25.
-inline uint32_t peek_bits(int32_t n) {
-  const uint8_t* p = bits.reservoir + (bits.reservoir_bits >> 3);
-  uint32_t w = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-  return (w << (bits.reservoir_bits & 7)) >> (32 - n);
-}
+inline uint32_t peek_bits(int32_t n) { return format::peek_bits(bits.reservoir, bits.reservoir_bits, n); }
 inline uint32_t get_bits_nonzero(int32_t n) {
   uint32_t v = peek_bits(n);
   bits.reservoir_bits = (bits.reservoir_bits + uint32_t(n)) & RESERVOIR_BIT_MASK;
