@@ -19,6 +19,7 @@
 #include "decoder/decoder.h"
 #include "decoder/synth.h"
 #include "decoder/tables.h"
+#include "format/crc16.h"
 #include "session/session.h"
 #include "session/stream.h"
 
@@ -51,15 +52,6 @@ Requantiser make_requantiser() {
   return r;
 }
 const Requantiser requantiser = make_requantiser();
-
-// CRC-16 with generator 8005, most significant bit first.
-void crc_update(uint32_t& crc, uint32_t value, int32_t bits) {
-  for (int32_t i = bits - 1; i >= 0; --i) {
-    const uint32_t flip = ((value >> i) ^ (crc >> 15)) & 1;
-    crc = (crc << 1) & 0xFFFF;
-    if (flip) crc ^= 0x8005;
-  }
-}
 
 // The header's 16 protected bits, in stream order.
 uint32_t protected_header_bits(const session::FrameHeader& h) {
@@ -114,10 +106,10 @@ int32_t decode_layer1_frame(const session::FrameHeader& h) {
     }
   }
   if (!h.protection_bit) {
-    uint32_t crc = 0xFFFF;
-    crc_update(crc, protected_header_bits(h), 16);
+    uint32_t crc = format::CRC16_INIT;
+    format::crc16_update(crc, protected_header_bits(h), 16);
     for (int32_t sb = 0; sb < 32; ++sb)
-      for (int32_t ch = 0; ch < (sb < bound ? channels : 1); ++ch) crc_update(crc, allocation[ch][sb], 4);
+      for (int32_t ch = 0; ch < (sb < bound ? channels : 1); ++ch) format::crc16_update(crc, allocation[ch][sb], 4);
     const uint8_t* stored = session::reader.frame_head;
     if (crc != (uint32_t(stored[0]) << 8 | stored[1])) return LAYER1_CRC_MISMATCH;
   }

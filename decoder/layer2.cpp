@@ -18,12 +18,13 @@
 // - In joint stereo the bound may lie above sblimit (narrow tables). The allocation loop then runs
 //   to the bound, and the fields beyond the table's rows have width 0: they read as code 0 without
 //   consuming bits, and no row outside the table is touched.
-#include <bit>
 #include <cstring>
 
 #include "decoder/decoder.h"
 #include "decoder/synth.h"
 #include "decoder/tables.h"
+#include "format/bit_reader.h"
+#include "format/header.h"
 #include "session/session.h"
 #include "session/stream.h"
 
@@ -39,14 +40,8 @@ using session::get_bits;
 struct BitCursor {
   const uint8_t* ring = session::bits.reservoir;
   uint32_t pos = session::bits.reservoir_bits;
-  // The 32 bits from the byte that holds the position, shifted so that the position is bit 31:
-  // one unaligned load of the big-endian word (the ring's guard bytes make it safe at the end).
-  [[gnu::always_inline]] uint32_t window() const {
-    uint32_t w;
-    std::memcpy(&w, ring + (pos >> 3), sizeof w);
-    if constexpr (std::endian::native == std::endian::little) w = __builtin_bswap32(w);
-    return w << (pos & 7);
-  }
+  // The ring's guard bytes make the four-byte window safe at the end.
+  [[gnu::always_inline]] uint32_t window() const { return format::bits_window(ring, pos); }
   [[gnu::always_inline]] uint32_t get(int32_t n) {
     if (n == 0) return 0;
     uint32_t v = window() >> (32 - n);
@@ -234,7 +229,7 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   session::bits.reservoir_bits = 0;
   int32_t kbps = 0;
   if (header_ok) {
-    kbps = session::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
+    kbps = format::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
     session::load_reservoir(session::frame_length(h) - (h.protection_bit ? 4 : 6));
   }
 

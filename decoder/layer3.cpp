@@ -7,6 +7,7 @@
 #include "decoder/decoder.h"
 #include "decoder/layer3_tables.h"
 #include "decoder/synth.h"
+#include "format/header.h"
 #include "session/session.h"
 #include "session/stream.h"
 
@@ -37,7 +38,7 @@ int32_t decode_layer3_frame(const session::FrameHeader& h) {
       uint32_t((session::bits.reservoir_write - l3.side.main_data_begin) & (session::RESERVOIR_SIZE - 1)) * 8;
   const int32_t row = sfb_row(h.id & 1, h.sampling_index);
   // The frame's size with padding, less the header, CRC and side information already read.
-  session::load_reservoir(session::frame_length(h) - session::head_and_side_bytes(h));
+  session::load_reservoir(session::frame_length(h) - format::head_and_side_bytes(h));
 
   l3.table_row = row;
   l3.sfb_long = sfb_long[row];

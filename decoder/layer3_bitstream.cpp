@@ -11,6 +11,8 @@
 
 #include "decoder/layer3.h"
 #include "decoder/layer3_tables.h"
+#include "format/bit_reader.h"
+#include "format/header.h"
 #include "session/session.h"
 
 namespace decoder {
@@ -24,11 +26,7 @@ namespace {
 struct Cursor {
   uint32_t pos;
 
-  uint32_t word() const {
-    const uint8_t* p = bits.reservoir + (pos >> 3);
-    uint32_t w = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-    return w << (pos & 7);
-  }
+  uint32_t word() const { return format::bits_window(bits.reservoir, pos); }
   uint32_t peek(int32_t n) const { return word() >> (32 - n); }
   void skip(int32_t n) { pos = (pos + uint32_t(n)) & session::RESERVOIR_BIT_MASK; }
   uint32_t get(int32_t n) {
@@ -51,9 +49,7 @@ struct BitCache {
   // Leaves at least 41 valid bits.
   void refill() {
     while (avail <= 40) {
-      const uint8_t* p = bits.reservoir + (fetch >> 3);
-      uint32_t w = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-      w <<= fetch & 7;  // at least 25 valid bits; take 24
+      const uint32_t w = format::bits_window(bits.reservoir, fetch);  // at least 25 valid bits; take 24
       cache |= uint64_t(w >> 8) << (40 - avail);
       avail += 24;
       fetch = (fetch + 24) & session::RESERVOIR_BIT_MASK;
@@ -160,7 +156,7 @@ void parse_side_info(const session::FrameHeader& h, SideInfo& si) {
 }
 
 void read_side_info(const session::FrameHeader& h, SideInfo& si) {
-  session::read_frame_head(session::header_and_side_info_bytes(h) - 4);
+  session::read_frame_head(format::header_and_side_info_bytes(h) - 4);
   parse_side_info(h, si);
 }
 

@@ -40,14 +40,6 @@ for i in range(0, 63, 4):
     w('  ' + ' '.join(v + ',' for v in sf[i:i + 4]))
 w('  1e-20};')
 
-# Bit rates by [mpeg1][layer - 1][index], kbit/s.
-br = {(int(r[1]), int(r[2])): r[3:] for r in rows('misc.txt', 'BR')}
-w('inline constexpr int32_t BITRATE_KBPS[2][3][15] = {')
-for mpeg1 in (0, 1):
-    ver = 1 if mpeg1 else 2
-    w('  {' + ', '.join('{' + ', '.join(br[(ver, l)]) + '}' for l in (1, 2, 3)) + '},')
-w('};')
-
 # Layer II quantisation classes: steps, grouped, bits per code word, A, B.
 cls = list(rows('layer2_quant_classes.txt'))
 assert len(cls) == 17

@@ -53,7 +53,6 @@ static_assert(QUANT_CLASSES[0].steps == 3 && QUANT_CLASSES[16].steps == 65535);
 // Rows (with the zero row) by layer and rate: 44.1 kHz Layer I 107, Layer II 131; 16 kHz Layer II 133.
 static_assert(MODEL1_TABLES[0][0].rows == 107 && MODEL1_TABLES[1][0].rows == 131 && MODEL1_TABLES[1][5].rows == 133);
 static_assert(MODEL1_TABLES[0][0].bands == 25 && MODEL1_TABLES[1][1].bands == 27);
-static_assert(BITRATE_KBPS[1][1][14] == 384 && BITRATE_KBPS[0][0][14] == 256);
 
 using Samples = float[2][3][12][32];
 using ScaleIndex = int32_t[2][3][32];

@@ -7,6 +7,7 @@
 #include "encoder/l12.h"
 #include "format/bit_writer.h"
 #include "format/crc16.h"
+#include "format/header.h"
 
 namespace encoder {
 
@@ -353,7 +354,7 @@ void select_transmission(const int32_t (*scale)[32], int32_t sblimit, int32_t* s
 
 int32_t bitrate_kbps(int32_t mpeg1, int32_t layer, int32_t index) {
   if (layer < 1 || layer > 3 || index < 1 || index > 14) return 0;
-  return BITRATE_KBPS[mpeg1 ? 1 : 0][layer - 1][index];
+  return format::bitrate_table[((mpeg1 ? 1 : 0) * 3 - (4 - layer)) * 15 + index];
 }
 
 int32_t bitrate_index(int32_t mpeg1, int32_t layer, int32_t kbps) {
@@ -363,9 +364,9 @@ int32_t bitrate_index(int32_t mpeg1, int32_t layer, int32_t kbps) {
 }
 
 bool set_sample_rate(EncoderParams& p, int32_t rate_hz) {
-  static constexpr int32_t RATES[6] = {44100, 48000, 32000, 22050, 24000, 16000};
+  // MPEG-1 first, then MPEG-2: the encoder writes no MPEG 2.5.
   for (int32_t i = 0; i < 6; ++i)
-    if (RATES[i] == rate_hz) {
+    if (format::sample_rate_table[(i + 3) % 6] == rate_hz) {
       p.mpeg1 = i < 3;
       p.sample_rate_index = i % 3;
       return true;
@@ -374,8 +375,7 @@ bool set_sample_rate(EncoderParams& p, int32_t rate_hz) {
 }
 
 int32_t sample_rate_hz(const EncoderParams& p) {
-  static constexpr int32_t RATES[2][3] = {{22050, 24000, 16000}, {44100, 48000, 32000}};
-  return RATES[p.mpeg1 ? 1 : 0][p.sample_rate_index];
+  return format::sample_rate_table[(p.mpeg1 ? 3 : 0) + p.sample_rate_index];
 }
 
 int32_t encoder_init(EncoderState& s, const EncoderParams& p) {

@@ -39,11 +39,11 @@ int32_t cpu_family_from_environment() {
 WaveState& wave = *new WaveState;
 WaveHooks wave_hooks;
 
+void sleep_ms(int32_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
 namespace {
 
 constexpr auto relaxed = std::memory_order_relaxed;
-
-void sleep_ms(int32_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 // The pool: block headers and their data, one allocation per track, owned by the wave thread.
 struct WavePool {

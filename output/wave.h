@@ -26,6 +26,9 @@
 
 namespace output {
 
+// Sleeps the calling thread; the polling waits of the wave and session threads use it.
+void sleep_ms(int32_t ms);
+
 enum WaveCommand : int32_t {
   WAVE_RUN = 0,
   WAVE_DRAIN = 1,

@@ -13,40 +13,7 @@ BitReader bits;
 
 namespace {
 
-// Splits the 20 bits behind the sync into the header fields.
-void split_header(uint32_t w, FrameHeader& h) {
-  h.id = int32_t((w >> 19) & 1);
-  h.layer_code = int32_t((w >> 17) & 3);
-  h.protection_bit = int32_t((w >> 16) & 1);
-  h.bitrate_index = int32_t((w >> 12) & 15);
-  h.sampling_index = int32_t((w >> 10) & 3);
-  h.padding_bit = int32_t((w >> 9) & 1);
-  h.private_bit = int32_t((w >> 8) & 1);
-  h.mode = int32_t((w >> 6) & 3);
-  h.mode_ext = h.mode == 0 ? 0 : int32_t((w >> 4) & 3);
-  h.copyright = int32_t((w >> 3) & 1);
-  h.original = int32_t((w >> 2) & 1);
-  h.emphasis = int32_t(w & 3);
-}
-
-bool acceptable(const FrameHeader& h) { return h.layer_code != 0 && h.bitrate_index != 15 && h.sampling_index != 3; }
-
-// An MPEG 2.5 header: FFE sync, id 0, Layer III; its rate index becomes 3-5.
-bool mpeg25(uint32_t sync, const FrameHeader& h) {
-  return sync == 0xFFE && h.id == 0 && h.layer_code == 1 && acceptable(h);
-}
-
 uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
-
-// The header at p if it is one that read_frame would take, with MPEG 2.5 rates moved to 3-5.
-bool header_at(const uint8_t* p, FrameHeader& h) {
-  const uint32_t word = be32(p);
-  split_header(word & 0xFFFFF, h);
-  if (word >> 20 == 0xFFF) return acceptable(h);
-  if (!mpeg25(word >> 20, h)) return false;
-  h.sampling_index += 3;
-  return true;
-}
 
 int32_t free_key(const FrameHeader& h) { return (h.id * 4 + h.layer_code) * 8 + h.sampling_index; }
 int32_t padding_bytes(const FrameHeader& h) { return h.padding_bit * (h.layer_code == 3 ? 4 : 1); }
@@ -67,7 +34,7 @@ bool kept_measure_fits(const FrameHeader& h, long at) {
   const size_t got = std::fread(head, 1, 4, reader.file);
   std::fseek(reader.file, at + 4, SEEK_SET);
   FrameHeader n;
-  return got < 4 || (header_at(head, n) && free_key(n) == free_key(h));
+  return got < 4 || (format::parse_header(head, n) && free_key(n) == free_key(h));
 }
 
 // A free-format header h starts at file offset at, and the file stands behind its 4 bytes. Measures
@@ -86,11 +53,12 @@ bool measure_free_format(const FrameHeader& h, long at) {
   // ahead[d - 4] is the byte at distance d from the header.
   for (int32_t d = MIN_FREE_BYTES; d + 4 <= avail && d <= MAX_FREE_BYTES; ++d) {
     FrameHeader c;
-    if (!header_at(ahead + d - 4, c) || free_key(c) != free_key(h)) continue;
+    if (!format::parse_header(ahead + d - 4, c) || free_key(c) != free_key(h)) continue;
     const int32_t bytes = d - padding_bytes(h);
     const int32_t next = d + candidate_length(c, bytes);
     FrameHeader n;
-    if (next + 4 <= avail ? !(header_at(ahead + next - 4, n) && free_key(n) == free_key(h)) : !whole) continue;
+    if (next + 4 <= avail ? !(format::parse_header(ahead + next - 4, n) && free_key(n) == free_key(h)) : !whole)
+      continue;
     reader.free_key = free_key(h);
     reader.free_bytes = bytes;
     return true;
@@ -124,17 +92,9 @@ int32_t read_frame(FrameHeader& header) {
   if (std::fread(reader.frame_head, 1, 4, reader.file) != 4) return FRAME_SHORT;
   for (;; ++at) {
     if (at >= reader.end_limit) return FRAME_EOF;
-    const uint32_t word = be32(reader.frame_head);
-    const uint32_t sync = word >> 20;
+    const uint32_t sync = be32(reader.frame_head) >> 20;
     FrameHeader h;
-    split_header(word & 0xFFFFF, h);
-    bool taken = false;
-    if (sync == 0xFFF && acceptable(h)) {
-      taken = true;
-    } else if (mpeg25(sync, h)) {
-      h.sampling_index += 3;
-      taken = true;
-    }
+    bool taken = format::parse_header(reader.frame_head, h);
     // A free-format frame needs its length measured; Layer I passes without one (its own reader
     // finds its frames by sync search).
     if (taken && h.bitrate_index == 0 && !measure_free_format(h, at) && h.layer_code != 3) taken = false;
@@ -205,14 +165,7 @@ int32_t read_frame_head(int32_t n) {
 }
 
 uint32_t head_bits(int32_t n) {
-  uint32_t v = 0;
-  for (int32_t i = 0; i < n; ++i) {
-    int32_t pos = reader.frame_head_bits + i;
-    uint32_t bit = pos < 48 * 8 ? (reader.frame_head[pos >> 3] >> (7 - (pos & 7))) & 1 : 0;
-    v = (v << 1) | bit;
-  }
-  reader.frame_head_bits += n;
-  return v;
+  return format::read_bits_bounded(reader.frame_head, int32_t(sizeof reader.frame_head), reader.frame_head_bits, n);
 }
 
 }  // namespace session

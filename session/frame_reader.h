@@ -4,40 +4,22 @@
 // Only the session's thread reads frames. open_stream and the start operations use the same state
 // on the main thread, before the session's thread exists. Nothing here is shared with the wave thread.
 //
-// Header layout (32 bits, most significant first):
-//
-//   AAAAAAAA AAAABCCD EEEEFFGH IIJJKLMM
-//   A sync (FFF; FFE is MPEG 2.5)   B id        C layer_code   D protection_bit
-//
-// An MPEG 2.5 frame (sync FFE, id 0; Layer III only) is handed on as an MPEG-2 header whose
-// sampling_index is the field + 3: 3, 4, 5 for 11025, 12000, 8000 Hz. A free-format frame (bit-rate
-// index 0) is handed on too: its length is the distance to the next header, measured once a stream
-// and kept in the reader (see frame_length).
-//   E bitrate_index  F sampling_index  G padding_bit  H private_bit
-//   I mode           J mode_ext        K copyright    L original     M emphasis
+// The header fields and their meaning are in format/header.h. A free-format frame (bit-rate index 0)
+// is handed on too: its length is the distance to the next header, measured once a stream and kept
+// in the reader (see frame_length).
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 
+#include "format/bit_reader.h"
+#include "format/header.h"
+
 namespace session {
 
-// Twelve signed words in header order; callers copy it field by field.
-struct FrameHeader {
-  int32_t id;              // 1 MPEG-1, 0 MPEG-2
-  int32_t layer_code;      // 3 Layer I, 2 Layer II, 1 Layer III
-  int32_t protection_bit;  // 0 means a CRC follows
-  int32_t bitrate_index;   // 1-14 valid
-  int32_t sampling_index;  // 0-2; 3-5 for MPEG 2.5 (11025, 12000, 8000 Hz)
-  int32_t padding_bit;
-  int32_t private_bit;
-  int32_t mode;      // 0 stereo, 1 joint, 2 dual, 3 single channel
-  int32_t mode_ext;  // zeroed when mode is 0
-  int32_t copyright;
-  int32_t original;
-  int32_t emphasis;
-};
-static_assert(sizeof(FrameHeader) == 12 * 4);
+using format::FrameHeader;
+using format::head_and_side_bytes;
+using format::header_and_side_info_bytes;
 
 // read_frame codes. 260 and 261 are only used as message selectors by open_stream.
 enum ReadCode : int32_t {
@@ -101,23 +83,8 @@ void sync_reservoir_guard();
 // leave zeros. Returns the bytes read.
 int32_t read_frame_head(int32_t n);
 
-// Bytes of the header and the side information of a frame, without the CRC: the side information
-// of Layer III ends there. The frame walks of the transport use the same numbers for every layer.
-inline int32_t header_and_side_info_bytes(const FrameHeader& h) {
-  if (h.id) return h.mode == 3 ? 21 : 36;
-  return h.mode == 3 ? 13 : 21;
-}
-// The same with the CRC when protection_bit is 0: where a frame's main data begins.
-inline int32_t head_and_side_bytes(const FrameHeader& h) {
-  return header_and_side_info_bytes(h) + (h.protection_bit ? 0 : 2);
-}
-
 // Bit reads from the reservoir, n from 1 to 25.
-inline uint32_t peek_bits(int32_t n) {
-  const uint8_t* p = bits.reservoir + (bits.reservoir_bits >> 3);
-  uint32_t w = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-  return (w << (bits.reservoir_bits & 7)) >> (32 - n);
-}
+inline uint32_t peek_bits(int32_t n) { return format::peek_bits(bits.reservoir, bits.reservoir_bits, n); }
 inline uint32_t get_bits_nonzero(int32_t n) {
   uint32_t v = peek_bits(n);
   bits.reservoir_bits = (bits.reservoir_bits + uint32_t(n)) & RESERVOIR_BIT_MASK;

@@ -10,7 +10,6 @@
 #include <strings.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -42,7 +41,7 @@ constexpr int32_t WAVE_POLL_MS = 20;
 
 std::thread play_thread_object;
 
-void sleep_ms(int32_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+using output::sleep_ms;
 
 const char* entry_path(int32_t index) { return library::slot_used(index) ? library::playlist.entries[index].path : ""; }
 

@@ -6,13 +6,13 @@
 // through the job's Cancel word, which the job reads once a frame.
 #include "session/session.h"
 
-#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <thread>
 
 #include "decoder/decoder.h"
 #include "decoder/synth.h"
+#include "output/wave.h"
 #include "session/messages.h"
 #include "session/platform.h"
 #include "session/stream.h"
@@ -37,7 +37,7 @@ constexpr auto relaxed = std::memory_order_relaxed;
 
 enum Outcome { OUTCOME_DONE, OUTCOME_CANCELLED, OUTCOME_FATAL };
 
-void sleep_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+using output::sleep_ms;
 
 void close_files() {
   // Buffered bytes go out at the close: a disk that fills there fails the job like a write.

@@ -21,26 +21,7 @@
 
 namespace session {
 
-// id * 3 + sampling_index. Source: ISO 11172-3 and 13818-3, sampling_frequency; behind them the
-// rates of MPEG 2.5, half those of MPEG-2.
-constexpr int32_t sample_rate_table[9] = {22050, 24000, 16000, 44100, 48000, 32000, 11025, 12000, 8000};
-
 namespace {
-
-// Rows by (id * 3 - layer_code) + 3: MPEG-2 Layer I, II, III, then MPEG-1 Layer I, II, III.
-// Column 0 (free format) holds 1, not 0, so that a free-format Layer I stream never divides by
-// zero. Source: the bit-rate tables of ISO 11172-3 and 13818-3 (MPEG-2 Layers II and III share one).
-constexpr int32_t BITRATE_ROWS = 6;
-constexpr int32_t bitrate_rows[BITRATE_ROWS * 15] = {
-    1, 32, 48, 56, 64,  80,  96,  112, 128, 144, 160, 176, 192, 224, 256,  // MPEG-2 Layer I
-    1, 8,  16, 24, 32,  40,  48,  56,  64,  80,  96,  112, 128, 144, 160,  // MPEG-2 Layer II
-    1, 8,  16, 24, 32,  40,  48,  56,  64,  80,  96,  112, 128, 144, 160,  // MPEG-2 Layer III
-    1, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448,  // MPEG-1 Layer I
-    1, 32, 48, 56, 64,  80,  96,  112, 128, 160, 192, 224, 256, 320, 384,  // MPEG-1 Layer II
-    1, 32, 40, 48, 56,  64,  80,  96,  112, 128, 160, 192, 224, 256, 320,  // MPEG-1 Layer III
-};
-static_assert(sizeof bitrate_rows == BITRATE_ROWS * 15 * sizeof(int32_t));
-static_assert(bitrate_rows[4 * 15 + 14] == 384 && bitrate_rows[5 * 15 + 9] == 128 && bitrate_rows[1 * 15 + 8] == 64);
 
 constexpr int32_t TAG_BYTES = 128;
 // How much of a stream without a header frame open_stream walks for its length: the rest of a
@@ -269,8 +250,6 @@ const char* frame_failure_text(int32_t code) {
 
 }  // namespace
 
-const int32_t* const bitrate_table = bitrate_rows + 3 * 15;
-
 int32_t stream_wrapper = 0;
 
 void walk_frames(int32_t start, int32_t end, int64_t max_bytes, FrameWalk& walk, std::vector<int32_t>* offsets) {
@@ -485,42 +464,31 @@ int32_t probe(std::FILE* f, ProbeInfo& info, bool& closed) {
   closed = true;
   const uint32_t w = be32(head);
   if (got != 4 || (w >> 20) != 0xFFF) return -1;
-  const int32_t bitrate_index = int32_t((w >> 12) & 15);
-  if (bitrate_index == 15) return -1;
-
-  const int32_t id = int32_t((w >> 19) & 1);
-  const int32_t layer_code = int32_t((w >> 17) & 3);
+  FrameHeader h;
+  format::split_header(w & 0xFFFFF, h);
+  if (h.bitrate_index == 15) return -1;
   // The sampling index is masked with 2, not 3: 48 kHz reads as index 0 and is shown as 44100 (or
   // 22050) Hz, as the information displays have always shown it.
-  const int32_t sampling_index = int32_t((w >> 10) & 2);
-  const int32_t padding = int32_t((w >> 9) & 1);
-  const int32_t mode = int32_t((w >> 6) & 3);
+  h.sampling_index &= 2;
   // The reserved layer is not refused, but it has no bit-rate row: it reports 0 kbit/s.
-  const int32_t kbps = layer_code == 0 ? 0 : bitrate_table[(id * 3 - layer_code) * 15 + bitrate_index];
-  const int32_t hz = sample_rate_table[id * 3 + sampling_index];
+  const int32_t kbps = h.layer_code == 0 ? 0 : bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
   // The probe measures the file by its first frame; a free-format or reserved-layer frame has no
   // length it could know without reading on.
-  FrameHeader first{};
-  first.id = id;
-  first.layer_code = layer_code;
-  first.bitrate_index = bitrate_index;
-  first.sampling_index = sampling_index;
-  first.padding_bit = padding;
-  const int32_t frame_bytes = layer_code == 0 || bitrate_index == 0 ? 0 : frame_length(first);
+  const int32_t frame_bytes = h.layer_code == 0 || h.bitrate_index == 0 ? 0 : format::frame_length(h, -1);
   const int32_t data_size = int32_t(uint32_t(at.data_end) - uint32_t(at.data_start));
 
-  info.id = id;
-  info.layer = 4 - layer_code;
-  info.protection = int32_t((w >> 16) & 1);
+  info.id = h.id;
+  info.layer = 4 - h.layer_code;
+  info.protection = h.protection_bit;
   info.kbps = kbps;
-  info.hz = hz;
-  info.padding = padding;
-  info.private_bit = int32_t((w >> 8) & 1);
-  info.mode = mode;
-  info.mode_ext = mode == 0 ? 0 : int32_t((w >> 4) & 3);
-  info.copyright = int32_t((w >> 3) & 1);
-  info.original = int32_t((w >> 2) & 1);
-  info.emphasis = int32_t(w & 3);
+  info.hz = sample_rate_table[h.id * 3 + h.sampling_index];
+  info.padding = h.padding_bit;
+  info.private_bit = h.private_bit;
+  info.mode = h.mode;
+  info.mode_ext = h.mode_ext;
+  info.copyright = h.copyright;
+  info.original = h.original;
+  info.emphasis = h.emphasis;
   info.data_start = at.data_start;
   info.data_end = at.data_end;
   info.file_size = at.file_size;

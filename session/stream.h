@@ -16,14 +16,8 @@ namespace session {
 constexpr int32_t STREAM_OK = 85;
 constexpr int32_t STREAM_NO_DATA = 32768;  // RIFF file without a "data" chunk
 
-// Fixed tables shared by the decoders, the encoder and the information displays.
-// sample_rate_table[id * 3 + sampling_index], then MPEG 2.5's 11025, 12000, 8000 Hz at 6-8 (index
-// sampling_index + 3 for its headers: header_hz does the choice).
-extern const int32_t sample_rate_table[9];
-// bitrate_table[(id * 3 - layer_code) * 15 + bitrate_index], kbit/s; column 0 (free format) holds 1.
-// The row index runs from -3 (MPEG-2 Layer I) to 2 (MPEG-1 Layer III), so the name points at the
-// fourth row of the storage: rows MPEG-2 Layer I, II, III, then MPEG-1 Layer I, II, III.
-extern const int32_t* const bitrate_table;
+using format::bitrate_table;
+using format::sample_rate_table;
 
 // Works on reader.file. Returns STREAM_OK, -1 (first read_frame failed), a RIFF WAVE format tag
 // outside 80-85, or STREAM_NO_DATA.
@@ -60,17 +54,12 @@ int32_t probe_file(const char* path, ProbeInfo& info);
 
 namespace session {
 
-// The real length in bytes of the frame that header heads, padding included, for every layer and
-// version: 384 samples for Layer I (in four-byte slots), 1152 for Layer II and MPEG-1 Layer III, 576
-// for MPEG-2 and 2.5 Layer III. A free-format frame has the length the frame reader measured (4 when
-// none was).
+// format::frame_length and format::header_kbps with the free-format length the frame reader
+// measured for this stream (4 bytes when none was).
 int32_t frame_length(const FrameHeader& header);
-// Samples a channel of that frame holds: 384, 1152 or 576.
-int32_t frame_samples(const FrameHeader& header);
-// The frame's sampling rate in Hz, MPEG 2.5 included.
-int32_t header_hz(const FrameHeader& header);
-// The frame's bit rate in kbit/s; for free format the rate its measured length gives.
 int32_t header_kbps(const FrameHeader& header);
+using format::frame_samples;
+using format::header_hz;
 
 }  // namespace session
 

@@ -6,7 +6,6 @@
 // that misses the bound is abandoned (see play.h), as the old system killed its thread.
 #include "session/transport.h"
 
-#include <chrono>
 #include <cstdio>
 #include <thread>
 
@@ -22,7 +21,7 @@ namespace {
 
 constexpr auto relaxed = std::memory_order_relaxed;
 
-void sleep_ms(int32_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+using output::sleep_ms;
 
 void leave_pause() {
   if (state.paused.load(relaxed)) output::toggle_pause();
