@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace shell {
 
@@ -29,5 +30,8 @@ std::string to_utf8(const char* bytes);
 int32_t show_box(const char* caption, const char* text, int32_t kind);
 bool is_list_file(const char* path);
 void load_list(const char* path);
+// Dropped or chosen paths to the end of the playlist until it is full: a folder is scanned (with
+// the progress dialog when with_dialog), a list file read, anything else appended.
+void append_paths(const std::vector<std::string>& paths, bool with_dialog);
 
 }  // namespace shell

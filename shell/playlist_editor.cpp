@@ -284,15 +284,7 @@ void play_row(GtkTreeView*, GtkTreePath* path, GtkTreeViewColumn*, gpointer) {
 
 // Files to the end of the list: a folder is scanned, a list file read from its own folder.
 void add_paths(const std::vector<std::string>& paths) {
-  for (const std::string& p : paths) {
-    if (library::playlist_length() >= library::PLAYLIST_SLOTS) break;
-    if (g_file_test(p.c_str(), G_FILE_TEST_IS_DIR))
-      library::scan_folder_dialog(p.c_str());
-    else if (is_list_file(p.c_str()))
-      load_list(p.c_str());
-    else
-      library::append_entry(p.c_str());
-  }
+  append_paths(paths, true);
   refresh();
   window_redraw(2);
 }

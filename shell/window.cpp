@@ -185,7 +185,8 @@ std::string entry_title() {
   int32_t index = library::playlist.current_entry.load(relaxed);
   if (!library::slot_used(index)) return {};
   return to_utf8(
-      title_text(index, library::playlist.entries[index].path, session::published_stream().tag_buffer, cfg().tag_title).c_str());
+      title_text(index, library::playlist.entries[index].path, session::published_stream().tag_buffer, cfg().tag_title)
+          .c_str());
 }
 
 Face face() {
@@ -651,6 +652,20 @@ void load_list(const char* path) {
   library::read_playlist(path, 1);
 }
 
+void append_paths(const std::vector<std::string>& paths, bool with_dialog) {
+  for (const std::string& p : paths) {
+    if (library::playlist_length() >= library::PLAYLIST_SLOTS) break;
+    if (g_file_test(p.c_str(), G_FILE_TEST_IS_DIR) && with_dialog)
+      library::scan_folder_dialog(p.c_str());
+    else if (g_file_test(p.c_str(), G_FILE_TEST_IS_DIR))
+      library::scan_folder(p.c_str());
+    else if (is_list_file(p.c_str()))
+      load_list(p.c_str());
+    else
+      library::append_entry(p.c_str());
+  }
+}
+
 namespace {
 
 void load_files_command() {
@@ -881,9 +896,7 @@ void start_window_drag(int32_t real_x, int32_t real_y) {
   app.grab_y = real_y;
 }
 
-bool rmp_stream() {
-  return session::published_stream().list_info[0][0] != 0;
-}
+bool rmp_stream() { return session::published_stream().list_info[0][0] != 0; }
 
 void left_down(int32_t rx, int32_t ry) {
   int32_t x = rx >> (scale() - 1), y = ry >> (scale() - 1);
@@ -1287,15 +1300,7 @@ void on_drop(GtkWidget*, GdkDragContext* context, gint, gint, GtkSelectionData* 
   bool append = mods & GDK_CONTROL_MASK;
   if (append && library::playlist_length() >= library::PLAYLIST_SLOTS) return;
   if (!append) library::clear_playlist();
-  for (const std::string& p : paths) {
-    if (library::playlist_length() >= library::PLAYLIST_SLOTS) break;
-    if (g_file_test(p.c_str(), G_FILE_TEST_IS_DIR))
-      library::scan_folder(p.c_str());
-    else if (is_list_file(p.c_str()))
-      load_list(p.c_str());
-    else
-      library::append_entry(p.c_str());
-  }
+  append_paths(paths, false);
   if (append) {
     session::post_message(session::WINDOW_PLAYLIST, library::MSG_PLAYLIST_REFRESH, 0);
     return;
