@@ -19,14 +19,7 @@
 
 namespace {
 
-bool wait_until(const std::function<bool()>& done) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (std::chrono::steady_clock::now() < end) {
-    if (done()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return done();
-}
+using test::wait_until;
 
 std::string line_of(const std::string& command) {
   std::string s = test::run_output(command + " 2>/dev/null");

@@ -16,19 +16,8 @@
 
 namespace {
 
-bool wait_until(const std::function<bool()>& done) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (std::chrono::steady_clock::now() < end) {
-    if (done()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  return done();
-}
-
-std::string trim(std::string s) {
-  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
-  return s;
-}
+using test::trim;
+using test::wait_until;
 
 // A bus of the test's own, so that nothing on the machine's session bus answers or listens.
 struct PrivateBus {

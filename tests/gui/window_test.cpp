@@ -21,20 +21,8 @@
 
 namespace {
 
-// Polls a condition for up to 20 s of wall time (the machine may be busy; nothing here is timed).
-bool wait_until(const std::function<bool()>& done, int timeout_s = 20) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
-  while (std::chrono::steady_clock::now() < end) {
-    if (done()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return done();
-}
-
-std::string trim(std::string s) {
-  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
-  return s;
-}
+using test::trim;
+using test::wait_until;
 
 // A 40-second MP3 made with the machine's tools.
 std::string make_track(const test::TempDir& dir, const std::string& name) {

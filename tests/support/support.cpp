@@ -5,12 +5,14 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 namespace test {
 
@@ -143,5 +145,19 @@ std::ostream& operator<<(std::ostream& out, const PcmComparison& c) {
 }
 
 bool decodes_alike(const PcmComparison& c) { return c.max_raw <= 2 && c.max_scaled <= 1.6 && c.within_one >= 0.95; }
+
+bool wait_until(const std::function<bool()>& done, int timeout_s) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
+  while (std::chrono::steady_clock::now() < end) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return done();
+}
+
+std::string trim(std::string s) {
+  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
+  return s;
+}
 
 }  // namespace test

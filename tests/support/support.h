@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <ostream>
 #include <string>
@@ -42,6 +43,12 @@ std::string vectors_dir();
 std::string iso_dir();
 // Path of the tovra-cli binary under test.
 std::string cli_path();
+
+// Polls done every 50 ms for up to timeout_s seconds of wall time (the machine may be busy; nothing
+// that uses it is timed). Returns the last answer.
+bool wait_until(const std::function<bool()>& done, int timeout_s = 20);
+// s without its trailing newlines and blanks: a command's one-line answer.
+std::string trim(std::string s);
 
 // MPEG-1 Layer II, 44.1 kHz, 128 kbit/s, no CRC: 417-byte frames with zero bodies, so every
 // subband has allocation 0 and each frame decodes to 1152 silent sample frames. Stereo unless mono.
