@@ -215,6 +215,12 @@ bool close_at_once(Track& t, int32_t i) {
   return true;
 }
 
+// A seek's output_count, once the blocks queued before it have been handed back and counted.
+void take_seek_count() {
+  const int32_t count = wave.seek_count.exchange(-1, relaxed);
+  if (count >= 0) wave.output_count.store(count, relaxed);
+}
+
 void refresh_title() {
   if (wave_hooks.refresh_title) wave_hooks.refresh_title(0);
 }
@@ -290,12 +296,14 @@ void wave_thread(Track t) {
     const int32_t c = t.command();
     if (c < WAVE_JUMP || c >= WAVE_ABORT) break;
     if (c == WAVE_REPRIME) {
+      take_seek_count();
       ring.ring_read.store(0, relaxed);
       wave.wave_command.store(WAVE_RUN, relaxed);
     } else {
       sleep_ms(20);
       t.ops->pause(t.handle);
       t.ops->reset(t.handle);
+      take_seek_count();
       ring.ring_read.store(0, relaxed);
       wave.wave_command.store(WAVE_RUN, relaxed);
       t.ops->restart(t.handle);
@@ -391,6 +399,7 @@ int32_t wave_open(int32_t rate, bool two_channels) {
     ops->prepare(handle, &pool->blocks[b]);
   }
   wave.blocks.store(pool->blocks, relaxed);
+  wave.seek_count.store(-1, relaxed);
   wave.output_count.store(0, relaxed);
   ring.ring_write.store(0, relaxed);
   ring.ring_read.store(0, relaxed);
@@ -488,6 +497,7 @@ void wave_reset_state() {
   wave.wave_command.store(WAVE_RUN, relaxed);
   wave.wave_running.store(0, relaxed);
   wave.wave_wait_ms.store(1000, relaxed);
+  wave.seek_count.store(-1, relaxed);
   wave.output_count.store(0, relaxed);
   wave.display_seconds.store(0, relaxed);
   wave.saved_device_volume.store(0, relaxed);

@@ -6,7 +6,7 @@
 // Threads:
 // - session thread: wave_open, and the commands in wave_command (it is the only writer of a
 //   command other than WAVE_RUN); sets wave_event to cut the wave thread's wait short; sets
-//   output_count on a seek.
+//   seek_count on a seek.
 // - wave thread: owns the pool and ring_read; turns wave_command back to WAVE_RUN; lowers
 //   free_blocks; calls the hooks.
 // - device thread: wave_callback raises free_blocks and output_count and works out
@@ -74,6 +74,11 @@ struct WaveState {
   Word wave_running{0};
   Word wave_wait_ms{1000};
   Word output_count{0};  // 1 = 1152 bytes of output played
+  // A seek's new output_count, -1 when none waits. The session thread sets it with the seek; the
+  // wave thread moves it into output_count once the device's reset has handed back (and counted)
+  // the blocks queued before the seek, so that the time shown is the target's, not target plus
+  // the blocks thrown away.
+  Word seek_count{-1};
   std::atomic<uint32_t> display_seconds{0};
   std::atomic<uint32_t> saved_device_volume{0};
   std::atomic<WaveHandle> wave_device{0};

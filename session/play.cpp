@@ -81,15 +81,20 @@ bool wait_wave_end(const Life& life) {
 // written while a seek is still being handled would be overwritten and lost, and each thread would
 // then wait for the other for good; a pending seek is let through first. False if the session was
 // abandoned meanwhile.
-bool end_wave_track(int32_t command, const Life& life) {
+// The same holds for a seek written while the last one is still being handled: it waits too.
+bool wait_seek_taken(const Life& life) {
   for (;;) {
     int32_t pending = output::wave.wave_command.load(relaxed);
-    if (pending < output::WAVE_JUMP || pending > output::WAVE_REPRIME) break;
-    if (!output::wave.wave_running.load(relaxed)) break;
+    if (pending < output::WAVE_JUMP || pending > output::WAVE_REPRIME) return true;
+    if (!output::wave.wave_running.load(relaxed)) return true;
     if (!life.live()) return false;
     output::wave.wave_event.set();
     sleep_ms(WAVE_POLL_MS);
   }
+}
+
+bool end_wave_track(int32_t command, const Life& life) {
+  if (!wait_seek_taken(life)) return false;
   output::wave.wave_command.store(command, relaxed);
   output::wave.wave_event.set();  // a wave thread waiting for a block takes the end at once
   return wait_wave_end(life);
@@ -109,8 +114,9 @@ void report_device_error(int32_t error) {
 }
 
 // Carries out a transport command between frames. Returns false for a stop.
-bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
+bool take_command(int32_t command, FrameHeader& header, int32_t& frame, const Life& life) {
   output::wave.wave_event.set();  // a waiting wave thread looks at its command at once
+  if (command >= CMD_JUMP && command <= CMD_BACK && !wait_seek_taken(life)) return false;
   auto position = [&] {
     // The count is by 1152-sample frames; a Layer I frame holds a third of one.
     return position_count(stream.layer == 1 ? frame / 3 : frame, stream.mode, stream.mpeg_id, state.session_stereo,
@@ -121,7 +127,7 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
       // Layer I slots decoded before the jump and still waiting for a block belong to the old place.
       decoder::reset_layer1_state();
       frame = seek_to_frame(header);
-      output::wave.output_count.store(position(), relaxed);
+      output::wave.seek_count.store(position(), relaxed);
       output::wave.wave_command.store(output::WAVE_JUMP, relaxed);
       output::ring_reset_for_seek();
       break;
@@ -129,7 +135,7 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
       // The file position stays: what the listener skips is the audio decoded ahead and now thrown
       // away with the ring, and what the device held.
       if (stream.frame_count - SEEK_STEP_FRAMES > frame) {
-        output::wave.output_count.store(position(), relaxed);
+        output::wave.seek_count.store(position(), relaxed);
         output::wave.wave_command.store(output::WAVE_FORWARD, relaxed);
         output::ring_reset_for_seek();
       }
@@ -140,7 +146,7 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame) {
         int32_t n = skip_frames_back(header, SEEK_STEP_FRAMES);
         if (n != -1) {
           frame -= n;
-          output::wave.output_count.store(position(), relaxed);
+          output::wave.seek_count.store(position(), relaxed);
         }
         output::wave.wave_command.store(output::WAVE_BACK, relaxed);
         output::ring_reset_for_seek();
@@ -210,7 +216,8 @@ TrackEnd play_frames(const Life& life) {
       wait_for_ring_room(life);
       if (!life.live()) return TRACK_ABANDONED;
       int32_t command = state.decoder_command.load(relaxed);
-      if (command != CMD_RUN && !take_command(command, header, frame)) return TRACK_STOPPED;
+      if (command != CMD_RUN && !take_command(command, header, frame, life))
+        return life.live() ? TRACK_STOPPED : TRACK_ABANDONED;
     }
     if (header.layer_code == 1) {
       decoder::decode_layer3_frame(header);
