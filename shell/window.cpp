@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "decoder/decoder.h"
+#include "library/batch.h"
 #include "library/instance.h"
 #include "library/playlist.h"
 #include "library/settings.h"
@@ -31,6 +32,7 @@
 #include "session/play.h"
 #include "session/session.h"
 #include "session/transport.h"
+#include "shell/batch_window.h"
 #include "shell/dialogs.h"
 #include "shell/mpris.h"
 #include "shell/plugins.h"
@@ -185,7 +187,8 @@ std::string entry_title() {
   int32_t index = library::playlist.current_entry.load(relaxed);
   if (!library::slot_used(index)) return {};
   return to_utf8(
-      title_text(index, library::playlist.entries[index].path, session::published_stream().tag_buffer, cfg().tag_title).c_str());
+      title_text(index, library::playlist.entries[index].path, session::published_stream().tag_buffer, cfg().tag_title)
+          .c_str());
 }
 
 Face face() {
@@ -796,6 +799,15 @@ void command(int32_t id, int32_t tag) {
     case CMD_PLAYLIST_EDITOR:
       toggle_playlist_editor();
       break;
+    case 40036:
+      open_batch_window(library::BATCH_ENCODE);
+      break;
+    case 40055:
+      open_batch_window(library::BATCH_DECODE);
+      break;
+    case 40069:
+      open_batch_window(library::BATCH_RESAMPLE);
+      break;
     default:
       break;  // the converters' commands belong to their windows
   }
@@ -821,6 +833,7 @@ gboolean socket_ready(GIOChannel*, GIOCondition, gpointer) {
 
 void dispatch(int32_t window, int32_t msg, int64_t wparam, int64_t lparam) {
   if (window == session::WINDOW_PLAYLIST) playlist_editor_message(msg, wparam, lparam);
+  if (window == session::WINDOW_BATCH) batch_window_message(msg, wparam, lparam);
   if (window != session::WINDOW_MAIN || !app.window) return;
   if (msg == MSG_COMMAND) {
     command(int32_t(wparam), int32_t(lparam));
@@ -881,9 +894,7 @@ void start_window_drag(int32_t real_x, int32_t real_y) {
   app.grab_y = real_y;
 }
 
-bool rmp_stream() {
-  return session::published_stream().list_info[0][0] != 0;
-}
+bool rmp_stream() { return session::published_stream().list_info[0][0] != 0; }
 
 void left_down(int32_t rx, int32_t ry) {
   int32_t x = rx >> (scale() - 1), y = ry >> (scale() - 1);
