@@ -385,8 +385,12 @@ void open_batch_window(int32_t mode) {
   gtk_tree_view_set_model(bw->view, GTK_TREE_MODEL(bw->rows));
   g_object_unref(bw->rows);
   for (int32_t c = 0; c < count; ++c) {
-    GtkTreeViewColumn* col = gtk_tree_view_column_new_with_attributes(library::batch_column_title(mode, c),
-                                                                      gtk_cell_renderer_text_new(), "text", c, nullptr);
+    GtkCellRenderer* cell = gtk_cell_renderer_text_new();
+    // Paths keep their ends in sight (the file's name) so that every column fits the window.
+    if (c < 2) g_object_set(cell, "ellipsize", PANGO_ELLIPSIZE_START, "width-chars", 22, nullptr);
+    GtkTreeViewColumn* col =
+        gtk_tree_view_column_new_with_attributes(library::batch_column_title(mode, c), cell, "text", c, nullptr);
+    if (c < 2) gtk_tree_view_column_set_expand(col, TRUE);
     gtk_tree_view_column_set_resizable(col, TRUE);
     gtk_tree_view_column_set_clickable(col, TRUE);
     g_signal_connect(col, "clicked", G_CALLBACK(on_header), GINT_TO_POINTER(c));
