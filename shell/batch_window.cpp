@@ -307,8 +307,10 @@ bool close_batch_window() {
                  "処理中のファイル及び残っているファイルの処理が\nすべて中止されますがよろしいですか？",
                  session::BOX_YES_NO) != session::ANSWER_YES)
       return false;
+    // The worker may be waiting on a message sent to this thread: the loop runs on until the
+    // batch's last message has come.
     session::cancel_batch(*bw->run);
-    finish_batch();
+    while (bw->running) gtk_main_iteration();
   }
   session::set_window_open(session::WINDOW_BATCH, false);
   gtk_widget_destroy(bw->window);
