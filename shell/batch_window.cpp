@@ -43,6 +43,7 @@ struct BatchWindow {
   int64_t units_total = 0, units_done = 0;
   std::chrono::steady_clock::time_point started;
   guint timer = 0;
+  bool closing = false;
 };
 BatchWindow* bw = nullptr;
 
@@ -301,23 +302,29 @@ void on_header(GtkTreeViewColumn*, gpointer column) {
   }
 }
 
-bool close_batch_window() {
-  if (bw->running) {
-    if (show_box(session::CAPTION,
-                 "処理中のファイル及び残っているファイルの処理が\nすべて中止されますがよろしいですか？",
-                 session::BOX_YES_NO) != session::ANSWER_YES)
-      return false;
-    // The worker may be waiting on a message sent to this thread: the loop runs on until the
-    // batch's last message has come.
-    session::cancel_batch(*bw->run);
-    while (bw->running) gtk_main_iteration();
-  }
+void destroy_window() {
   session::set_window_open(session::WINDOW_BATCH, false);
   gtk_widget_destroy(bw->window);
   g_object_unref(bw->ui);
   delete bw;
   bw = nullptr;
-  return true;
+}
+
+// A window closed mid-run hides until the batch's last message, so that the worker never posts to a
+// window that is gone.
+void close_batch_window() {
+  if (bw->running) {
+    if (show_box(session::CAPTION,
+                 "処理中のファイル及び残っているファイルの処理が\nすべて中止されますがよろしいですか？",
+                 session::BOX_YES_NO) != session::ANSWER_YES)
+      return;
+  }
+  if (!bw->running) return destroy_window();  // it may have ended during the question
+  for (size_t row = 0; row < bw->list.entries.size(); ++row)
+    if (bw->list.entries[row].status == library::STATUS_RUNNING) session::cancel_batch_row(*bw->run, int32_t(row));
+  session::cancel_batch(*bw->run);
+  bw->closing = true;
+  gtk_widget_hide(bw->window);
 }
 
 void on_button(GtkButton* b, gpointer) {
@@ -354,6 +361,8 @@ gboolean on_key(GtkWidget*, GdkEventKey* e, gpointer) {
   } else if (ctrl && e->keyval == GDK_KEY_o) {
     std::string path = choose(GTK_FILE_CHOOSER_ACTION_OPEN, "EncodeList", nullptr);
     if (!path.empty()) add_paths({path}, false);
+  } else if (e->keyval == GDK_KEY_Escape) {
+    close_batch_window();  // as a dialog closes on Escape
   } else if (e->keyval == GDK_KEY_Return && !bw->running) {
     start_command();
   } else {
@@ -367,9 +376,11 @@ gboolean on_key(GtkWidget*, GdkEventKey* e, gpointer) {
 bool batch_window_open() { return bw != nullptr; }
 
 void open_batch_window(int32_t mode) {
-  if (bw) {
-    if (!bw->running && bw->list.mode != mode) close_batch_window();
+  if (bw && bw->closing) {
+    show_box(session::CAPTION, "他の処理をしています", session::BOX_OK);
+    return;
   }
+  if (bw && !bw->running && bw->list.mode != mode) destroy_window();
   if (bw) {
     gtk_window_present(GTK_WINDOW(bw->window));
     drop_from_environment();
@@ -422,6 +433,7 @@ void batch_window_message(int32_t msg, int64_t wparam, int64_t lparam) {
   int32_t state = int32_t(wparam);
   if (state == session::JOB_LIST_FINISHED) {
     finish_batch();
+    if (bw->closing) destroy_window();
     return;
   }
   int32_t row = session::apply_batch_state(*bw->run, state, lparam);
