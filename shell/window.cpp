@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "decoder/decoder.h"
+#include "library/batch.h"
 #include "library/instance.h"
 #include "library/playlist.h"
 #include "library/settings.h"
@@ -31,6 +32,7 @@
 #include "session/play.h"
 #include "session/session.h"
 #include "session/transport.h"
+#include "shell/batch_window.h"
 #include "shell/dialogs.h"
 #include "shell/mpris.h"
 #include "shell/plugins.h"
@@ -811,6 +813,15 @@ void command(int32_t id, int32_t tag) {
     case CMD_PLAYLIST_EDITOR:
       toggle_playlist_editor();
       break;
+    case 40036:
+      open_batch_window(library::BATCH_ENCODE);
+      break;
+    case 40055:
+      open_batch_window(library::BATCH_DECODE);
+      break;
+    case 40069:
+      open_batch_window(library::BATCH_RESAMPLE);
+      break;
     default:
       break;  // the converters' commands belong to their windows
   }
@@ -836,6 +847,7 @@ gboolean socket_ready(GIOChannel*, GIOCondition, gpointer) {
 
 void dispatch(int32_t window, int32_t msg, int64_t wparam, int64_t lparam) {
   if (window == session::WINDOW_PLAYLIST) playlist_editor_message(msg, wparam, lparam);
+  if (window == session::WINDOW_BATCH) batch_window_message(msg, wparam, lparam);
   if (window != session::WINDOW_MAIN || !app.window) return;
   if (msg == MSG_COMMAND) {
     command(int32_t(wparam), int32_t(lparam));
