@@ -75,7 +75,13 @@ std::string choose(GtkWindow* parent, bool save, const Filter* filters, int32_t 
     gtk_file_chooser_add_filter(fc, made[i]);
   }
   if (filter_index >= 1 && filter_index <= count) gtk_file_chooser_set_filter(fc, made[filter_index - 1]);
-  if (!last_folder.empty()) gtk_file_chooser_set_current_folder(fc, last_folder.c_str());
+  // Until a chooser has ended somewhere, the working folder is where the user's files are.
+  if (last_folder.empty()) {
+    char* cwd = g_get_current_dir();
+    last_folder = cwd;
+    g_free(cwd);
+  }
+  gtk_file_chooser_set_current_folder(fc, last_folder.c_str());
   if (save) {
     gtk_file_chooser_set_do_overwrite_confirmation(fc, TRUE);
     gtk_file_chooser_set_current_name(fc, proposed.c_str());
@@ -142,6 +148,24 @@ void progress_response(GtkDialog*, gint, gpointer) {
   close_progress();
 }
 
+void set_bar(double fraction) {
+  gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(progress.bar), fraction < 0 ? 0 : fraction > 1 ? 1 : fraction);
+}
+
+// The job is done: the button says so and closing is left to the user.
+void finished(const char* button) {
+  if (progress.button) gtk_button_set_label(GTK_BUTTON(progress.button), button);
+}
+
+// A short job may end before the dialog opened and took its messages; the end shows all the same.
+gboolean watch_end(gpointer dialog) {
+  if (progress.dialog != dialog) return G_SOURCE_REMOVE;
+  if (progress.job && progress.job->busy.load()) return G_SOURCE_CONTINUE;
+  set_bar(1);
+  finished("完了");
+  return G_SOURCE_REMOVE;
+}
+
 void open_progress(session::Job& job, GtkWindow* parent, const std::string& input) {
   progress.job = &job;
   progress.dialog = gtk_dialog_new();
@@ -161,16 +185,13 @@ void open_progress(session::Job& job, GtkWindow* parent, const std::string& inpu
   g_signal_connect(progress.dialog, "response", G_CALLBACK(progress_response), nullptr);
   g_signal_connect(progress.dialog, "delete-event", G_CALLBACK(gtk_true), nullptr);
   session::set_window_open(session::WINDOW_PROGRESS, true);
+  // Below the main window, so that its buttons and the bar stay in sight together.
+  int x = 0, y = 0, w = 0, h = 0;
+  gtk_window_get_position(parent, &x, &y);
+  gtk_window_get_size(parent, &w, &h);
+  gtk_window_move(GTK_WINDOW(progress.dialog), x, y + h + 8);
   gtk_widget_show_all(progress.dialog);
-}
-
-void set_bar(double fraction) {
-  gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(progress.bar), fraction < 0 ? 0 : fraction > 1 ? 1 : fraction);
-}
-
-// The job is done: the button says so and closing is left to the user.
-void finished(const char* button) {
-  if (progress.button) gtk_button_set_label(GTK_BUTTON(progress.button), button);
+  g_timeout_add(200, watch_end, progress.dialog);
 }
 
 }  // namespace
