@@ -33,6 +33,7 @@
 #include "session/session.h"
 #include "session/transport.h"
 #include "shell/batch_window.h"
+#include "shell/convert_dialogs.h"
 #include "shell/dialogs.h"
 #include "shell/mpris.h"
 #include "shell/plugins.h"
@@ -822,6 +823,12 @@ void command(int32_t id, int32_t tag) {
     case 40069:
       open_batch_window(library::BATCH_RESAMPLE);
       break;
+    case 40003:
+      convert_decode_file(app.converter, GTK_WINDOW(app.window), nullptr);
+      break;
+    case 40005:
+      convert_split_file(app.converter, GTK_WINDOW(app.window));
+      break;
     default:
       break;  // the converters' commands belong to their windows
   }
@@ -848,6 +855,7 @@ gboolean socket_ready(GIOChannel*, GIOCondition, gpointer) {
 void dispatch(int32_t window, int32_t msg, int64_t wparam, int64_t lparam) {
   if (window == session::WINDOW_PLAYLIST) playlist_editor_message(msg, wparam, lparam);
   if (window == session::WINDOW_BATCH) batch_window_message(msg, wparam, lparam);
+  if (window == session::WINDOW_PROGRESS) progress_message(int32_t(msg), wparam, lparam);
   if (window != session::WINDOW_MAIN || !app.window) return;
   if (msg == MSG_COMMAND) {
     command(int32_t(wparam), int32_t(lparam));
@@ -1304,9 +1312,9 @@ void on_drop(GtkWidget*, GdkDragContext* context, gint, gint, GtkSelectionData* 
   g_strfreev(uris);
   if (paths.empty()) return;
   if ((mods & GDK_MOD1_MASK) && !(mods & GDK_CONTROL_MASK)) {
-    // Converting a dropped file is the converters' business; their window isn't part of this one.
-    if (!g_file_test(paths[0].c_str(), G_FILE_TEST_IS_DIR) && session::state.decoder_running.load())
-      show_box(session::CAPTION, "再生中は変換できません", session::BOX_OK);
+    // Alt-dropping a file decodes it.
+    if (!g_file_test(paths[0].c_str(), G_FILE_TEST_IS_DIR))
+      convert_decode_file(app.converter, GTK_WINDOW(app.window), paths[0].c_str());
     return;
   }
   bool append = mods & GDK_CONTROL_MASK;

@@ -1,0 +1,313 @@
+#include "shell/convert_dialogs.h"
+
+#include <strings.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "session/messages.h"
+#include "session/session.h"
+#include "shell/dialogs.h"
+#include "tools/split.h"
+
+namespace shell {
+
+namespace {
+
+constexpr const char* BUSY_OTHER = "他の処理をしています";
+constexpr const char* SAME_NAME = "入力と出力で同じ名前は使えません";
+constexpr const char* ALL_FILES = "すべてのﾌｧｲﾙ (*.*)";
+
+struct Filter {
+  const char* name;
+  const char* patterns;  // ';'-separated globs
+  const char* extension;
+};
+
+// The decode formats in ExtFilter order after the first: index 1 WAVE .. 5 raw, 6 all files.
+constexpr Filter decode_filters[] = {
+    {"Save Windows wave (*.wav)", "*.wav", "wav"},         {"Save Apple/SGI AIFF (*.aif)", "*.aif", "aif"},
+    {"Save NeXT/Sun (*.au;*.snd)", "*.au;*.snd", "au"},    {"Save Creative Labs VOC (*.voc)", "*.voc", "voc"},
+    {"Save Raw File (*.raw;*.pcm)", "*.raw;*.pcm", "raw"}, {ALL_FILES, "*.*", nullptr},
+};
+constexpr Filter open_mpeg[] = {{"MPEG audio layer-I, II, III (*.mp1;*.mp2;*.mp3)", "*.mp?;*.wav;*.rmp", nullptr},
+                                {ALL_FILES, "*.*", nullptr}};
+constexpr Filter open_system[] = {{"Load MPEG stream (*.mpg)", "*.mpg", nullptr}, {ALL_FILES, "*.*", nullptr}};
+constexpr Filter save_extracted[] = {{"Save MPEG/Audio (*.mp2;*.mp1)", "*.mp2;*.mp1;*.mpa", nullptr},
+                                     {ALL_FILES, "*.*", nullptr}};
+
+// The folder the last chooser ended in: the next one opens there.
+std::string last_folder;
+
+struct Progress {
+  GtkWidget* dialog = nullptr;
+  GtkWidget* bar = nullptr;
+  GtkWidget* text = nullptr;
+  GtkWidget* button = nullptr;
+  session::Job* job = nullptr;
+  int32_t layer = 0;
+  int32_t frames = 0;
+} progress;
+
+// Runs a chooser; filter_index is 1-based on entry and holds the chosen one on return. Returns the
+// path, empty on Cancel.
+std::string choose(GtkWindow* parent, bool save, const Filter* filters, int32_t count, int32_t& filter_index,
+                   const std::string& proposed) {
+  GtkFileChooserNative* chooser =
+      gtk_file_chooser_native_new(nullptr, parent, save ? GTK_FILE_CHOOSER_ACTION_SAVE : GTK_FILE_CHOOSER_ACTION_OPEN,
+                                  save ? "_Save" : "_Open", "_Cancel");
+  GtkFileChooser* fc = GTK_FILE_CHOOSER(chooser);
+  GtkFileFilter* made[8] = {};
+  for (int32_t i = 0; i < count && i < 8; ++i) {
+    made[i] = gtk_file_filter_new();
+    gtk_file_filter_set_name(made[i], filters[i].name);
+    std::string globs = filters[i].patterns;
+    size_t start = 0;
+    while (start <= globs.size()) {
+      size_t end = globs.find(';', start);
+      if (end == std::string::npos) end = globs.size();
+      std::string glob = globs.substr(start, end - start);
+      // "*.*" means every file, names without a dot too.
+      gtk_file_filter_add_pattern(made[i], glob == "*.*" ? "*" : glob.c_str());
+      start = end + 1;
+    }
+    gtk_file_chooser_add_filter(fc, made[i]);
+  }
+  if (filter_index >= 1 && filter_index <= count) gtk_file_chooser_set_filter(fc, made[filter_index - 1]);
+  // Until a chooser has ended somewhere, the working folder is where the user's files are.
+  if (last_folder.empty()) {
+    char* cwd = g_get_current_dir();
+    last_folder = cwd;
+    g_free(cwd);
+  }
+  gtk_file_chooser_set_current_folder(fc, last_folder.c_str());
+  if (save) {
+    gtk_file_chooser_set_do_overwrite_confirmation(fc, TRUE);
+    gtk_file_chooser_set_current_name(fc, proposed.c_str());
+  }
+  std::string path;
+  if (gtk_native_dialog_run(GTK_NATIVE_DIALOG(chooser)) == GTK_RESPONSE_ACCEPT) {
+    char* name = gtk_file_chooser_get_filename(fc);
+    if (name) path = name;
+    g_free(name);
+    GtkFileFilter* chosen = gtk_file_chooser_get_filter(fc);
+    for (int32_t i = 0; i < count && i < 8; ++i)
+      if (made[i] == chosen) filter_index = i + 1;
+    char* folder = g_path_get_dirname(path.c_str());
+    last_folder = folder;
+    g_free(folder);
+    // A name typed without an extension takes the filter's.
+    const char* ext = filters[filter_index - 1].extension;
+    std::string base = path.substr(path.rfind('/') + 1);
+    if (save && ext && !path.empty() && base.find('.') == std::string::npos) path += std::string(".") + ext;
+  }
+  g_object_unref(chooser);
+  return path;
+}
+
+// The file name without folder and extension.
+std::string stem(const std::string& path) {
+  std::string base = path.substr(path.rfind('/') + 1);
+  size_t dot = base.rfind('.');
+  return dot == std::string::npos || dot == 0 ? base : base.substr(0, dot);
+}
+
+bool has_extension(const std::string& path, const char* ext) {
+  size_t n = std::strlen(ext);
+  return path.size() >= n && strcasecmp(path.c_str() + path.size() - n, ext) == 0;
+}
+
+void box(const char* text) { show_box(session::CAPTION, text, session::BOX_OK); }
+
+void box_path(const char* format, const std::string& path) {
+  char text[1200];
+  std::snprintf(text, sizeof text, format, path.c_str());
+  box(text);
+}
+
+bool busy() {
+  if (!session::window_open(session::WINDOW_PROGRESS) && !session::window_open(session::WINDOW_BATCH)) return false;
+  box(BUSY_OTHER);
+  return true;
+}
+
+void close_progress() {
+  if (!progress.dialog) return;
+  gtk_widget_destroy(progress.dialog);
+  progress = {};
+  session::set_window_open(session::WINDOW_PROGRESS, false);
+}
+
+void progress_response(GtkDialog*, gint, gpointer) {
+  // The button cancels a running job, and closes the dialog once the job has ended.
+  if (progress.job && progress.job->busy.load()) {
+    progress.job->cancel.store(1);
+    session::wait_job(*progress.job);
+  }
+  close_progress();
+}
+
+void set_bar(double fraction) {
+  gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(progress.bar), fraction < 0 ? 0 : fraction > 1 ? 1 : fraction);
+}
+
+// The job is done: the button says so and closing is left to the user.
+void finished(const char* button) {
+  if (progress.button) gtk_button_set_label(GTK_BUTTON(progress.button), button);
+}
+
+// A short job may end before the dialog opened and took its messages; the end shows all the same.
+gboolean watch_end(gpointer dialog) {
+  if (progress.dialog != dialog) return G_SOURCE_REMOVE;
+  if (progress.job && progress.job->busy.load()) return G_SOURCE_CONTINUE;
+  set_bar(1);
+  finished("完了");
+  return G_SOURCE_REMOVE;
+}
+
+void open_progress(session::Job& job, GtkWindow* parent, const std::string& input) {
+  progress.job = &job;
+  progress.dialog = gtk_dialog_new();
+  std::string name = input.substr(input.rfind('/') + 1);
+  gtk_window_set_title(GTK_WINDOW(progress.dialog), ("TOVRA convert - " + name).c_str());
+  gtk_window_set_transient_for(GTK_WINDOW(progress.dialog), parent);
+  gtk_widget_set_name(progress.dialog, "tvrthreaddlg");
+  GtkWidget* area = gtk_dialog_get_content_area(GTK_DIALOG(progress.dialog));
+  progress.bar = gtk_progress_bar_new();
+  gtk_widget_set_name(progress.bar, "1002");
+  gtk_widget_set_size_request(progress.bar, 256, 10);
+  progress.text = gtk_label_new("");
+  gtk_widget_set_name(progress.text, "1003");
+  gtk_box_pack_start(GTK_BOX(area), progress.bar, FALSE, FALSE, 4);
+  gtk_box_pack_start(GTK_BOX(area), progress.text, FALSE, FALSE, 4);
+  progress.button = gtk_dialog_add_button(GTK_DIALOG(progress.dialog), "ｷｬﾝｾﾙ", 2);
+  g_signal_connect(progress.dialog, "response", G_CALLBACK(progress_response), nullptr);
+  g_signal_connect(progress.dialog, "delete-event", G_CALLBACK(gtk_true), nullptr);
+  session::set_window_open(session::WINDOW_PROGRESS, true);
+  // Below the main window, so that its buttons and the bar stay in sight together.
+  int x = 0, y = 0, w = 0, h = 0;
+  gtk_window_get_position(parent, &x, &y);
+  gtk_window_get_size(parent, &w, &h);
+  gtk_window_move(GTK_WINDOW(progress.dialog), x, y + h + 8);
+  gtk_widget_show_all(progress.dialog);
+  g_timeout_add(200, watch_end, progress.dialog);
+}
+
+}  // namespace
+
+void progress_message(int32_t msg, int64_t wparam, int64_t lparam) {
+  if (!progress.dialog) return;  // posted before the dialog opened, or after it closed
+  char text[160] = "";
+  switch (msg) {
+    case session::MSG_PROGRESS_FRAMES:
+      if (progress.frames > 0) set_bar(double(wparam) / progress.frames);
+      if (progress.layer == 1 || lparam <= 0) {
+        std::snprintf(text, sizeof text, "%d/%d", int(wparam), int(progress.frames));
+      } else {
+        int64_t left = int64_t(progress.frames - wparam) * 1152 / lparam;
+        if (left < 0) left = 0;
+        std::snprintf(text, sizeof text, "-%d:%02d (%d)", int(left / 60), int(left % 60), int(wparam));
+      }
+      gtk_label_set_text(GTK_LABEL(progress.text), text);
+      break;
+    case session::MSG_SPLIT_PROGRESS:
+      if (lparam < 256) break;
+      set_bar(double(wparam) / double(lparam));
+      std::snprintf(text, sizeof text, "split... %d%%", int(wparam / (lparam / 100)));
+      gtk_label_set_text(GTK_LABEL(progress.text), text);
+      break;
+    case session::MSG_SPLIT_END: {
+      const char* said = wparam == 1   ? "読み込みエラー"
+                         : wparam == 4 ? "MPEGﾌｧｲﾙではない"
+                         : wparam == 5 ? "ビデオフレームにエラー"
+                         : wparam == 6 ? "オーディオフレームにエラー"
+                         : wparam == 7 ? "ビデオフレーム書込みエラー"
+                         : wparam == 8 ? "オーディオフレーム書込みエラー"
+                                       : "";
+      gtk_label_set_text(GTK_LABEL(progress.text), said);
+      set_bar(1);
+      finished("抽出完了");
+      break;
+    }
+    case session::MSG_PROGRESS_END:
+      set_bar(1);
+      finished("完了");
+      break;
+    default:
+      break;
+  }
+}
+
+void convert_decode_file(session::Job& job, GtkWindow* parent, const char* given) {
+  if (session::state.decoder_running.load()) {  // a play session holds the decoder
+    box("再生中は変換できません");
+    return;
+  }
+  if (busy()) return;
+  std::string in = given ? given : "";
+  if (in.empty()) {
+    int32_t index = 1;
+    in = choose(parent, false, open_mpeg, 2, index, "");
+    if (in.empty()) return;
+  }
+  std::string out;
+  for (;;) {
+    std::string proposed = stem(in) + (has_extension(in, ".wav") ? "_dec" : "");
+    int32_t index = session::options.ext_filter == 0 ? 5 : session::options.ext_filter;
+    out = choose(parent, true, decode_filters, 6, index, proposed);
+    if (out.empty()) return;
+    // Raw is format 0; "all files" keeps the format chosen before.
+    if (index <= 5) session::options.ext_filter = index == 5 ? 0 : index;
+    if (strcasecmp(in.c_str(), out.c_str()) != 0) break;
+    box(SAME_NAME);
+  }
+  int32_t started = session::start_decode_file(job, in.c_str(), out.c_str());
+  if (started == session::START_OK) {
+    session::StreamInfo info = session::published_stream();
+    open_progress(job, parent, in);
+    progress.layer = info.layer;
+    progress.frames = info.frame_count;
+    return;
+  }
+  if (started == session::START_NO_INPUT)
+    box_path("'%s'が開けない", in);
+  else if (started == session::START_NO_OUTPUT)
+    box_path("'%s'が開けない", out);
+  else if (started == session::START_NOT_MPEG)
+    box_path("'%s' は MPEGｵｰﾃﾞｨｵ ではない", in);
+  else if (started == session::START_SAME_FILE)
+    box(SAME_NAME);
+  else if (started != session::START_OPEN_FAILED)
+    box("error");
+}
+
+void convert_split_file(session::Job& job, GtkWindow* parent) {
+  if (busy()) return;
+  int32_t index = 1;
+  std::string in = choose(parent, false, open_system, 2, index, "");
+  if (in.empty()) return;
+  std::string out;
+  for (;;) {
+    index = 1;
+    out = choose(parent, true, save_extracted, 2, index, stem(in) + ".mpa");
+    if (out.empty()) return;
+    if (strcasecmp(in.c_str(), out.c_str()) != 0) break;
+    box(SAME_NAME);
+  }
+  int32_t started = tools::start_split(job, in.c_str(), out.c_str());
+  if (started == 0 || started == 1) {
+    open_progress(job, parent, in);
+    return;
+  }
+  if (started == 2)
+    box_path("'%s'が開けない", in);
+  else if (started == 3)
+    box_path("'%s'が開けない", out);
+  else if (started == 7)
+    box(SAME_NAME);
+  else
+    box("error");
+}
+
+}  // namespace shell
