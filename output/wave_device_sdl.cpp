@@ -10,8 +10,10 @@
 // audio callback); the queue and the block states are guarded by SDL's device lock, which SDL holds
 // around the callback. Order: table_lock, then the device lock.
 #include <SDL.h>
+#include <dlfcn.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -45,9 +47,58 @@ std::map<int32_t, uint32_t> volumes;  // by device number: the word outlives an 
 WaveHandle next_handle = 1;
 bool sdl_ready = false;
 
+// SDL and the ~50 libraries it pulls in are loaded the first time a device is listed or opened, so
+// that the converters, which never play, start without them. The table holds the few entry points
+// this file calls; SDL's header still gives the types and constants.
+struct SdlCalls {
+  decltype(&SDL_InitSubSystem) InitSubSystem;
+  decltype(&SDL_GetNumAudioDevices) GetNumAudioDevices;
+  decltype(&SDL_GetAudioDeviceName) GetAudioDeviceName;
+  decltype(&SDL_OpenAudioDevice) OpenAudioDevice;
+  decltype(&SDL_PauseAudioDevice) PauseAudioDevice;
+  decltype(&SDL_LockAudioDevice) LockAudioDevice;
+  decltype(&SDL_UnlockAudioDevice) UnlockAudioDevice;
+  decltype(&SDL_CloseAudioDevice) CloseAudioDevice;
+};
+SdlCalls sdl{};
+bool sdl_load_tried = false;
+
+template <typename F>
+bool look_up(void* lib, const char* name, F* out) {
+  *out = reinterpret_cast<F>(dlsym(lib, name));
+  return *out != nullptr;
+}
+
+// Caller holds table_lock. Tries once; a missing library is reported once on stderr.
+bool load_sdl() {
+  if (sdl_load_tried) return sdl.CloseAudioDevice != nullptr;
+  sdl_load_tried = true;
+  void* lib = dlopen("libSDL2-2.0.so.0", RTLD_NOW | RTLD_LOCAL);
+  if (!lib) {
+    std::fprintf(stderr, "tovra: cannot load the SDL2 library for sound output: %s\n", dlerror());
+    return false;
+  }
+  SdlCalls t{};
+  const bool ok = look_up(lib, "SDL_InitSubSystem", &t.InitSubSystem) &&
+                  look_up(lib, "SDL_GetNumAudioDevices", &t.GetNumAudioDevices) &&
+                  look_up(lib, "SDL_GetAudioDeviceName", &t.GetAudioDeviceName) &&
+                  look_up(lib, "SDL_OpenAudioDevice", &t.OpenAudioDevice) &&
+                  look_up(lib, "SDL_PauseAudioDevice", &t.PauseAudioDevice) &&
+                  look_up(lib, "SDL_LockAudioDevice", &t.LockAudioDevice) &&
+                  look_up(lib, "SDL_UnlockAudioDevice", &t.UnlockAudioDevice) &&
+                  look_up(lib, "SDL_CloseAudioDevice", &t.CloseAudioDevice);
+  if (!ok) {
+    std::fprintf(stderr, "tovra: the SDL2 library lacks a function sound output needs\n");
+    dlclose(lib);
+    return false;
+  }
+  sdl = t;  // kept loaded for the life of the program: SDL's audio thread runs its code
+  return true;
+}
+
 // Caller holds table_lock.
 bool ensure_sdl() {
-  if (!sdl_ready) sdl_ready = SDL_InitSubSystem(SDL_INIT_AUDIO) == 0;
+  if (!sdl_ready) sdl_ready = load_sdl() && sdl.InitSubSystem(SDL_INIT_AUDIO) == 0;
   return sdl_ready;
 }
 
@@ -83,14 +134,14 @@ void audio_callback(void* userdata, Uint8* stream, int len) {
 int32_t device_count() {
   std::lock_guard lock(table_lock);
   if (!ensure_sdl()) return 0;
-  const int n = SDL_GetNumAudioDevices(0);
+  const int n = sdl.GetNumAudioDevices(0);
   return n > 0 ? n : 0;
 }
 
 int32_t device_name(int32_t device, char* out, uint32_t size) {
   std::lock_guard lock(table_lock);
   if (!ensure_sdl()) return WAVE_ERR_NO_DRIVER;
-  const char* name = device == WAVE_MAPPER ? "Default device" : SDL_GetAudioDeviceName(device, 0);
+  const char* name = device == WAVE_MAPPER ? "Default device" : sdl.GetAudioDeviceName(device, 0);
   if (!name) return WAVE_ERR_BAD_DEVICE_ID;
   if (size) {
     std::strncpy(out, name, size - 1);
@@ -106,8 +157,8 @@ int32_t open(WaveHandle* out, int32_t device, const WaveFormat& format, WaveCall
   if (format.channels < 1 || format.channels > 2 || format.sample_rate <= 0) return WAVE_ERR_BAD_FORMAT;
   const char* name = nullptr;
   if (device != WAVE_MAPPER) {
-    if (device < 0 || device >= SDL_GetNumAudioDevices(0)) return WAVE_ERR_BAD_DEVICE_ID;
-    name = SDL_GetAudioDeviceName(device, 0);
+    if (device < 0 || device >= sdl.GetNumAudioDevices(0)) return WAVE_ERR_BAD_DEVICE_ID;
+    name = sdl.GetAudioDeviceName(device, 0);
   }
   SdlDevice* d = new SdlDevice;
   d->format = format;
@@ -126,14 +177,14 @@ int32_t open(WaveHandle* out, int32_t device, const WaveFormat& format, WaveCall
   want.userdata = d;
   SDL_AudioSpec have{};
   // No allowed changes: SDL converts to whatever the hardware takes, so our bytes are what it gets.
-  d->id = SDL_OpenAudioDevice(name, 0, &want, &have, 0);
+  d->id = sdl.OpenAudioDevice(name, 0, &want, &have, 0);
   if (d->id == 0) {
     delete d;
     return WAVE_ERR_ALLOCATED;
   }
   const WaveHandle h = next_handle++;
   devices[h] = d;
-  SDL_PauseAudioDevice(d->id, 0);
+  sdl.PauseAudioDevice(d->id, 0);
   *out = h;
   return WAVE_OK;
 }
@@ -142,11 +193,11 @@ int32_t close(WaveHandle h) {
   std::lock_guard lock(table_lock);
   SdlDevice* d = find(h);
   if (!d) return WAVE_ERR_INVALID_HANDLE;
-  SDL_LockAudioDevice(d->id);
+  sdl.LockAudioDevice(d->id);
   const bool busy = !d->queue.empty();
-  SDL_UnlockAudioDevice(d->id);
+  sdl.UnlockAudioDevice(d->id);
   if (busy) return WAVE_ERR_STILL_PLAYING;
-  SDL_CloseAudioDevice(d->id);
+  sdl.CloseAudioDevice(d->id);
   devices.erase(h);
   delete d;
   return WAVE_OK;
@@ -156,9 +207,9 @@ int32_t prepare(WaveHandle h, WaveBlock* block) {
   std::lock_guard lock(table_lock);
   SdlDevice* d = find(h);
   if (!d) return WAVE_ERR_INVALID_HANDLE;
-  SDL_LockAudioDevice(d->id);
+  sdl.LockAudioDevice(d->id);
   block->device_state = PREPARED;
-  SDL_UnlockAudioDevice(d->id);
+  sdl.UnlockAudioDevice(d->id);
   return WAVE_OK;
 }
 
@@ -166,13 +217,13 @@ int32_t unprepare(WaveHandle h, WaveBlock* block) {
   std::lock_guard lock(table_lock);
   SdlDevice* d = find(h);
   if (!d) return WAVE_ERR_INVALID_HANDLE;
-  SDL_LockAudioDevice(d->id);
+  sdl.LockAudioDevice(d->id);
   int32_t result = WAVE_OK;
   if (block->device_state & QUEUED)
     result = WAVE_ERR_STILL_PLAYING;
   else
     block->device_state = 0;
-  SDL_UnlockAudioDevice(d->id);
+  sdl.UnlockAudioDevice(d->id);
   return result;
 }
 
@@ -180,7 +231,7 @@ int32_t write(WaveHandle h, WaveBlock* block) {
   std::lock_guard lock(table_lock);
   SdlDevice* d = find(h);
   if (!d) return WAVE_ERR_INVALID_HANDLE;
-  SDL_LockAudioDevice(d->id);
+  sdl.LockAudioDevice(d->id);
   int32_t result = WAVE_OK;
   if (!(block->device_state & PREPARED)) {
     result = WAVE_ERR_UNPREPARED;
@@ -190,7 +241,7 @@ int32_t write(WaveHandle h, WaveBlock* block) {
     block->device_state |= QUEUED;
     d->queue.push_back(block);
   }
-  SDL_UnlockAudioDevice(d->id);
+  sdl.UnlockAudioDevice(d->id);
   return result;
 }
 
@@ -198,9 +249,9 @@ int32_t set_paused(WaveHandle h, bool paused) {
   std::lock_guard lock(table_lock);
   SdlDevice* d = find(h);
   if (!d) return WAVE_ERR_INVALID_HANDLE;
-  SDL_LockAudioDevice(d->id);
+  sdl.LockAudioDevice(d->id);
   d->paused = paused;
-  SDL_UnlockAudioDevice(d->id);
+  sdl.UnlockAudioDevice(d->id);
   return WAVE_OK;
 }
 int32_t pause(WaveHandle h) { return set_paused(h, true); }
@@ -211,11 +262,11 @@ int32_t reset(WaveHandle h) {
   SdlDevice* d = find(h);
   if (!d) return WAVE_ERR_INVALID_HANDLE;
   std::deque<WaveBlock*> taken;
-  SDL_LockAudioDevice(d->id);
+  sdl.LockAudioDevice(d->id);
   taken.swap(d->queue);
   d->offset = 0;
   for (WaveBlock* b : taken) b->device_state &= ~QUEUED;
-  SDL_UnlockAudioDevice(d->id);
+  sdl.UnlockAudioDevice(d->id);
   WaveCallback cb = d->callback;
   uintptr_t user = d->user;
   lock.unlock();
