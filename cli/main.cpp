@@ -13,21 +13,23 @@ struct Command {
   const char* name;
   int (*run)(int argc, char** argv);
   const char* usage;
+  bool own_help = false;  // the command prints a longer --help of its own
 };
 
 constexpr Command commands[] = {
     {"info", cli::cmd_info, "info [--frames] FILE...      stream facts (and each frame's header)"},
-    {"decode", cli::cmd_decode, "decode IN OUT [--format raw|wav|aif|au|voc]   MPEG audio to PCM file"},
-    {"play", cli::cmd_play, "play [options] [FILE|LIST...]   play through the sound device"},
+    {"decode", cli::cmd_decode, "decode IN OUT [--format raw|wav|aif|au|voc] [--no-gapless]   MPEG audio to PCM file"},
+    {"play", cli::cmd_play, "play [options] [FILE|LIST...]   play through the sound device", true},
     {"settings", cli::cmd_settings, "settings [--file PATH] [--save]   effective settings"},
     {"resample", cli::cmd_resample,
      "resample IN OUT --rate HZ [--bits 8|16] [--channels 1|2] [--quality Q]   WAVE to WAVE"},
     {"encode", cli::cmd_encode,
-     "encode IN.wav OUT [--layer 1|2] [--bitrate KBPS] [--mode stereo|joint|mono] [--model 1|2] ...   WAVE to MPEG"},
+     "encode IN.wav OUT [--layer 1|2|3] [--bitrate KBPS] [--mode stereo|joint|mono] [--model 1|2] ...   WAVE to MPEG",
+     true},
     {"batch", cli::cmd_batch,
-     "batch LIST.m3e --mode encode|decode|resample [--out DIR] [--jobs N] ...   a list of conversions"},
+     "batch LIST.m3e --mode encode|decode|resample [--out DIR] [--jobs N] ...   a list of conversions", true},
     {"split", cli::cmd_split, "split IN OUT                 audio of an MPEG-1 system stream"},
-    {"tag", cli::cmd_tag, "tag FILE [--title T ...|--delete|--show]   the ID3v1 tag at the file's end"},
+    {"tag", cli::cmd_tag, "tag FILE [--title T ...|--delete|--show]   the ID3v1 tag at the file's end", true},
 };
 
 void usage(std::FILE* to) {
@@ -61,8 +63,14 @@ int main(int argc, char** argv) {
   decoder::init_decoder_tables();
   // Message boxes from the first step on (a settings or list file refused as it is read).
   cli::install_console(0);
-  for (const Command& c : commands)
-    if (std::strcmp(argv[1], c.name) == 0) return c.run(argc - 2, argv + 2);
+  for (const Command& c : commands) {
+    if (std::strcmp(argv[1], c.name) != 0) continue;
+    if (!c.own_help && argc >= 3 && (std::strcmp(argv[2], "--help") == 0 || std::strcmp(argv[2], "-h") == 0)) {
+      std::printf("usage: tovra-cli %s\n", c.usage);
+      return 0;
+    }
+    return c.run(argc - 2, argv + 2);
+  }
   std::fprintf(stderr, "tovra-cli: unknown command '%s'\n", argv[1]);
   usage(stderr);
   return 2;
