@@ -12,6 +12,20 @@
 
 namespace {
 
+// ThreadSanitizer cannot follow a child forked from a threaded process that starts threads of its
+// own: under it the rows in forked children are left to the other builds.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool thread_sanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool thread_sanitizer = true;
+#else
+constexpr bool thread_sanitizer = false;
+#endif
+#else
+constexpr bool thread_sanitizer = false;
+#endif
+
 session::BatchRun* run_seen = nullptr;
 std::mutex status_lock;
 std::atomic<int32_t> first_started{0};
@@ -41,6 +55,7 @@ TEST(BatchRun, CancelOfOneRowLeavesTheRestToRun) {
   session::set_sink({apply, nullptr});
   session::set_window_open(session::WINDOW_BATCH, true);
   for (int32_t jobs : {1, 2}) {
+    if (jobs > 1 && thread_sanitizer) continue;
     session::BatchRun run;
     run.list = &list;
     run.jobs = jobs;
