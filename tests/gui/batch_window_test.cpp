@@ -98,9 +98,7 @@ void expect_same_as_cli(test::TempDir& dir, const std::string& list, const std::
 }
 
 TEST(BatchWindow, ThreeModesFillSaveLoadAndConvertLikeTheCli) {
-  if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run under xvfb-run)";
-  for (const char* tool : {"xdotool", "import", "sox", "lame"})
-    if (!test::have_tool(tool)) GTEST_SKIP() << tool << " is not installed";
+  REQUIRE_X_AND_TOOLS("xdotool", "import", "sox", "lame");
   test::TempDir dir;
   for (const char* d : {"wav", "mp3", "rs"}) mkdir(dir.file(d).c_str(), 0700);
   std::vector<std::string> encoded, decoded, resampled;

@@ -35,9 +35,7 @@ int visible_windows() {
 }
 
 TEST(Convert, DecodesFromTheMenuLikeTheCliAndRefusesASecondJob) {
-  if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run under xvfb-run)";
-  for (const char* tool : {"xdotool", "import", "sox", "lame"})
-    if (!test::have_tool(tool)) GTEST_SKIP() << tool << " is not installed";
+  REQUIRE_X_AND_TOOLS("xdotool", "import", "sox", "lame");
   test::TempDir dir;
   mkdir(dir.file("cfg").c_str(), 0700);
   mkdir(dir.file("run").c_str(), 0700);

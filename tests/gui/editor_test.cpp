@@ -101,11 +101,7 @@ std::string tail(const std::string& path) {
 
 class Editor : public ::testing::Test {
  protected:
-  void SetUp() override {
-    if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run under xvfb-run)";
-    for (const char* tool : {"xdotool", "import", "sox", "lame"})
-      if (!test::have_tool(tool)) GTEST_SKIP() << tool << " is not installed";
-  }
+  void SetUp() override { REQUIRE_X_AND_TOOLS("xdotool", "import", "sox", "lame"); }
 };
 
 TEST_F(Editor, EditsThePlaylistInBothModesAndPlaysByDoubleClick) {

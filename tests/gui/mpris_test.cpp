@@ -40,9 +40,7 @@ std::string playerctl(const std::string& args) {
 }
 
 TEST(Mpris, PlayerctlSteersAndReadsThePlayer) {
-  if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run under xvfb-run)";
-  for (const char* tool : {"dbus-daemon", "playerctl", "busctl", "gdbus", "sox", "lame"})
-    if (!test::have_tool(tool)) GTEST_SKIP() << tool << " is not installed";
+  REQUIRE_X_AND_TOOLS("dbus-daemon", "playerctl", "busctl", "gdbus", "sox", "lame");
   test::TempDir dir;
   PrivateBus bus;
   ASSERT_GT(bus.daemon, 0);

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <initializer_list>
 #include <ostream>
@@ -83,3 +84,9 @@ std::ostream& operator<<(std::ostream& out, const PcmComparison& c);
 // Skips the current test when a tool is missing.
 #define REQUIRE_TOOL(name) \
   if (!test::have_tool(name)) GTEST_SKIP() << name << " is not installed"
+
+// Skips a window test without an X display, or without one of the tools it drives the window with.
+#define REQUIRE_X_AND_TOOLS(...)                                                    \
+  if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no X display (run under xvfb-run)"; \
+  for (const char* tool_ : {__VA_ARGS__})                                           \
+    if (!test::have_tool(tool_)) GTEST_SKIP() << tool_ << " is not installed"
