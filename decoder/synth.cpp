@@ -389,7 +389,7 @@ void synth_overdrive(int32_t channel) { synth_dispatch<OVERDRIVE>(channel); }
 void treat_subbands() {
   if (session::state.session_emphasis == 0) return;
   // Any mode but these three leaves the samples alone: with Hi-Fi on, a stream that has emphasis
-  // (1 or 3, giving 5 or 7) loses its de-emphasis, which is how the switch has always worked.
+  // (1 or 3, giving 5 or 7) loses its de-emphasis.
   switch (session::stream.emphasis_mode) {
     case 1:
       // 50/15 microseconds: one notch over rows 5 to 15, not a shelf.

@@ -244,7 +244,7 @@ void init_decoder_tables() {
       gain_table[e] = std::ldexp(float_from_bits(gain_fraction_up[n & 3]), n >> 2);
   }
 
-  // The angle is stepped by pi/64 in single precision, as the table has always been built; the
+  // The angle is stepped by pi/64 in single precision; the
   // small drift of the repeated addition is part of the values.
   float angle = 0.0f;
   for (int32_t k = 0; k < 32; ++k) {

@@ -226,7 +226,7 @@ int32_t hand_over_command_line(const std::string& folder, const char* command_li
   std::vector<uint8_t> wire((n + 2) * WIRE_BYTES);
   encode(RemoteMessage{MSG_REMOTE, 0, -1, REMOTE_HAND_OVER}, wire.data());
   for (size_t i = 0; i <= n; ++i) {
-    // Sign-extended as a char argument always was: a byte 0xFF arrives as -1 and resets the buffer.
+    // Sign-extended as a char argument: a byte 0xFF arrives as -1 and resets the buffer.
     int64_t byte = int64_t(static_cast<int8_t>(command_line[i]));
     encode(RemoteMessage{MSG_REMOTE, 0, byte, REMOTE_HAND_OVER}, wire.data() + (i + 1) * WIRE_BYTES);
   }

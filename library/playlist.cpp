@@ -1,6 +1,6 @@
 // The playlist table and its files. Lines are read as the C library's text-mode line reader with a
 // 260-byte buffer reads them (at most 259 bytes; "\r\n" counts as "\n"), so a longer line arrives
-// in pieces and each piece takes a slot, as it always has.
+// in pieces and each piece takes a slot: lists are read the same on every machine.
 #include "library/playlist.h"
 
 #include <dirent.h>
@@ -84,7 +84,7 @@ bool valid_utf8(const unsigned char* s, size_t n) {
   return true;
 }
 
-// Lists from the old system separate folders with "\". In code page 932 a "\" byte can also be the
+// Lists made on Windows separate folders with "\". In code page 932 a "\" byte can also be the
 // second byte of a double-byte character, which must stay; a line that is valid UTF-8 (all ASCII
 // lines among them) has no such pairs.
 void map_separators(char* s) {
@@ -117,8 +117,8 @@ int32_t switch_number(const char* s) {
   return int32_t(std::clamp<int64_t>(v, INT32_MIN, INT32_MAX));
 }
 
-// On the old system a path never starts with "/", so every "/" token was a switch. Here absolute
-// paths do, so only the switch forms count: "/" alone, "/" with one letter, "/" with a number.
+// Command lines made on Windows use "/" for switches. Absolute paths here start with "/" too, so
+// only the switch forms count: "/" alone, "/" with one letter, "/" with a number.
 bool is_switch(const std::string& token) {
   if (token[0] == '-') return true;
   if (token[0] != '/') return false;
@@ -331,7 +331,7 @@ int32_t scan_folder(const char* path) {
     names.emplace_back(d->d_name);
   }
   closedir(dir);
-  // The old system listed a folder in name order; readdir's order is the file system's.
+  // A folder is listed in name order; readdir's order is the file system's.
   std::sort(names.begin(), names.end());
   std::string base = path;
   if (base.empty() || base.back() != '/') base += '/';

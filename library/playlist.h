@@ -4,11 +4,11 @@
 // Threads: the table and the command-line intake are written on the main thread. The play thread
 // reads the slot of current_entry and moves current_entry on at a track's end, and counts each start
 // and finish in play_counts; those two are atomics. The slots' text is not locked: an edit during
-// playing may change the path that the next track takes, which the program has always allowed.
+// playing may change the path that the next track takes, which is allowed.
 //
 // Paths are bytes (code page 932 in list files written elsewhere, whatever the file system holds
 // here) and are never re-encoded. The writer separates folders with "/"; the readers turn "\" into
-// "/" outside double-byte characters, so that lists made on the old system still load.
+// "/" outside double-byte characters, so that lists made on Windows load.
 #pragma once
 
 #include <atomic>

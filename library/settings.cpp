@@ -38,8 +38,8 @@ enum Kind : int32_t {
   KIND_PENTIUM,
 };
 
-// The old program read folder names into buffers of 260 bytes. Paths here may be longer, and a cut
-// path is a wrong path, so folders get the system's limit; the font face keeps its record's 32.
+// Settings files written on Windows hold folder names of at most 260 bytes. Paths here may be
+// longer, and a cut path is a wrong path, so folders get the system's limit; the font face keeps its record's 32.
 constexpr size_t PATH_BYTES = PATH_MAX;
 constexpr size_t FACE_BYTES = 32;
 

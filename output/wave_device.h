@@ -1,6 +1,6 @@
 // The sound device as the wave thread sees it: a narrow table of functions modelled on the classic
 // wave-out calls, so that the wave thread's protocol (prepare, write, pause, restart, reset,
-// unprepare that says "still playing", a completion callback per block) stays as it always was.
+// unprepare that says "still playing", a completion callback per block) is the same on every device.
 //
 // Two implementations: SDL2 (wave_device_sdl.cpp, in the tovra_audio library, the only SDL code)
 // and a recording test device (wave_device_test.h, in the engine). The front end installs one with

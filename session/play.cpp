@@ -315,7 +315,7 @@ void play_thread_main(int32_t generation) {
     output::select_shaper();
     // The shaper has chosen its row by the shift before a full-rate selector takes it back to 0,
     // while the device opens at shift 0: selectors 3 and 7 thin the sound all the same. Only a
-    // hand-edited settings file reaches them, and they are kept as they always were.
+    // hand-edited settings file reaches them.
     SynthChoice synth = choose_synth(rate.selector, stream.mode, family, options.pentium_synth);
     state.synth_slot = synth.synth;
     if (synth.shift_reset) state.rate_shift = 0;

@@ -48,7 +48,7 @@ int32_t wave_wait_for(int32_t family, int32_t prior_dec, int32_t last_rate_shift
 // The wave position counter (1 = 1152 output bytes) that matches frame: frame x channels x (2 for
 // MPEG-1, 1 for MPEG-2), shifted right by the narrowing of mono, 8 bits and the rate shift.
 // channels follow the stream's mode, not the output, so a mono stream with "Stereo" off comes out
-// at half its position, as it always has.
+// at half its position.
 int32_t position_count(int32_t frame, int32_t mode, int32_t mpeg_id, int32_t session_stereo, int32_t session_16bit,
                        int32_t rate_shift);
 

@@ -3,7 +3,7 @@
 // How: every operation first leaves the pause, then writes decoder_command; the play thread takes
 // the word at its next frame and writes CMD_RUN back when it is done with it. The last writer wins:
 // a second seek before the first is taken replaces it. stop_play polls decoder_running; a session
-// that misses the bound is abandoned (see play.h), as the old system killed its thread.
+// that misses the bound is abandoned (see play.h): a thread cannot be killed safely.
 #include "session/transport.h"
 
 #include <cstdio>

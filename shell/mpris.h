@@ -7,7 +7,7 @@
 namespace shell {
 
 // Claims the bus name and exports the object (main thread, after the window exists). Without a
-// session bus the program runs on as before.
+// session bus the program runs without it.
 void mpris_start();
 // Releases the name and the object before the main loop ends.
 void mpris_stop();

