@@ -211,6 +211,12 @@ void open_progress(session::Job& job, GtkWindow* parent, const std::string& inpu
   g_timeout_add(200, watch_end, progress.dialog);
 }
 
+// Asks for an input with the first of a filter and "all files"; empty on Cancel.
+std::string choose_input(GtkWindow* parent, const Filter (&filters)[2]) {
+  int32_t index = 1;
+  return choose(parent, false, filters, 2, index, "");
+}
+
 // Asks for the output until it differs from the input; empty on Cancel.
 std::string choose_output(GtkWindow* parent, const Filter* filters, int32_t count, const std::string& in,
                           const std::string& proposed) {
@@ -298,11 +304,7 @@ void convert_decode_file(session::Job& job, GtkWindow* parent, const char* given
   }
   if (busy()) return;
   std::string in = given ? given : "";
-  if (in.empty()) {
-    int32_t index = 1;
-    in = choose(parent, false, open_mpeg, 2, index, "");
-    if (in.empty()) return;
-  }
+  if (in.empty() && (in = choose_input(parent, open_mpeg)).empty()) return;
   std::string out;
   for (;;) {
     std::string proposed = stem(in) + (has_extension(in, ".wav") ? "_dec" : "");
@@ -336,8 +338,7 @@ void convert_decode_file(session::Job& job, GtkWindow* parent, const char* given
 
 void convert_split_file(session::Job& job, GtkWindow* parent) {
   if (busy()) return;
-  int32_t index = 1;
-  std::string in = choose(parent, false, open_system, 2, index, "");
+  std::string in = choose_input(parent, open_system);
   if (in.empty()) return;
   std::string out = choose_output(parent, save_extracted, 2, in, stem(in) + ".mpa");
   if (out.empty()) return;
@@ -359,11 +360,7 @@ void convert_split_file(session::Job& job, GtkWindow* parent) {
 void convert_encode_file(session::Job& job, GtkWindow* parent, const char* given) {
   if (busy()) return;
   std::string in = given ? given : "";
-  if (in.empty()) {
-    int32_t index = 1;
-    in = choose(parent, false, open_wave, 2, index, "");
-    if (in.empty()) return;
-  }
+  if (in.empty() && (in = choose_input(parent, open_wave)).empty()) return;
   encoder::EncoderParams& p = encode_choices.params;
   p.bit_rate_index -= 1;
   if (!run_encode_dialog(parent, in.c_str(), encode_choices)) return;
@@ -392,8 +389,7 @@ void convert_encode_file(session::Job& job, GtkWindow* parent, const char* given
 
 void convert_resample_file(session::Job& job, GtkWindow* parent) {
   if (busy()) return;
-  int32_t index = 1;
-  std::string in = choose(parent, false, open_wave, 2, index, "");
+  std::string in = choose_input(parent, open_wave);
   if (in.empty()) return;
   ResampleChoices c;  // no pending quality: the slider starts where it always does
   if (!run_resample_dialog(parent, in.c_str(), c)) return;

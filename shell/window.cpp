@@ -1479,7 +1479,9 @@ int32_t process_entry(int argc, char** argv) {
   bool ctrl_held = gdk_keymap_get_modifier_state(keymap) & GDK_CONTROL_MASK;
   bool shift_held = gdk_keymap_get_modifier_state(keymap) & GDK_SHIFT_MASK;
   app.folder = library::instance_folder();
-  if (library::claim_instance(command_line.c_str(), ctrl_held, app.lock, app.folder) != 0) return -1;
+  // A WAVE to convert runs beside a playing window, as a further one, rather than being handed over.
+  if (library::claim_instance(command_line.c_str(), ctrl_held || !to_encode.empty(), app.lock, app.folder) != 0)
+    return -1;
 
   library::StartPlacement place;
   library::start_up_settings(command_line.c_str(), shift_held, work_area(), place);
