@@ -50,7 +50,9 @@ bool row_ready(BatchRun& run, int32_t row) {
   return true;
 }
 
-encoder::EncoderParams encode_params(const BatchEntry& e, int32_t& kbps, bool& wave_header) {
+}  // namespace
+
+encoder::EncoderParams batch_encode_params(const BatchEntry& e, int32_t& kbps, bool& wave_header) {
   encoder::EncoderParams p;
   p.layer = std::atoi(e.fields[1].c_str());
   kbps = std::atoi(e.fields[2].c_str());
@@ -67,6 +69,8 @@ encoder::EncoderParams encode_params(const BatchEntry& e, int32_t& kbps, bool& w
   wave_header = on(4);
   return p;
 }
+
+namespace {
 
 // One in-process conversion from row on; returns the last row it took.
 int32_t run_in_process(BatchRun& run, int32_t row) {
@@ -89,7 +93,7 @@ int32_t run_in_process(BatchRun& run, int32_t row) {
     } else {
       int32_t kbps = 0;
       bool wave_header = false;
-      encoder::EncoderParams p = encode_params(e, kbps, wave_header);
+      encoder::EncoderParams p = batch_encode_params(e, kbps, wave_header);
       started = encoder::encoder_start(run.job, run.enc, e.source.c_str(), e.target.c_str(), p, kbps, wave_header);
       if (started == encoder::ENCODE_NOT_WAVE) message_box(CAPTION, "WAVEファイルではない");
       if (started == encoder::ENCODE_NO_DATA) message_box(CAPTION, "不正なWAVEファイル");
@@ -145,7 +149,7 @@ void on_child_interrupt(int) {
   } else {
     int32_t kbps = 0;
     bool wave_header = false;
-    encoder::EncoderParams p = encode_params(e, kbps, wave_header);
+    encoder::EncoderParams p = batch_encode_params(e, kbps, wave_header);
     started = encoder::encoder_start(job, enc, e.source.c_str(), e.target.c_str(), p, kbps, wave_header);
   }
   if (started != 0) _exit(1);

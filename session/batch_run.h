@@ -40,6 +40,10 @@ struct BatchRun {
   std::vector<int32_t> cancelled_rows;  // rows cancelled before their start
 };
 
+// An encode row's choices as its job takes them: the parameters (rate and mode letter, layer, model,
+// emphasis, flags), the bit rate in kbit/s and the WAVE wrapper.
+encoder::EncoderParams batch_encode_params(const library::BatchEntry& e, int32_t& kbps, bool& wave_header);
+
 // Starts the worker over all rows of run.list. Returns 0, or JOB_BUSY while a batch runs.
 int32_t start_batch(BatchRun& run);
 // Cancels one row: the running one stops ("-break-"), the rest go on. A row not yet started is

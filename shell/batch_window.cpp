@@ -15,11 +15,13 @@
 #include <string>
 #include <vector>
 
+#include "encoder/encoder.h"
 #include "library/batch.h"
 #include "library/settings.h"
 #include "session/batch_run.h"
 #include "session/messages.h"
 #include "session/session.h"
+#include "shell/convert_dialogs.h"
 #include "shell/dialogs.h"
 
 namespace shell {
@@ -272,6 +274,62 @@ void start_command() {
   if (bw->list.mode == library::BATCH_ENCODE) bw->timer = g_timeout_add(750, remaining_tick, nullptr);
 }
 
+// 40034, a row's detail: the encode dialog rewrites an encode row's choices, a decode row takes
+// another output file, the resample dialog rewrites a resample row's target format and quality.
+void detail_command(int32_t row) {
+  if (bw->running || row < 0 || row >= int32_t(bw->list.entries.size())) return;
+  library::BatchEntry& e = bw->list.entries[row];
+  GtkWindow* owner = GTK_WINDOW(bw->window);
+  library::BatchChoices c = choices();
+  if (bw->list.mode == library::BATCH_DECODE) {
+    std::string out =
+        choose(GTK_FILE_CHOOSER_ACTION_SAVE, "Target (PCM)", e.target.substr(e.target.rfind('/') + 1).c_str());
+    if (!out.empty()) e.target = out;
+  } else if (bw->list.mode == library::BATCH_RESAMPLE) {
+    ResampleChoices r;
+    library::batch_resample_params(e, r.rate, r.bits, r.channels, r.quality);
+    // The slider starts where this row's quality came from, so that OK alone keeps it.
+    r.quality = r.quality <= 1 ? r.quality + 1 : r.quality - 1;
+    if (!run_resample_dialog(owner, e.source.c_str(), r)) return;
+    c.rate = r.rate;
+    c.bits = r.bits;
+    c.channels = r.channels;
+    c.quality = r.quality;
+  } else {
+    EncodeChoices enc;
+    int32_t kbps = 0;
+    enc.params = session::batch_encode_params(e, kbps, enc.wave_header);
+    enc.params.mpeg1 = std::atoi(e.fields[0].c_str()) >= 32000;
+    // A rate the list doesn't offer for this layer stands in as the usual one (128 or 64 kbit/s
+    // at Layer II).
+    int32_t index = encoder::bitrate_index(enc.params.mpeg1, enc.params.layer, kbps);
+    enc.params.bit_rate_index = (index >= 4 ? index : enc.params.mpeg1 ? 9 : 8) - 1;
+    if (!run_encode_dialog(owner, e.source.c_str(), enc)) return;
+    const encoder::EncoderParams& p = enc.params;
+    c.layer = p.layer;
+    c.kbps = encoder::bitrate_kbps(p.mpeg1, p.layer, p.bit_rate_index);
+    c.psy_model = p.psy_model;
+    c.emphasis = p.emphasis;
+    c.mode_letter = p.mode == 3 ? 'm' : p.mode == 1 ? 'j' : 's';
+    c.flags = "-----";
+    int32_t on[5] = {p.extension, p.error_protection, p.copyright, p.original, enc.wave_header};
+    for (int32_t i = 0; i < 5; ++i)
+      if (on[i]) c.flags[i] = 'o';
+    // The output's extension names the layer it now holds.
+    size_t dot = e.target.rfind('.');
+    if (dot != std::string::npos && e.target.compare(dot, 3, ".mp") == 0 && e.target.size() == dot + 4)
+      e.target[dot + 3] = char('0' + p.layer);
+  }
+  if (bw->list.mode != library::BATCH_DECODE) {
+    // The columns are written as a new row of these choices has them.
+    library::BatchList one;
+    one.mode = bw->list.mode;
+    library::add_batch_entry(one, e.source, c);
+    for (int32_t i = 0; i < library::BATCH_FIELDS; ++i) e.fields[i] = one.entries[0].fields[i];
+  }
+  refill();
+}
+
 void cancel_row_command() {
   int32_t row = selected_row();
   if (row >= 0 && bw->running) session::cancel_batch_row(*bw->run, row);
@@ -413,6 +471,11 @@ void open_batch_window(int32_t mode) {
        {"batch_add_folder", "batch_load", "batch_save", "batch_cancel_row", "batch_clear", "batch_start"})
     g_signal_connect(gtk_builder_get_object(bw->ui, id), "clicked", G_CALLBACK(on_button), nullptr);
   g_signal_connect(bw->window, "key-press-event", G_CALLBACK(on_key), nullptr);
+  g_signal_connect(bw->view, "row-activated",
+                   G_CALLBACK(+[](GtkTreeView*, GtkTreePath* path, GtkTreeViewColumn*, gpointer) {
+                     detail_command(gtk_tree_path_get_indices(path)[0]);
+                   }),
+                   nullptr);
   g_signal_connect(bw->window, "delete-event", G_CALLBACK(+[](GtkWidget*, GdkEvent*, gpointer) -> gboolean {
                      close_batch_window();
                      return TRUE;

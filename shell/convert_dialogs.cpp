@@ -2,14 +2,19 @@
 
 #include <strings.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "encoder/job.h"
+#include "library/settings.h"
 #include "session/messages.h"
 #include "session/session.h"
 #include "shell/dialogs.h"
+#include "tools/resample.h"
 #include "tools/split.h"
+#include "tools/wave.h"
 
 namespace shell {
 
@@ -34,13 +39,19 @@ constexpr Filter decode_filters[] = {
 constexpr Filter open_mpeg[] = {{"MPEG audio layer-I, II, III (*.mp1;*.mp2;*.mp3)", "*.mp?;*.wav;*.rmp", nullptr},
                                 {ALL_FILES, "*.*", nullptr}};
 constexpr Filter open_system[] = {{"Load MPEG stream (*.mpg)", "*.mpg", nullptr}, {ALL_FILES, "*.*", nullptr}};
-constexpr Filter save_extracted[] = {{"Save MPEG/Audio (*.mp2;*.mp1)", "*.mp2;*.mp1;*.mpa", nullptr},
+constexpr Filter save_extracted[] = {{"Save MPEG/Audio (*.mp2;*.mp1)", "*.mp2;*.mp1;*.mpa", "mp2"},
                                      {ALL_FILES, "*.*", nullptr}};
+constexpr Filter open_wave[] = {{"Load Windows wave (*.wav)", "*.wav", nullptr}, {ALL_FILES, "*.*", nullptr}};
+constexpr Filter save_mpeg[] = {{"Save MPEG/Audio (*.mp3;*.mp2;*.mp1)", "*.mp?", nullptr},
+                                {"Save RIFF MPEG/Audio (*.wav)", "*.wav", nullptr},
+                                {ALL_FILES, "*.*", nullptr}};
+constexpr Filter save_resampled[] = {{"Resampled wave (*.wav)", "*.wav", "wav"}, {ALL_FILES, "*.*", nullptr}};
 
 // The folder the last chooser ended in: the next one opens there.
 std::string last_folder;
 
 struct Progress {
+  GtkBuilder* ui = nullptr;
   GtkWidget* dialog = nullptr;
   GtkWidget* bar = nullptr;
   GtkWidget* text = nullptr;
@@ -48,6 +59,8 @@ struct Progress {
   session::Job* job = nullptr;
   int32_t layer = 0;
   int32_t frames = 0;
+  bool cancelled = false;  // the job is over for this dialog: ended, or cancelled by its button
+  std::chrono::steady_clock::time_point opened;
 } progress;
 
 // Runs a chooser; filter_index is 1-based on entry and holds the chosen one on return. Returns the
@@ -135,14 +148,20 @@ bool busy() {
 void close_progress() {
   if (!progress.dialog) return;
   gtk_widget_destroy(progress.dialog);
+  g_object_unref(progress.ui);
   progress = {};
   session::set_window_open(session::WINDOW_PROGRESS, false);
 }
 
+bool hold() { return library::settings.hold != 0; }
+
 void progress_response(GtkDialog*, gint, gpointer) {
-  // The button cancels a running job, and closes the dialog once the job has ended.
-  if (progress.job && progress.job->busy.load()) {
+  // The button cancels a running job; once the job has ended it only closes the dialog, since
+  // nothing is left to interrupt.
+  if (!progress.cancelled && progress.job && progress.job->busy.load()) {
+    progress.cancelled = true;
     progress.job->cancel.store(1);
+    if (hold()) box("変換を中断します");
     session::wait_job(*progress.job);
   }
   close_progress();
@@ -152,36 +171,34 @@ void set_bar(double fraction) {
   gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(progress.bar), fraction < 0 ? 0 : fraction > 1 ? 1 : fraction);
 }
 
-// The job is done: the button says so and closing is left to the user.
-void finished(const char* button) {
-  if (progress.button) gtk_button_set_label(GTK_BUTTON(progress.button), button);
+// The job is done: with "Hold" the button says so and closing is left to the user; without, the
+// dialog goes. keep holds it open all the same (a splitter's error text).
+void finished(const char* button, bool keep) {
+  progress.cancelled = true;
+  if (!hold() && !keep) return close_progress();
+  set_bar(1);
+  gtk_button_set_label(GTK_BUTTON(progress.button), button);
 }
 
 // A short job may end before the dialog opened and took its messages; the end shows all the same.
 gboolean watch_end(gpointer dialog) {
   if (progress.dialog != dialog) return G_SOURCE_REMOVE;
   if (progress.job && progress.job->busy.load()) return G_SOURCE_CONTINUE;
-  set_bar(1);
-  finished("完了");
+  if (!progress.cancelled) finished("変換終了", false);
   return G_SOURCE_REMOVE;
 }
 
 void open_progress(session::Job& job, GtkWindow* parent, const std::string& input) {
   progress.job = &job;
-  progress.dialog = gtk_dialog_new();
+  progress.ui = gtk_builder_new_from_resource("/org/tovra/progress_dialog.ui");
+  progress.dialog = GTK_WIDGET(gtk_builder_get_object(progress.ui, "tvrthreaddlg"));
+  progress.bar = GTK_WIDGET(gtk_builder_get_object(progress.ui, "1002"));
+  progress.text = GTK_WIDGET(gtk_builder_get_object(progress.ui, "1003"));
+  progress.button = GTK_WIDGET(gtk_builder_get_object(progress.ui, "2"));
+  progress.opened = std::chrono::steady_clock::now();
   std::string name = input.substr(input.rfind('/') + 1);
-  gtk_window_set_title(GTK_WINDOW(progress.dialog), ("TOVRA convert - " + name).c_str());
+  gtk_window_set_title(GTK_WINDOW(progress.dialog), to_utf8(("TOVRA convert - " + name).c_str()).c_str());
   gtk_window_set_transient_for(GTK_WINDOW(progress.dialog), parent);
-  gtk_widget_set_name(progress.dialog, "tvrthreaddlg");
-  GtkWidget* area = gtk_dialog_get_content_area(GTK_DIALOG(progress.dialog));
-  progress.bar = gtk_progress_bar_new();
-  gtk_widget_set_name(progress.bar, "1002");
-  gtk_widget_set_size_request(progress.bar, 256, 10);
-  progress.text = gtk_label_new("");
-  gtk_widget_set_name(progress.text, "1003");
-  gtk_box_pack_start(GTK_BOX(area), progress.bar, FALSE, FALSE, 4);
-  gtk_box_pack_start(GTK_BOX(area), progress.text, FALSE, FALSE, 4);
-  progress.button = gtk_dialog_add_button(GTK_DIALOG(progress.dialog), "ｷｬﾝｾﾙ", 2);
   g_signal_connect(progress.dialog, "response", G_CALLBACK(progress_response), nullptr);
   g_signal_connect(progress.dialog, "delete-event", G_CALLBACK(gtk_true), nullptr);
   session::set_window_open(session::WINDOW_PROGRESS, true);
@@ -192,6 +209,23 @@ void open_progress(session::Job& job, GtkWindow* parent, const std::string& inpu
   gtk_window_move(GTK_WINDOW(progress.dialog), x, y + h + 8);
   gtk_widget_show_all(progress.dialog);
   g_timeout_add(200, watch_end, progress.dialog);
+}
+
+// Asks for an input with the first of a filter and "all files"; empty on Cancel.
+std::string choose_input(GtkWindow* parent, const Filter (&filters)[2]) {
+  int32_t index = 1;
+  return choose(parent, false, filters, 2, index, "");
+}
+
+// Asks for the output until it differs from the input; empty on Cancel.
+std::string choose_output(GtkWindow* parent, const Filter* filters, int32_t count, const std::string& in,
+                          const std::string& proposed) {
+  for (;;) {
+    int32_t index = 1;
+    std::string out = choose(parent, true, filters, count, index, proposed);
+    if (out.empty() || strcasecmp(in.c_str(), out.c_str()) != 0) return out;
+    box(SAME_NAME);
+  }
 }
 
 }  // namespace
@@ -226,13 +260,37 @@ void progress_message(int32_t msg, int64_t wparam, int64_t lparam) {
                          : wparam == 8 ? "オーディオフレーム書込みエラー"
                                        : "";
       gtk_label_set_text(GTK_LABEL(progress.text), said);
-      set_bar(1);
-      finished("抽出完了");
+      finished("抽出完了", *said != 0);
       break;
     }
+    case session::MSG_RESAMPLE_PROGRESS:
+      if (lparam < 256) break;
+      set_bar(double(wparam) / double(lparam));
+      std::snprintf(text, sizeof text, "anti-alias/resampling... %d%%", int(wparam / (lparam / 100)));
+      gtk_label_set_text(GTK_LABEL(progress.text), text);
+      break;
+    case session::MSG_PROGRESS_STATUS: {
+      const char* said = tools::wave_code_text(int32_t(wparam));
+      gtk_label_set_text(GTK_LABEL(progress.text), said ? said : "");
+      break;
+    }
+    case session::MSG_PROGRESS_ENCODE: {
+      int64_t done = lparam - wparam;
+      if (lparam < 256) break;
+      set_bar(double(done) / double(lparam));
+      // The time left follows the speed so far: elapsed * left / done, in whole minutes, at least 1.
+      int64_t elapsed =
+          std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - progress.opened).count();
+      int64_t minutes = done > 0 ? elapsed * wparam / done / 60 + 1 : 1;
+      std::snprintf(text, sizeof text, "encoding... %d%%  残り %d 分", int(done / (lparam / 100)), int(minutes));
+      gtk_label_set_text(GTK_LABEL(progress.text), text);
+      break;
+    }
+    case session::MSG_PROGRESS_NEXT:
+      gtk_widget_queue_draw(progress.dialog);
+      break;
     case session::MSG_PROGRESS_END:
-      set_bar(1);
-      finished("完了");
+      if (!progress.cancelled) finished("変換終了", false);
       break;
     default:
       break;
@@ -246,11 +304,7 @@ void convert_decode_file(session::Job& job, GtkWindow* parent, const char* given
   }
   if (busy()) return;
   std::string in = given ? given : "";
-  if (in.empty()) {
-    int32_t index = 1;
-    in = choose(parent, false, open_mpeg, 2, index, "");
-    if (in.empty()) return;
-  }
+  if (in.empty() && (in = choose_input(parent, open_mpeg)).empty()) return;
   std::string out;
   for (;;) {
     std::string proposed = stem(in) + (has_extension(in, ".wav") ? "_dec" : "");
@@ -284,17 +338,10 @@ void convert_decode_file(session::Job& job, GtkWindow* parent, const char* given
 
 void convert_split_file(session::Job& job, GtkWindow* parent) {
   if (busy()) return;
-  int32_t index = 1;
-  std::string in = choose(parent, false, open_system, 2, index, "");
+  std::string in = choose_input(parent, open_system);
   if (in.empty()) return;
-  std::string out;
-  for (;;) {
-    index = 1;
-    out = choose(parent, true, save_extracted, 2, index, stem(in) + ".mpa");
-    if (out.empty()) return;
-    if (strcasecmp(in.c_str(), out.c_str()) != 0) break;
-    box(SAME_NAME);
-  }
+  std::string out = choose_output(parent, save_extracted, 2, in, stem(in) + ".mpa");
+  if (out.empty()) return;
   int32_t started = tools::start_split(job, in.c_str(), out.c_str());
   if (started == 0 || started == 1) {
     open_progress(job, parent, in);
@@ -308,6 +355,53 @@ void convert_split_file(session::Job& job, GtkWindow* parent) {
     box(SAME_NAME);
   else
     box("error");
+}
+
+void convert_encode_file(session::Job& job, GtkWindow* parent, const char* given) {
+  if (busy()) return;
+  std::string in = given ? given : "";
+  if (in.empty() && (in = choose_input(parent, open_wave)).empty()) return;
+  encoder::EncoderParams& p = encode_choices.params;
+  p.bit_rate_index -= 1;
+  if (!run_encode_dialog(parent, in.c_str(), encode_choices)) return;
+  bool wrapped = p.layer == 3 && encode_choices.wave_header;
+  std::string proposed = stem(in) + (wrapped ? "_mp3.wav" : ".mp" + std::to_string(p.layer));
+  std::string out = choose_output(parent, save_mpeg, 3, in, proposed);
+  if (out.empty()) return;
+  static encoder::EncodeJob enc;  // lives until the job has ended, as the job runner needs
+  if (!job.busy.load()) enc = encoder::EncodeJob{};
+  int32_t kbps = encoder::bitrate_kbps(p.mpeg1, p.layer, p.bit_rate_index);
+  int32_t started = encoder::encoder_start(job, enc, in.c_str(), out.c_str(), p, kbps, encode_choices.wave_header);
+  if (started == encoder::ENCODE_OK) return open_progress(job, parent, in);
+  if (started == encoder::ENCODE_NO_INPUT)
+    box_path("'%s'が開けない", in);
+  else if (started == encoder::ENCODE_NO_OUTPUT)
+    box_path("'%s'が開けない", out);
+  else if (started == encoder::ENCODE_NOT_WAVE)
+    box("WAVEファイルではない");
+  else if (started == encoder::ENCODE_NO_DATA)
+    box("不正なWAVEファイル");
+  else if (started == encoder::ENCODE_SAME_FILE)
+    box(SAME_NAME);
+  else if (started != encoder::ENCODE_EMPTY)
+    box("error");
+}
+
+void convert_resample_file(session::Job& job, GtkWindow* parent) {
+  if (busy()) return;
+  std::string in = choose_input(parent, open_wave);
+  if (in.empty()) return;
+  ResampleChoices c;  // no pending quality: the slider starts where it always does
+  if (!run_resample_dialog(parent, in.c_str(), c)) return;
+  std::string out = choose_output(parent, save_resampled, 2, in, stem(in) + "_rs.wav");
+  if (out.empty()) return;
+  int32_t started = tools::start_resample(job, in.c_str(), out.c_str(), c.rate, c.bits, c.channels, c.quality);
+  if (started == 0)
+    open_progress(job, parent, in);
+  else if (started == tools::RESAMPLE_SAME_FILE)
+    box(SAME_NAME);
+  else
+    box("ファイルオープンに失敗");
 }
 
 }  // namespace shell

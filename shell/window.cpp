@@ -42,6 +42,7 @@
 #include "shell/title.h"
 #include "shell/visual.h"
 #include "shell/visual_core.h"
+#include "tools/wave.h"
 
 namespace shell {
 
@@ -826,8 +827,14 @@ void command(int32_t id, int32_t tag) {
     case 40003:
       convert_decode_file(app.converter, GTK_WINDOW(app.window), nullptr);
       break;
+    case 40004:
+      convert_encode_file(app.converter, GTK_WINDOW(app.window), nullptr);
+      break;
     case 40005:
       convert_split_file(app.converter, GTK_WINDOW(app.window));
+      break;
+    case 40015:
+      convert_resample_file(app.converter, GTK_WINDOW(app.window));
       break;
     default:
       break;  // the converters' commands belong to their windows
@@ -1459,14 +1466,22 @@ int32_t process_entry(int argc, char** argv) {
     return 0;
   }
   app.main_thread = g_thread_self();
-  std::string command_line = library::join_command_line(argc - 1, argv + 1);
+  // A WAVE file of samples alone on the command line is given to be converted (the desktop offers
+  // WAVE files to this program for that only): it opens the encode dialog, not the playlist. A
+  // WAVE wrapping MPEG audio still plays.
+  static std::string to_encode;
+  tools::WaveHeader wave;
+  if (argc == 2 && tools::probe_wave_file(argv[1], wave) == tools::WAVE_OK) to_encode = argv[1];
+  std::string command_line = to_encode.empty() ? library::join_command_line(argc - 1, argv + 1) : std::string();
 
   // Instance test. The toolkit comes up first here only because Ctrl's state is asked of it.
   GdkKeymap* keymap = gdk_keymap_get_for_display(gdk_display_get_default());
   bool ctrl_held = gdk_keymap_get_modifier_state(keymap) & GDK_CONTROL_MASK;
   bool shift_held = gdk_keymap_get_modifier_state(keymap) & GDK_SHIFT_MASK;
   app.folder = library::instance_folder();
-  if (library::claim_instance(command_line.c_str(), ctrl_held, app.lock, app.folder) != 0) return -1;
+  // A WAVE to convert runs beside a playing window, as a further one, rather than being handed over.
+  if (library::claim_instance(command_line.c_str(), ctrl_held || !to_encode.empty(), app.lock, app.folder) != 0)
+    return -1;
 
   library::StartPlacement place;
   library::start_up_settings(command_line.c_str(), shift_held, work_area(), place);
@@ -1512,6 +1527,13 @@ int32_t process_entry(int argc, char** argv) {
   gtk_widget_show_all(app.window);
   gtk_window_move(GTK_WINDOW(app.window), place.x, place.y);
   mpris_start();
+  if (!to_encode.empty())
+    g_idle_add(
+        +[](gpointer) -> gboolean {
+          convert_encode_file(app.converter, GTK_WINDOW(app.window), to_encode.c_str());
+          return G_SOURCE_REMOVE;
+        },
+        nullptr);
 
   gtk_main();
 
