@@ -724,7 +724,10 @@ void command(int32_t id, int32_t tag) {
       close_command();
       break;
     case CMD_ABOUT:
-      show_box(session::CAPTION_INFORMATION, "TOVRA version 1.10", session::BOX_OK);
+      run_about_dialog(GTK_WINDOW(app.window));
+      break;
+    case CMD_WAVE_SETTINGS:
+      run_wave_settings_dialog(GTK_WINDOW(app.window));
       break;
     case CMD_RENDER_60:
       set_render(17);
