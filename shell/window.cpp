@@ -706,10 +706,22 @@ void load_files_command() {
   post_command(CMD_PLAY, 3);
 }
 
+// Polls every 200 ms for the cancelled batch's window to go, then closes the program.
+gboolean close_after_batch(gpointer) {
+  if (batch_window_open()) return G_SOURCE_CONTINUE;
+  post_command(CMD_CLOSE, 0);
+  return G_SOURCE_REMOVE;
+}
+
 void close_command() {
-  if (session::window_open(session::WINDOW_PROGRESS) &&
-      show_box(session::CAPTION, BUSY_CONVERTING, session::BOX_YES_NO) != session::ANSWER_YES)
+  // A batch has no progress dialog of its own: a running one asks as a running job does.
+  bool converting = session::window_open(session::WINDOW_PROGRESS) || batch_window_running();
+  if (converting && show_box(session::CAPTION, BUSY_CONVERTING, session::BOX_YES_NO) != session::ANSWER_YES) return;
+  // The batch's rows end (their outputs settled, the forked ones too) before the program does.
+  if (!end_batch_window()) {
+    g_timeout_add(200, close_after_batch, nullptr);
     return;
+  }
   if (session::window_open(session::WINDOW_PROGRESS)) {
     app.converter.cancel.store(1);
     session::wait_job(app.converter);
