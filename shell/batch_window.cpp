@@ -66,24 +66,25 @@ library::BatchChoices choices() {
 
 void set_caption(const std::string& text) { gtk_window_set_title(GTK_WINDOW(bw->window), text.c_str()); }
 
+void show_row(GtkTreeIter* it, const library::BatchEntry& e) {
+  int32_t count = library::batch_column_count(bw->list.mode);
+  for (int32_t c = 0; c < count; ++c)
+    gtk_list_store_set(bw->rows, it, c, to_utf8(library::batch_column_text(bw->list.mode, e, c).c_str()).c_str(), -1);
+}
+
 void refill() {
   gtk_list_store_clear(bw->rows);
-  int32_t count = library::batch_column_count(bw->list.mode);
   for (const library::BatchEntry& e : bw->list.entries) {
     GtkTreeIter it;
     gtk_list_store_append(bw->rows, &it);
-    for (int32_t c = 0; c < count; ++c)
-      gtk_list_store_set(bw->rows, &it, c, to_utf8(library::batch_column_text(bw->list.mode, e, c).c_str()).c_str(),
-                         -1);
+    show_row(&it, e);
   }
 }
 
+// One row's texts again; the selection stays.
 void refresh_row(int32_t row) {
   GtkTreeIter it;
-  if (!gtk_tree_model_iter_nth_child(GTK_TREE_MODEL(bw->rows), &it, nullptr, row)) return;
-  int32_t last = library::batch_column_count(bw->list.mode) - 1;
-  const library::BatchEntry& e = bw->list.entries[row];
-  gtk_list_store_set(bw->rows, &it, last, library::batch_column_text(bw->list.mode, e, last).c_str(), -1);
+  if (gtk_tree_model_iter_nth_child(GTK_TREE_MODEL(bw->rows), &it, nullptr, row)) show_row(&it, bw->list.entries[row]);
 }
 
 bool has_ext(const std::string& name, const char* ext) {
@@ -207,8 +208,10 @@ std::vector<int32_t> selected_rows() {
 // 40061-40065: the decode format of every selected row.
 void set_decode_format_command(GtkMenuItem*, gpointer code) {
   if (bw->running) return;
-  for (int32_t row : selected_rows()) library::set_decode_format(bw->list.entries[row], GPOINTER_TO_INT(code));
-  refill();
+  for (int32_t row : selected_rows()) {
+    library::set_decode_format(bw->list.entries[row], GPOINTER_TO_INT(code));
+    refresh_row(row);
+  }
 }
 
 // The decoder's context menu: the five formats, in code order from 40061.
