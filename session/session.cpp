@@ -159,13 +159,13 @@ int32_t decode_file_thread(Job& job) {
       }
     }
 
+    close_files();  // the buffered end is written before anyone hears that the row is done
     if (in_batch) {
       post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, outcome == OUTCOME_DONE ? JOB_DONE : JOB_CANCELLED, job_index);
     } else {
       if (outcome == OUTCOME_DONE) report_progress(frames, sampling_index);
       post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
     }
-    close_files();
     if (!in_batch) break;
 
     // Next job of the batch list: -1 means nothing to do at that index, a value outside 0-4 that
