@@ -161,8 +161,11 @@ std::string processor_name(const CpuidWords& cpu, const char* machine) {
   } else {
     Vendor v = V_OTHER;
     const char* word = "";
-    for (const VendorName& n : vendors)
-      if (std::strncmp(cpu.vendor, n.id, 12) == 0) v = n.vendor, word = n.word;
+    for (const VendorName& n : vendors) {
+      if (std::strncmp(cpu.vendor, n.id, 12) != 0) continue;
+      v = n.vendor;
+      word = n.word;
+    }
     uint32_t family = (cpu.version >> 8) & 15, model = (cpu.version >> 4) & 15;
     std::string rest = cpu.max_leaf == 0 ? "Type unknown" : model_name(v, family, model, (cpu.features >> 23) & 1);
     name = word;
