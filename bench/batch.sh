@@ -2,8 +2,8 @@
 # Batch decoding speed: 40 MP3s of 30 s (128 kbit/s joint stereo, 44.1 kHz, made by sox and lame)
 # decoded to WAVE by tovra-cli batch with --jobs at the processor count, with --jobs 1, and by a
 # shell loop of mpg123 -w over the same files, all timed by hyperfine in one run. Prints the
-# processor-count run's wall time over each of the other two, and checks that both batch runs wrote
-# the same bytes.
+# processor-count run's wall time over each of the other two and each run's processor time, and
+# checks that both batch runs wrote the same bytes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cli=$(realpath "${TOVRA_CLI:-build/release/tovra-cli}")
@@ -31,10 +31,16 @@ hyperfine --style basic --warmup 1 --runs "${BENCH_RUNS:-3}" --export-json "$wor
 
 python3 - "$work/times.json" "$jobs" <<'EOF'
 import json, sys
-results = {r["command"]: r["mean"] for r in json.load(open(sys.argv[1]))["results"]}
-ours = results.pop("jobs-" + sys.argv[2])
+runs = json.load(open(sys.argv[1]))["results"]
+results = {r["command"]: r["mean"] for r in runs}
+cpu = {r["command"]: r["user"] + r["system"] for r in runs}
+name_ours = "jobs-" + sys.argv[2]
+ours = results.pop(name_ours)
 for name, wall in results.items():
     print("batch: jobs-%s / %s = %.2f wall (%.3f s vs %.3f s)" % (sys.argv[2], name, ours / wall, ours, wall))
+# Processor time (user + system, children included) tells the cost apart from the machine's load.
+for name, t in cpu.items():
+    print("batch: %s processor time %.3f s" % (name, t))
 EOF
 if diff -r "$work/one" "$work/many" >/dev/null; then echo "batch: --jobs $jobs and --jobs 1 wrote the same bytes"
 else echo "batch: --jobs $jobs and --jobs 1 differ"; exit 1; fi

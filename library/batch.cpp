@@ -196,6 +196,14 @@ int32_t batch_decode_format(const BatchEntry& entry) {
   return 0;
 }
 
+void set_decode_format(BatchEntry& entry, int32_t code) {
+  entry.fields[0] = format_names[code];
+  size_t dot = entry.target.rfind('.');
+  size_t slash = entry.target.rfind('/');
+  if (dot != std::string::npos && (slash == std::string::npos || dot > slash)) entry.target.resize(dot);
+  entry.target += std::string(".") + format_names[code];
+}
+
 void batch_resample_params(const BatchEntry& entry, int32_t& rate, int32_t& bits, int32_t& channels, int32_t& quality) {
   quality = std::atoi(entry.fields[0].c_str());
   const std::string& f = entry.fields[1];

@@ -85,6 +85,8 @@ std::string batch_remaining_caption(int32_t index, int32_t total, int32_t minute
 // bits and channels behind the arrow, and the quality. Encode: layer, kbps, model, emphasis, the
 // mode letter and flags.
 int32_t batch_decode_format(const BatchEntry& entry);
+// A decode row's format 0-4 ("raw" .. "voc"): the "Format" column and the target's extension.
+void set_decode_format(BatchEntry& entry, int32_t code);
 void batch_resample_params(const BatchEntry& entry, int32_t& rate, int32_t& bits, int32_t& channels, int32_t& quality);
 // A WAVE file's facts from its header; false when it can't be read as PCM WAVE.
 bool probe_wave(const char* path, int32_t& rate, int32_t& bits, int32_t& channels, uint32_t& data_size);

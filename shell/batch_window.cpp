@@ -68,24 +68,25 @@ library::BatchChoices choices() {
 
 void set_caption(const std::string& text) { gtk_window_set_title(GTK_WINDOW(bw->window), text.c_str()); }
 
+void show_row(GtkTreeIter* it, const library::BatchEntry& e) {
+  int32_t count = library::batch_column_count(bw->list.mode);
+  for (int32_t c = 0; c < count; ++c)
+    gtk_list_store_set(bw->rows, it, c, to_utf8(library::batch_column_text(bw->list.mode, e, c).c_str()).c_str(), -1);
+}
+
 void refill() {
   gtk_list_store_clear(bw->rows);
-  int32_t count = library::batch_column_count(bw->list.mode);
   for (const library::BatchEntry& e : bw->list.entries) {
     GtkTreeIter it;
     gtk_list_store_append(bw->rows, &it);
-    for (int32_t c = 0; c < count; ++c)
-      gtk_list_store_set(bw->rows, &it, c, to_utf8(library::batch_column_text(bw->list.mode, e, c).c_str()).c_str(),
-                         -1);
+    show_row(&it, e);
   }
 }
 
+// One row's texts again; the selection stays.
 void refresh_row(int32_t row) {
   GtkTreeIter it;
-  if (!gtk_tree_model_iter_nth_child(GTK_TREE_MODEL(bw->rows), &it, nullptr, row)) return;
-  int32_t last = library::batch_column_count(bw->list.mode) - 1;
-  const library::BatchEntry& e = bw->list.entries[row];
-  gtk_list_store_set(bw->rows, &it, last, library::batch_column_text(bw->list.mode, e, last).c_str(), -1);
+  if (gtk_tree_model_iter_nth_child(GTK_TREE_MODEL(bw->rows), &it, nullptr, row)) show_row(&it, bw->list.entries[row]);
 }
 
 bool has_ext(const std::string& name, const char* ext) {
@@ -195,14 +196,45 @@ void save_command() {
   }
 }
 
-int32_t selected_row() {
-  GtkTreeModel* model = nullptr;
-  GtkTreeIter it;
-  if (!gtk_tree_selection_get_selected(gtk_tree_view_get_selection(bw->view), &model, &it)) return -1;
-  GtkTreePath* p = gtk_tree_model_get_path(model, &it);
-  int32_t row = gtk_tree_path_get_indices(p)[0];
-  gtk_tree_path_free(p);
-  return row;
+// The selected rows in list order.
+std::vector<int32_t> selected_rows() {
+  std::vector<int32_t> rows;
+  GList* paths = gtk_tree_selection_get_selected_rows(gtk_tree_view_get_selection(bw->view), nullptr);
+  for (GList* l = paths; l; l = l->next)
+    rows.push_back(gtk_tree_path_get_indices(static_cast<GtkTreePath*>(l->data))[0]);
+  g_list_free_full(paths, reinterpret_cast<GDestroyNotify>(gtk_tree_path_free));
+  std::sort(rows.begin(), rows.end());
+  return rows;
+}
+
+// 40061-40065: the decode format of every selected row.
+void set_decode_format_command(GtkMenuItem*, gpointer code) {
+  if (bw->running) return;
+  for (int32_t row : selected_rows()) {
+    library::set_decode_format(bw->list.entries[row], GPOINTER_TO_INT(code));
+    refresh_row(row);
+  }
+}
+
+// The decoder's context menu: the five formats, in code order from 40061.
+gboolean on_list_press(GtkWidget*, GdkEventButton* e, gpointer) {
+  if (e->button != GDK_BUTTON_SECONDARY || e->type != GDK_BUTTON_PRESS) return FALSE;
+  if (bw->list.mode != library::BATCH_DECODE || bw->running) return FALSE;
+  static GtkWidget* menu = nullptr;
+  if (!menu) {
+    menu = gtk_menu_new();
+    g_object_ref_sink(menu);  // kept for the process, as the window's other menus are
+    constexpr const char* labels[] = {"_raw", "_wav", "a_if", "_au", "_voc"};
+    for (int32_t code = 0; code < 5; ++code) {
+      GtkWidget* item = gtk_menu_item_new_with_mnemonic(labels[code]);
+      gtk_widget_set_name(item, ("batch_" + std::to_string(40061 + code)).c_str());
+      g_signal_connect(item, "activate", G_CALLBACK(set_decode_format_command), GINT_TO_POINTER(code));
+      gtk_menu_shell_append(GTK_MENU_SHELL(menu), item);
+    }
+    gtk_widget_show_all(menu);
+  }
+  gtk_menu_popup_at_pointer(GTK_MENU(menu), reinterpret_cast<GdkEvent*>(e));
+  return TRUE;  // the selection stays as it is: the menu acts on all of it
 }
 
 void set_buttons(bool sensitive) {
@@ -250,6 +282,11 @@ void start_command() {
     show_box(session::CAPTION, "再生中は変換できません", session::BOX_OK);
     return;
   }
+  // With "Hold" the progress stays open after each file, so an encoding batch is started only on
+  // a second word.
+  if (bw->list.mode == library::BATCH_ENCODE && library::settings.hold &&
+      show_box(session::CAPTION, "バッチエンコードを開始します", session::BOX_OK_CANCEL) != session::ANSWER_OK)
+    return;
   for (library::BatchEntry& e : bw->list.entries) e.status = library::STATUS_NONE;
   refill();
   bw->run = new session::BatchRun;
@@ -331,8 +368,8 @@ void detail_command(int32_t row) {
 }
 
 void cancel_row_command() {
-  int32_t row = selected_row();
-  if (row >= 0 && bw->running) session::cancel_batch_row(*bw->run, row);
+  if (!bw->running) return;
+  for (int32_t row : selected_rows()) session::cancel_batch_row(*bw->run, row);
 }
 
 // Header clicks: the target's picks the mode's output folder, the source's offers to clear it, and
@@ -347,15 +384,8 @@ void on_header(GtkTreeViewColumn*, gpointer column) {
     if (show_box(session::CAPTION, "出力パスを初期化しますか？", session::BOX_YES_NO) == session::ANSWER_YES)
       out_dir(bw->list.mode).clear();
   } else if (c == 2 && bw->list.mode == library::BATCH_DECODE && !bw->list.entries.empty()) {
-    constexpr const char* names[] = {"raw", "wav", "aif", "au", "voc"};
     int32_t next = (library::batch_decode_format(bw->list.entries[0]) + 1) % 5;
-    for (library::BatchEntry& e : bw->list.entries) {
-      e.fields[0] = names[next];
-      size_t dot = e.target.rfind('.');
-      size_t slash = e.target.rfind('/');
-      if (dot != std::string::npos && (slash == std::string::npos || dot > slash)) e.target.resize(dot);
-      e.target += std::string(".") + names[next];
-    }
+    for (library::BatchEntry& e : bw->list.entries) library::set_decode_format(e, next);
     refill();
   }
 }
@@ -368,6 +398,14 @@ void destroy_window() {
   bw = nullptr;
 }
 
+void cancel_and_hide() {
+  for (size_t row = 0; row < bw->list.entries.size(); ++row)
+    if (bw->list.entries[row].status == library::STATUS_RUNNING) session::cancel_batch_row(*bw->run, int32_t(row));
+  session::cancel_batch(*bw->run);
+  bw->closing = true;
+  gtk_widget_hide(bw->window);
+}
+
 // A window closed mid-run hides until the batch's last message, so that the worker never posts to a
 // window that is gone.
 void close_batch_window() {
@@ -378,11 +416,7 @@ void close_batch_window() {
       return;
   }
   if (!bw->running) return destroy_window();  // it may have ended during the question
-  for (size_t row = 0; row < bw->list.entries.size(); ++row)
-    if (bw->list.entries[row].status == library::STATUS_RUNNING) session::cancel_batch_row(*bw->run, int32_t(row));
-  session::cancel_batch(*bw->run);
-  bw->closing = true;
-  gtk_widget_hide(bw->window);
+  cancel_and_hide();
 }
 
 void on_button(GtkButton* b, gpointer) {
@@ -410,8 +444,8 @@ gboolean on_key(GtkWidget*, GdkEventKey* e, gpointer) {
   if (e->keyval == GDK_KEY_Delete) {
     if (bw->running) {
       cancel_row_command();
-    } else if (int32_t row = selected_row(); row >= 0) {
-      bw->list.entries.erase(bw->list.entries.begin() + row);
+    } else if (std::vector<int32_t> rows = selected_rows(); !rows.empty()) {
+      for (size_t i = rows.size(); i-- > 0;) bw->list.entries.erase(bw->list.entries.begin() + rows[i]);
       refill();
     }
   } else if (ctrl && e->keyval == GDK_KEY_s) {
@@ -432,6 +466,17 @@ gboolean on_key(GtkWidget*, GdkEventKey* e, gpointer) {
 }  // namespace
 
 bool batch_window_open() { return bw != nullptr; }
+bool batch_window_running() { return bw && bw->running; }
+
+bool end_batch_window() {
+  if (!bw) return true;
+  if (!bw->running) {
+    destroy_window();
+    return true;
+  }
+  if (!bw->closing) cancel_and_hide();
+  return false;
+}
 
 void open_batch_window(int32_t mode) {
   if (bw && bw->closing) {
@@ -476,6 +521,8 @@ void open_batch_window(int32_t mode) {
                      detail_command(gtk_tree_path_get_indices(path)[0]);
                    }),
                    nullptr);
+  gtk_tree_selection_set_mode(gtk_tree_view_get_selection(bw->view), GTK_SELECTION_MULTIPLE);
+  g_signal_connect(bw->view, "button-press-event", G_CALLBACK(on_list_press), nullptr);
   g_signal_connect(bw->window, "delete-event", G_CALLBACK(+[](GtkWidget*, GdkEvent*, gpointer) -> gboolean {
                      close_batch_window();
                      return TRUE;
@@ -487,6 +534,7 @@ void open_batch_window(int32_t mode) {
   set_caption(library::batch_ready_caption(mode));
   session::set_window_open(session::WINDOW_BATCH, true);
   gtk_widget_show_all(bw->window);
+  gtk_widget_grab_focus(GTK_WIDGET(bw->view));  // the keys of the list (Delete, Ctrl+A) work at once
   drop_from_environment();
 }
 

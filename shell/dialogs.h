@@ -1,8 +1,11 @@
-// The two editors the main window opens: the tag dialog "TOVRA - ID3tag editor" (modeless on the
-// playing stream, or modal on one file of a series) and the playlist editor "tvrplaylistdlg", a
-// modeless window whose list view mirrors the playlist table. Both live on the main thread; other
-// threads reach the playlist editor through the message sink (window WINDOW_PLAYLIST).
+// The dialogs the main window opens: the tag dialog "TOVRA - ID3tag editor" (modeless on the playing
+// stream, or modal on one file of a series), the playlist editor "tvrplaylistdlg", a modeless window
+// whose list view mirrors the playlist table, and the modal about and wave output settings boxes.
+// All live on the main thread; other threads reach the playlist editor through the message sink
+// (window WINDOW_PLAYLIST).
 #pragma once
+
+#include <gtk/gtk.h>
 
 #include <cstdint>
 #include <string>
@@ -23,6 +26,11 @@ bool playlist_editor_open();
 void present_playlist_editor();
 // A message for the playlist editor: 1042 (refresh) or 273 (command, wparam its id, lparam its tag).
 void playlist_editor_message(int32_t msg, int64_t wparam, int64_t lparam);
+
+// 40002: the modal about box "tvraboutdlg": the processor, the system and the memory.
+void run_about_dialog(GtkWindow* parent);
+// 40014: the modal wave output settings "tvrsettingdlg": device, rate and the output switches.
+void run_wave_settings_dialog(GtkWindow* parent);
 
 // What the main window shares with its dialogs: names in UTF-8 (bytes that are not UTF-8 are
 // read as code page 932), message boxes, and list files (".m3u", ".pl*") read from their folder.

@@ -83,6 +83,7 @@ struct Main {
 
   // The one converter job the window runs at a time (decode, resample, split, encode).
   session::Job converter;
+  bool closing_after_batch = false;  // the close waits for a cancelled batch's rows to end
 };
 Main app;
 
@@ -707,10 +708,25 @@ void load_files_command() {
   post_command(CMD_PLAY, 3);
 }
 
+// Polls every 200 ms for the cancelled batch's window to go, then closes the program.
+gboolean close_after_batch(gpointer) {
+  if (batch_window_open()) return G_SOURCE_CONTINUE;
+  app.closing_after_batch = false;
+  post_command(CMD_CLOSE, 0);
+  return G_SOURCE_REMOVE;
+}
+
 void close_command() {
-  if (session::window_open(session::WINDOW_PROGRESS) &&
-      show_box(session::CAPTION, BUSY_CONVERTING, session::BOX_YES_NO) != session::ANSWER_YES)
+  if (app.closing_after_batch) return;
+  // A batch has no progress dialog of its own: a running one asks as a running job does.
+  bool converting = session::window_open(session::WINDOW_PROGRESS) || batch_window_running();
+  if (converting && show_box(session::CAPTION, BUSY_CONVERTING, session::BOX_YES_NO) != session::ANSWER_YES) return;
+  // The batch's rows end (their outputs settled, the forked ones too) before the program does.
+  if (!end_batch_window()) {
+    app.closing_after_batch = true;
+    g_timeout_add(200, close_after_batch, nullptr);
     return;
+  }
   if (session::window_open(session::WINDOW_PROGRESS)) {
     app.converter.cancel.store(1);
     session::wait_job(app.converter);
@@ -725,7 +741,10 @@ void command(int32_t id, int32_t tag) {
       close_command();
       break;
     case CMD_ABOUT:
-      show_box(session::CAPTION_INFORMATION, "TOVRA version 1.10", session::BOX_OK);
+      run_about_dialog(GTK_WINDOW(app.window));
+      break;
+    case CMD_WAVE_SETTINGS:
+      run_wave_settings_dialog(GTK_WINDOW(app.window));
       break;
     case CMD_RENDER_60:
       set_render(17);

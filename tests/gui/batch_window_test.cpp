@@ -1,7 +1,8 @@
 // The batch window under a real X server (run under xvfb-run): each mode takes a folder through the
 // drop handler (fed by TOVRA_BATCH_DROP, since an X server without a drag source can't drop), saves
-// and loads its .m3e list, and converts; the outputs equal tovra-cli batch's for the same list. An
-// encoding batch of ten rows loses the one cancelled mid-run and finishes the rest.
+// and loads its .m3e list, and converts (the decoder's rows set to raw by the context menu); the outputs equal
+// tovra-cli batch's for the same list. An encoding batch of ten rows loses the one cancelled mid-run and finishes the
+// rest.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -126,11 +127,16 @@ TEST(BatchWindow, ThreeModesFillSaveLoadAndConvertLikeTheCli) {
             dir.file("mp3/m0.mp3") + "\r\n" + dir.file("mp3/m1.mp3") + "\r\n");
   p.keys(p.batch(), "alt+l");
   p.open("d", dir.file("dec.m3e"), "Ready TOVRA decoder");
+  // Both rows to raw by the list's context menu (40061): the targets take the extension.
+  test::run("xdotool mousemove --window " + p.batch() + " --sync 200 70 click 1");
+  p.keys(p.batch(), "ctrl+a");
+  test::run("xdotool click 3 sleep 0.5 key r");
+  for (std::string& d : decoded) d.replace(d.size() - 3, 3, "raw");
   p.shot("batch_decode");
   p.keys(p.batch(), "Return");
   ASSERT_TRUE(wait_until([&] { return exists(decoded[1]) && p.title() == "Ready TOVRA decoder"; }));
   p.shot("batch_decode_done");
-  expect_same_as_cli(dir, dir.file("dec.m3e"), "--mode decode", decoded);
+  expect_same_as_cli(dir, dir.file("dec.m3e"), "--mode decode --format raw", decoded);
 
   // Resample: another mode closes the idle window and opens its own.
   p.open("g", dir.file("rs"), "Ready TOVRA re-sampler");

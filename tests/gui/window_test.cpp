@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "library/instance.h"
 #include "support/support.h"
 
 namespace {
@@ -340,6 +341,33 @@ TEST_F(Window, TrayRoundTripAndHotKey) {
   EXPECT_TRUE(wait_until([&] { return p.visible(); }));
   p.click(276, 12);
   EXPECT_EQ(p.wait_exit(), 0);
+}
+
+// F1 shows the about box; the wave output settings (40014, as the menu sends it) change two values
+// that the settings file holds after the end.
+TEST_F(Window, AboutBoxAndWaveSettingsReachTheSettingsFile) {
+  test::TempDir dir;
+  Player p(dir);
+  p.start({});
+  test::run("xdotool windowfocus --sync " + p.window + " key F1");
+  std::string about;
+  EXPECT_TRUE(
+      wait_until([&] { return !(about = trim(test::run_output("xdotool search --name 'ﾊﾞｰｼﾞｮﾝ情報'"))).empty(); }));
+  test::run("import -window root '" + std::string(TOVRA_SHOT_DIR) + "/about_box.png'");
+  test::run("xdotool windowfocus --sync " + about + " key Return");
+  library::RemoteMessage settings{273, 0, 40014, 0};
+  ASSERT_TRUE(library::send_remote_messages(library::instance_folder(), &settings, 1, nullptr));
+  std::string dialog;
+  ASSERT_TRUE(wait_until(
+      [&] { return !(dialog = trim(test::run_output("xdotool search --name 'WaveOut Settings'"))).empty(); }));
+  test::run("import -window root '" + std::string(TOVRA_SHOT_DIR) + "/wave_settings.png'");
+  test::run("xdotool windowfocus --sync " + dialog + " key --delay 100 alt+s alt+2 Return");
+  EXPECT_TRUE(wait_until([&] { return trim(test::run_output("xdotool search --name 'WaveOut Settings'")).empty(); }));
+  p.click(276, 12);
+  EXPECT_EQ(p.wait_exit(), 0);
+  EXPECT_EQ(ini_value(p.ini(), "Stereo"), "0");
+  EXPECT_EQ(ini_value(p.ini(), "Rate"), "1");
+  EXPECT_EQ(ini_value(p.ini(), "16bit"), "1");
 }
 
 // The mean brightness (0-1) of a rectangle of a screenshot.

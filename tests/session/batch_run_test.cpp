@@ -47,11 +47,13 @@ TEST(BatchRun, CancelOfOneRowLeavesTheRestToRun) {
   list.mode = library::BATCH_DECODE;
   library::BatchChoices c;
   c.out_dir = dir.path;
-  ASSERT_EQ(test::run("lame --quiet -b 128 " + wav + " " + dir.file("a.mp3")), 0);
-  for (const char* name : {"a.mp3", "b.mp3", "c.mp3"}) {
-    ASSERT_EQ(test::run("cp -n " + dir.file("a.mp3") + " " + dir.file(name)), 0);
-    library::add_batch_entry(list, dir.file(name), c);
-  }
+  ASSERT_EQ(test::run("lame --quiet -b 128 " + wav + " " + dir.file("b.mp3")), 0);
+  // The cancelled row is ten minutes long (the same frames ten times over), so that it is still
+  // running when the cancel comes on a loaded machine; a minute decodes in some 30 ms.
+  std::string b = dir.file("b.mp3");
+  ASSERT_EQ(test::run("for i in 1 2 3 4 5 6 7 8 9 10; do cat " + b + "; done > " + dir.file("a.mp3")), 0);
+  ASSERT_EQ(test::run("cp " + b + " " + dir.file("c.mp3")), 0);
+  for (const char* name : {"a.mp3", "b.mp3", "c.mp3"}) library::add_batch_entry(list, dir.file(name), c);
   session::set_sink({apply, nullptr});
   session::set_window_open(session::WINDOW_BATCH, true);
   for (int32_t jobs : {1, 2}) {
