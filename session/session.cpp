@@ -67,17 +67,6 @@ void close_files() {
   reader.file = nullptr;
 }
 
-// The output file of a job. A frame's samples come in one write of a few kilobytes; stdio's own
-// buffer of one page would pass each to the system on its own, some 1300 calls for a 30-second
-// track, so the file gets a buffer of 64 KiB (the C library sizes a buffer of its own by the disk's
-// block). There is one output file at a time, state.out_file, and so one buffer.
-FILE* open_output(const char* path) {
-  static char buffer[1 << 16];
-  FILE* f = std::fopen(path, "w+b");
-  if (f) std::setvbuf(f, buffer, _IOFBF, sizeof buffer);
-  return f;
-}
-
 // Messages of the running job go to the batch list if one exists, else to the progress window.
 void report_progress(int32_t frames, int32_t sampling_index) {
   post_message(WINDOW_PROGRESS, MSG_PROGRESS_FRAMES, frames, progress_rate[sampling_index % 3]);
