@@ -8,7 +8,6 @@
 #include <cstring>
 #include <thread>
 
-#include "decoder/synth.h"
 #include "output/ring.h"
 #include "output/wave.h"
 #include "session/play.h"
@@ -38,7 +37,7 @@ inline void store16(uint8_t*& out, int32_t v) {
 }
 
 template <int Group, int Stride, int Count, int Width, Op O, uint32_t Counted>
-void shape() {
+void shape(const int16_t* v) {
   static_assert((Count - 1) * Stride + Group <= 1152, "reads stay inside the source block");
   static_assert(Counted % UNIT_BYTES == 0 && RING_BYTES % Counted == 0, "blocks end at the ring's end");
   static_assert(O == COPY || Group == 2);
@@ -46,7 +45,6 @@ void shape() {
   static_assert(stored >= Counted && stored - Counted <= 288, "surplus fits the ring's spare bytes");
 
   wait_for_room();
-  const int16_t* v = decoder::pcm_block;
   uint32_t at = ring.ring_write.load(relaxed);
   uint8_t* out = ring.ring_base + at;
   int count = Count;

@@ -1,4 +1,4 @@
-// Sample shapers: move the finished pcm_block into PcmRing in exactly the byte format the wave
+// Sample shapers: move a finished block of PCM into PcmRing in exactly the byte format the wave
 // device was opened with: thinned to the reduced rate, folded to one channel, narrowed to 8 bits.
 // 18 routines, one per row of the selection table, all instances of one kernel.
 //

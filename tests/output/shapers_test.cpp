@@ -12,7 +12,6 @@
 #include <thread>
 #include <utility>
 
-#include "decoder/synth.h"
 #include "output/ring.h"
 #include "session/session.h"
 #include "support/support.h"
@@ -24,14 +23,15 @@ using session::state;
 using session::stream;
 using Want = std::initializer_list<std::pair<uint32_t, int32_t>>;  // ring offset, value
 
+int16_t pcm_block[1152];
+
 struct Shapers : ::testing::Test {
   void SetUp() override {
     ring_allocate();
     ring.ring_read = 0;
     std::memset(ring.ring_base, 0xEE, RING_BYTES + RING_SPARE);
-    std::memset(decoder::pcm_block, 0, sizeof decoder::pcm_block);
+    std::memset(pcm_block, 0, sizeof pcm_block);
     state.file_job_active = 0;
-    state.decoded_channels = 1;
   }
 
   // Chooses a shaper the way the play session does, and runs it once with the ring at write, fill.
@@ -46,7 +46,7 @@ struct Shapers : ::testing::Test {
     state.session_16bit = sixteen;
     const ShaperRow* row = select_shaper();
     EXPECT_NE(row, nullptr);
-    if (row) state.shaper_slot();
+    if (row) state.shaper_slot(pcm_block);
     return row;
   }
   static void expect16(Want want) {
@@ -63,7 +63,7 @@ struct Shapers : ::testing::Test {
 };
 
 TEST_F(Shapers, ThinningKeepsEverySecondOrFourthPair) {
-  for (int i = 0; i < 1152; ++i) decoder::pcm_block[i] = int16_t(i);
+  for (int i = 0; i < 1152; ++i) pcm_block[i] = int16_t(i);
   shape(2, 0, 1, true, true);
   expect16({{0, 0}, {2, 1}, {4, 4}, {6, 5}, {1148, 1148}});  // pair 574, the last of 288 kept
   EXPECT_EQ(ring.ring_write, 1152u);
@@ -83,7 +83,7 @@ TEST_F(Shapers, ThinningKeepsEverySecondOrFourthPair) {
 }
 
 TEST_F(Shapers, ThinnedMonoEightBitStoresTwiceWhatItCounts) {
-  for (int i = 0; i < 1152; ++i) decoder::pcm_block[i] = int16_t(i << 4);
+  for (int i = 0; i < 1152; ++i) pcm_block[i] = int16_t(i << 4);
   // Half rate: every second of all 1152 values, 576 bytes stored, 288 counted.
   shape(2, 3, 1, true, false);
   EXPECT_EQ(ring.ring_write, 288u);
@@ -111,7 +111,7 @@ TEST_F(Shapers, FullRingMakesTheDecoderWait) {
   ring.ring_fill = RING_UNITS;
   std::atomic<int> done{0};
   std::thread decoder([&] {
-    state.shaper_slot();
+    state.shaper_slot(pcm_block);
     done = 1;
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(130));
