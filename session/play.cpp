@@ -160,6 +160,9 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame, const Li
   return true;
 }
 
+// The track's output choices, as the device and the shaper take them.
+output::OutputChoice output_choice() { return {state.session_stereo, state.session_16bit, state.rate_shift}; }
+
 // Units that one frame's output can take in the ring: 1152 stereo 16-bit sample frames.
 constexpr int32_t FRAME_UNITS = 1152 * 4 / int32_t(output::UNIT_BYTES);
 
@@ -185,7 +188,7 @@ TrackEnd play_frames(const Life& life) {
     }
     state.damaged_flag.store(1, relaxed);
   }
-  int32_t error = output::wave_open(header_hz(header), header.mode != 3);
+  int32_t error = output::wave_open(header_hz(header), header.mode != 3, output_choice());
   if (error != 0) {
     report_device_error(error);
     state.play_requested.store(0, relaxed);
@@ -309,7 +312,7 @@ void play_thread_main(int32_t generation) {
     state.session_emphasis = options.emphasis;
     state.session_alias = options.alias;
     state.session_hi_fi = options.hi_fi;
-    output::select_shaper();
+    state.shaper_slot = output::select_shaper(output_choice(), stream.mode == 3)->fn;
     // The shaper has chosen its row by the shift before a full-rate selector takes it back to 0,
     // while the device opens at shift 0: selectors 3 and 7 thin the sound all the same. Only a
     // hand-edited settings file reaches them.
@@ -450,6 +453,7 @@ int32_t start_play() {
   // Marked running before the thread exists, so that a stop_play at once waits for it.
   state.decoder_running.store(1, relaxed);
   play_thread_handle.store(1, relaxed);
+  output::session_link = {&state.decoder_command, &state.paused, play_thread_abandoned};
   play_thread_object = std::thread(play_thread_main, play_generation.load(relaxed));
   return START_OK;
 }
