@@ -2,6 +2,7 @@
 // bytes: either a valid first header followed by the input's bytes, or the input's bytes alone.
 // Headers are found as the session's reader finds them (byte by byte); a frame cut off by the end
 // of the input goes in short, and the slots still waiting are flushed at the end.
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -26,8 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   static decoder::DecoderState state;
   static decoder::PcmBlocks out;
-  state = {};
   decoder::reset_decoder_state(state);
+  state.channels = state.damaged = 0;
   state.synth = (data[3] >> 6) == 3 ? decoder::synth_mono : decoder::synth_full;
   state.emphasis_mode = control >> 6;
   const int32_t total = int32_t(bytes.size());

@@ -31,8 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   static decoder::DecoderState state;
   static decoder::PcmBlocks out;
-  state = {};
   decoder::reset_decoder_state(state);
+  state.channels = state.damaged = 0;
   state.emphasis_mode = (data[2] >> 4) & 7;
   state.synth = variants[data[3] % 6];
   const uint8_t* body = data + 4;

@@ -2,6 +2,7 @@
 // frames: three bytes choose a valid Layer III header (MPEG-1, LSF or MPEG 2.5, any rate, mode,
 // extension, CRC and padding), the frame's remaining bytes follow as they come, the last one short.
 // Each frame goes to decode_frame on one fresh DecoderState with the real synthesis.
+#include <cstddef>
 #include <cstdint>
 
 #include "decoder/decoder.h"
@@ -13,8 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   static decoder::DecoderState state;
   static decoder::PcmBlocks out;
-  state = {};
   decoder::reset_decoder_state(state);
+  state.channels = state.damaged = 0;
   size_t at = 0;
   auto next = [&]() -> uint8_t { return at < size ? data[at++] : 0; };
   for (int32_t frame = 0; frame < 64 && at < size; ++frame) {
