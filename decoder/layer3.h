@@ -1,6 +1,6 @@
 // Layer III decoder, internal interface: the side information, the scale factors and Huffman lines
 // of one granule (layer3_bitstream.cpp), and the signal path from quantised lines to subband samples
-// (layer3_signal.cpp). decode_layer3_frame (decoder.h) drives both, once a frame.
+// (layer3_signal.cpp). decode_layer3_frame (layers.h) drives both, once a frame.
 //
 // Everything a granule leaves for the next lives in the caller's DecoderState (state.h);
 // reset_layer3_state clears it at a stream start.

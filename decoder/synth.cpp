@@ -27,8 +27,8 @@
 //
 // Speed without changing a value: a call first transforms all 18 slots, eight at a time in vector
 // lanes; the same source is built twice, portable
-// (SSE2 on x86-64) and for AVX2, and the wider one runs where the processor has it. Only the
-// session thread calls in, so the state is plain.
+// (SSE2 on x86-64) and for AVX2, and the wider one runs where the processor has it. A state
+// belongs to the one thread decoding its stream, so it is plain.
 #include "decoder/synth.h"
 
 #include <cstring>

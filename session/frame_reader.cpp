@@ -104,10 +104,10 @@ int32_t read_frame(FrameHeader& header) {
   }
 }
 
-int32_t read_frame_body(int32_t wanted, uint8_t* body) {
+int32_t read_frame_body(int32_t wanted) {
   if (wanted <= 0) return 0;
   if (wanted > MAX_BODY_BYTES) wanted = MAX_BODY_BYTES;
-  return int32_t(std::fread(body, 1, size_t(wanted), reader.file));
+  return int32_t(std::fread(reader.body, 1, size_t(wanted), reader.file));
 }
 
 void reset_frame_reader() {

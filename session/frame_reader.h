@@ -43,8 +43,9 @@ constexpr int32_t MAX_FREE_BYTES = 2881;
 constexpr int32_t MAX_BODY_BYTES = MAX_FREE_BYTES + 4;
 
 struct FrameReader {
-  std::FILE* file = nullptr;   // the session's input file; owned by the session, not by the reader
-  uint8_t frame_head[4] = {};  // the sync search's window: the header once one is found
+  std::FILE* file = nullptr;          // the session's input file; owned by the session, not by the reader
+  uint8_t frame_head[4] = {};         // the sync search's window: the header once one is found
+  uint8_t body[MAX_BODY_BYTES] = {};  // the frame's bytes behind its header, as read_frame_body read them
   // The free-format frame length without padding, measured at the first free-format header of a
   // stream, and the id, layer and rate it belongs to (free_key -1: none measured).
   int32_t free_bytes = 0;
@@ -58,8 +59,9 @@ extern FrameReader reader;
 // Sync search and header parse; fills header on codes 0 and 256.
 int32_t read_frame(FrameHeader& header);
 // Reads the bytes of the frame behind the header that read_frame found, as many as `wanted` (the
-// decoder's body_bytes_wanted), into body; returns how many came (fewer at the end of the file).
-int32_t read_frame_body(int32_t wanted, uint8_t* body);
+// decoder's body_bytes_wanted), into reader.body; returns how many came (fewer at the end of the
+// file).
+int32_t read_frame_body(int32_t wanted);
 // Position 0, frame_head cleared, the free-format measure and the end limit forgotten.
 void reset_frame_reader();
 

@@ -37,12 +37,11 @@ bool end_of_stream(int32_t code) { return code == FRAME_SHORT || code == FRAME_E
 // for the Layer III frames behind it. The file moves on by the frame, or at least by its header and
 // side information.
 void pass_over_frame(const FrameHeader& h) {
-  static uint8_t body[MAX_BODY_BYTES];  // one session seeks at a time
   const int32_t length = frame_length(h) - 4;
   const int32_t side = head_and_side_bytes(h) - 4;
   const int32_t wanted = length > side ? length : side;
-  const int32_t got = read_frame_body(wanted, body);
-  decoder::skip_frame(decoding, h, {body, got, length});
+  const int32_t got = read_frame_body(wanted);
+  decoder::skip_frame(decoding, h, {reader.body, got, length});
 }
 
 }  // namespace

@@ -236,12 +236,11 @@ void prepare_decoding() { decoding.emphasis_mode = state.session_emphasis ? stre
 }  // namespace
 
 int32_t decode_next_frame(const FrameHeader& header) {
-  static uint8_t body[MAX_BODY_BYTES];  // one session decodes at a time
-  static decoder::PcmBlocks out;
+  static decoder::PcmBlocks out;  // one session decodes at a time
   const int32_t wanted = decoder::body_bytes_wanted(header, frame_length(header));
-  const int32_t got = read_frame_body(wanted, body);
+  const int32_t got = read_frame_body(wanted);
   prepare_decoding();
-  const int32_t code = decoder::decode_frame(decoding, header, {body, got, wanted}, out);
+  const int32_t code = decoder::decode_frame(decoding, header, {reader.body, got, wanted}, out);
   if (decoding.damaged) {
     state.damaged_flag.store(1, relaxed);
     decoding.damaged = 0;

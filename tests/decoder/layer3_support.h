@@ -57,14 +57,13 @@ inline size_t decode_in_process(const std::string& path) {
   size_t granules = 0;
   state.synth = decoder::synth_full;
   format::FrameHeader h{};
-  static uint8_t body[session::MAX_BODY_BYTES];
   static decoder::PcmBlocks out;
   for (;;) {
     int32_t code = session::read_frame(h);
     if (code == session::FRAME_SHORT || code == session::FRAME_EOF || code == session::FRAME_EOF_AFTER_SYNC) break;
     if (code != session::FRAME_OK || h.layer_code != 1) continue;
     const int32_t length = decoder::body_bytes_wanted(h, session::frame_length(h));
-    decoder::decode_frame(state, h, {body, session::read_frame_body(length, body), length}, out);
+    decoder::decode_frame(state, h, {session::reader.body, session::read_frame_body(length), length}, out);
     granules += size_t(out.count);
   }
   std::fclose(f);

@@ -76,7 +76,7 @@ class SynthTest : public ::testing::Test {
     for (auto& row : subband_samples)
       for (float& v : row) v = dist(rng);
   }
-  // One call of a variant on fresh state, with pcm_block preset to a sentinel.
+  // One call of a variant on fresh state, with the PCM block preset to a sentinel.
   static std::vector<int16_t> run(SynthFn fn, const float (&input)[32][18], int channels, int16_t sentinel) {
     decoder::reset_decoder_state(st);
     st.channels = channels;

@@ -79,7 +79,7 @@ TEST(Writers, HeadersAndSampleByteOrder) {
   struct Case {
     const char* name;
     int32_t format, channels, blocks, id, sampling_index;
-    Bytes header, samples_start, trailer;  // samples from pcm_block: 0x0102, 0x0103, ...
+    Bytes header, samples_start, trailer;  // samples from the block: 0x0102, 0x0103, ...
   };
   const Case cases[] = {
       {"mono WAVE, 44100 Hz", session::EXT_WAV, 1, 2, 1, 0, wave, {0x02, 0x01}, wave_trailer},
