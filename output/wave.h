@@ -112,9 +112,9 @@ struct WaveHooks {
 };
 extern WaveHooks wave_hooks;
 
-// The play session's words as the wave thread and the shapers see them. The session fills it on the
-// main thread before it starts its first play thread; a null member reads as "run", "not paused",
-// "not abandoned".
+// The play session's words as the wave thread and the shapers see them. The session fills it once,
+// on the main thread, before it starts its first play thread; a null member reads as "run", "not
+// paused", "not abandoned".
 struct SessionLink {
   const std::atomic<int32_t>* command = nullptr;  // the session's command: anything but 0 stops a track
   std::atomic<int32_t>* paused = nullptr;         // the pause flag, which toggle_pause flips

@@ -453,7 +453,9 @@ int32_t start_play() {
   // Marked running before the thread exists, so that a stop_play at once waits for it.
   state.decoder_running.store(1, relaxed);
   play_thread_handle.store(1, relaxed);
-  output::session_link = {&state.decoder_command, &state.paused, play_thread_abandoned};
+  // Filled once, before the first wave thread: a thread given up later may still read it.
+  if (!output::session_link.command)
+    output::session_link = {&state.decoder_command, &state.paused, play_thread_abandoned};
   play_thread_object = std::thread(play_thread_main, play_generation.load(relaxed));
   return START_OK;
 }

@@ -25,7 +25,7 @@ using session::state;
 
 // Opens the device as the play session does, with the session's words and choices.
 int32_t open_device(int32_t rate, bool two_channels) {
-  session_link = {&state.decoder_command, &state.paused, nullptr};
+  if (!session_link.command) session_link = {&state.decoder_command, &state.paused, nullptr};
   return wave_open(rate, two_channels, {state.session_stereo, state.session_16bit, state.rate_shift});
 }
 
