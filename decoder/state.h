@@ -4,7 +4,8 @@
 // the block of PCM being filled, and the per-track choices (synthesis variant, emphasis).
 //
 // A state belongs to one thread at a time: the thread that decodes the stream (the play thread or a
-// file job's thread). Nothing in it is shared, so several states decode side by side.
+// file job's thread). Nothing in it is shared, so several states decode side by side. A new state
+// is made ready by reset_decoder_state (decoder.h).
 #pragma once
 
 #include <cstdint>
@@ -19,7 +20,7 @@ constexpr int32_t RESERVOIR_SIZE = 4096;
 // that a 32-bit read at the end needs no wrap test.
 constexpr int32_t RESERVOIR_GUARD = 3072;
 constexpr uint32_t RESERVOIR_BIT_MASK = 0x7FFF;  // 4096 * 8 bits
-// Bytes kept of a frame's head: the CRC, then the side information (up to 32 bytes).
+// Room for a Layer III frame's side information (up to 32 bytes); reads past it give zeros.
 constexpr int32_t FRAME_HEAD_BYTES = 48;
 // 576 stereo frames of signed 16-bit samples: what one synthesis round fills.
 constexpr int32_t BLOCK_SAMPLES = 1152;
@@ -101,7 +102,7 @@ struct DecoderState {
   int32_t damaged;
 
   Reservoir reservoir;
-  uint8_t head[FRAME_HEAD_BYTES];  // CRC and side information of the frame being decoded
+  uint8_t head[FRAME_HEAD_BYTES];  // side information of the frame being decoded
   int32_t head_bits;               // read position in head
 
   Layer3State l3;
