@@ -22,7 +22,7 @@ namespace session {
 
 OutputOptions options;
 StreamInfo stream;
-State state;
+SessionState state;
 decoder::DecoderState decoding;
 
 namespace {

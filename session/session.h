@@ -107,7 +107,8 @@ using ShaperFn = void (*)(const int16_t* block);
 
 using Word = std::atomic<int32_t>;
 
-struct State {
+// The running session: the words it shares with the other threads and what it chose for the track.
+struct SessionState {
   // Shared between threads (main thread writes commands, session thread acts on them).
   Word decoder_command{CMD_STOP};
   Word seek_target{0};
@@ -136,7 +137,7 @@ struct State {
 
 extern OutputOptions options;
 extern StreamInfo stream;  // the session thread's own; other threads read published_stream()
-extern State state;
+extern SessionState state;
 // The session's decoder: its synthesis variant is chosen per track, its channels are those of the
 // blocks it gives.
 extern decoder::DecoderState decoding;
