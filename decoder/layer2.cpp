@@ -20,35 +20,32 @@
 //   consuming bits, and no row outside the table is touched.
 #include <cstring>
 
-#include "decoder/decoder.h"
+#include "decoder/layers.h"
 #include "decoder/synth.h"
 #include "decoder/tables.h"
 #include "format/bit_reader.h"
 #include "format/header.h"
-#include "session/session.h"
-#include "session/stream.h"
 
 namespace decoder {
 
 namespace {
 
-using session::get_bits;
-
 // The samples' reads: get_bits's arithmetic exactly, with the read position held in a register
 // for the 12 rounds instead of in the shared reader (whose store and reload per read would chain
 // every sample behind the last). The position goes back to the reader when the rounds are done.
 struct BitCursor {
-  const uint8_t* ring = session::bits.reservoir;
-  uint32_t pos = session::bits.reservoir_bits;
+  Reservoir& r;
+  const uint8_t* ring = r.bytes;
+  uint32_t pos = r.bits;
   // The ring's guard bytes make the four-byte window safe at the end.
   [[gnu::always_inline]] uint32_t window() const { return format::bits_window(ring, pos); }
   [[gnu::always_inline]] uint32_t get(int32_t n) {
     if (n == 0) return 0;
     uint32_t v = window() >> (32 - n);
-    pos = (pos + uint32_t(n)) & session::RESERVOIR_BIT_MASK;
+    pos = (pos + uint32_t(n)) & RESERVOIR_BIT_MASK;
     return v;
   }
-  void commit() const { session::bits.reservoir_bits = pos; }
+  void commit() const { r.bits = pos; }
 };
 
 // The allocation table for the stream and its per-channel rate, or -1 when none is listed.
@@ -201,7 +198,7 @@ void set_band(Band& b, int32_t cls, const float* scale) {
       const int32_t n = b.bits;
       // Up to 8 bits a value, the three fit in one 32-bit read (at least 25 bits past the position):
       // the same bits as three reads, unless the position would wrap round the ring in between.
-      if (n <= 8 && in.pos + uint32_t(3 * n) <= session::RESERVOIR_BIT_MASK) {
+      if (n <= 8 && in.pos + uint32_t(3 * n) <= RESERVOIR_BIT_MASK) {
         const uint32_t w = in.window();
         in.pos += uint32_t(3 * n);
         for (int32_t i = 0; i < 3; ++i)
@@ -215,9 +212,7 @@ void set_band(Band& b, int32_t cls, const float* scale) {
 
 }  // namespace
 
-int32_t decode_layer2_frame(const session::FrameHeader& h) {
-  using session::state;
-
+int32_t decode_layer2_frame(DecoderState& s, const format::FrameHeader& h, const FrameBody& body, PcmBlocks& out) {
   // The reader only hands on headers with these fields in range; a caller with a hand-made header
   // gets a damaged frame rather than a read outside the rate tables.
   const bool header_ok = (h.id == 0 || h.id == 1) && h.layer_code >= 1 && h.layer_code <= 3 && h.bitrate_index >= 0 &&
@@ -225,17 +220,19 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
                          h.mode <= 3;
 
   // 1. The frame's remainder into the reservoir, from offset 0.
-  session::bits.reservoir_write = 0;
-  session::bits.reservoir_bits = 0;
+  Reservoir& r = s.reservoir;
+  r.write = 0;
+  r.bits = 0;
   int32_t kbps = 0;
   if (header_ok) {
     kbps = format::bitrate_table[(h.id * 3 - h.layer_code) * 15 + h.bitrate_index];
-    session::load_reservoir(session::frame_length(h) - (h.protection_bit ? 4 : 6));
+    const FrameBody main = body_from(body, h.protection_bit ? 0 : 2);
+    load_reservoir(r, main.bytes, main.got, main.length);
   }
 
   // 2. Channels and the joint bound.
   const int32_t channels = h.mode == 3 ? 1 : 2;
-  state.decoded_channels = channels;
+  s.channels = channels;
   const int32_t channel_kbps = h.mode == 3 ? kbps : kbps / 2;
   int32_t bound = h.mode == 1 ? (h.mode_ext & 3) * 4 + 4 : 32;
 
@@ -244,7 +241,7 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   const int32_t table = !header_ok             ? -1
                         : h.bitrate_index == 0 ? free_table
                                                : choose_table(h.id, h.sampling_index, channel_kbps);
-  if (table < 0) state.damaged_flag.store(1, std::memory_order_relaxed);
+  if (table < 0) s.damaged = 1;
   const int32_t sblimit = table < 0 ? 0 : allocation_sblimit[table];
   const uint8_t* field_bits = table < 0 ? nullptr : allocation_bits[table];
   // 4. Only the "no joint bands" bound follows the table; a joint bound above it stays.
@@ -257,9 +254,9 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   for (int32_t sb = 0; sb < coded; ++sb) {
     const int32_t width = sb < sblimit ? field_bits[sb] : 0;
     if (sb < bound) {
-      for (int32_t ch = 0; ch < channels; ++ch) cls[ch][sb] = uint8_t(class_of(table, sblimit, sb, get_bits(width)));
+      for (int32_t ch = 0; ch < channels; ++ch) cls[ch][sb] = uint8_t(class_of(table, sblimit, sb, get_bits(r, width)));
     } else {
-      uint8_t c = uint8_t(class_of(table, sblimit, sb, get_bits(width)));
+      uint8_t c = uint8_t(class_of(table, sblimit, sb, get_bits(r, width)));
       cls[0][sb] = cls[1][sb] = c;
     }
   }
@@ -268,7 +265,7 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   uint8_t scfsi[2][32] = {};
   for (int32_t sb = 0; sb < sblimit; ++sb)
     for (int32_t ch = 0; ch < channels; ++ch)
-      if (cls[ch][sb]) scfsi[ch][sb] = uint8_t(get_bits(2));
+      if (cls[ch][sb]) scfsi[ch][sb] = uint8_t(get_bits(r, 2));
 
   // 7. Scale factors, turned into their multipliers at once.
   float scale[2][32][3] = {};
@@ -276,21 +273,21 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
     for (int32_t ch = 0; ch < channels; ++ch) {
       if (!cls[ch][sb]) continue;
       float* s = scale[ch][sb];
-      s[0] = scale_factor_table[get_bits(6)];
+      s[0] = scale_factor_table[get_bits(r, 6)];
       switch (scfsi[ch][sb]) {
         case 0:
-          s[1] = scale_factor_table[get_bits(6)];
-          s[2] = scale_factor_table[get_bits(6)];
+          s[1] = scale_factor_table[get_bits(r, 6)];
+          s[2] = scale_factor_table[get_bits(r, 6)];
           break;
         case 1:
           s[1] = s[0];
-          s[2] = scale_factor_table[get_bits(6)];
+          s[2] = scale_factor_table[get_bits(r, 6)];
           break;
         case 2:
           s[1] = s[2] = s[0];
           break;
         default:
-          s[1] = s[2] = scale_factor_table[get_bits(6)];
+          s[1] = s[2] = scale_factor_table[get_bits(r, 6)];
           break;
       }
     }
@@ -326,7 +323,7 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
       reads[count++] = {&band[ch][sb], samples[ch][0][sb], shared && ch == 1};
     }
   }
-  BitCursor in;
+  BitCursor in{r};
   for (int32_t g = 0; g < 12; ++g) {
     const int32_t part = g >> 2;
     const int32_t at_slot = (g / 6) * 32 * 18 + (g % 6) * 3;
@@ -345,12 +342,12 @@ int32_t decode_layer2_frame(const session::FrameHeader& h) {
   // 11. Two halves of 18 slots: channel 0, channel 1, then the shaper.
   for (int32_t half = 0; half < 2; ++half) {
     for (int32_t ch = 0; ch < channels; ++ch) {
-      std::memcpy(subband_samples, samples[ch][half], sizeof subband_samples);
-      if (state.synth_slot) state.synth_slot(ch);
+      std::memcpy(s.subband_samples, samples[ch][half], sizeof s.subband_samples);
+      if (s.synth) s.synth(s, ch);
     }
-    if (state.shaper_slot) state.shaper_slot();
+    emit_block(s, out);
   }
-  return 0;
+  return DECODE_OK;
 }
 
 }  // namespace decoder

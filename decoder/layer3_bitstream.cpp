@@ -13,22 +13,19 @@
 #include "decoder/layer3_tables.h"
 #include "format/bit_reader.h"
 #include "format/header.h"
-#include "session/session.h"
 
 namespace decoder {
-
-using session::bits;
-using session::head_bits;
 
 namespace {
 
 // A local copy of the reservoir's read position; stored back when a loop ends.
 struct Cursor {
+  const uint8_t* ring;
   uint32_t pos;
 
-  uint32_t word() const { return format::bits_window(bits.reservoir, pos); }
+  uint32_t word() const { return format::bits_window(ring, pos); }
   uint32_t peek(int32_t n) const { return word() >> (32 - n); }
-  void skip(int32_t n) { pos = (pos + uint32_t(n)) & session::RESERVOIR_BIT_MASK; }
+  void skip(int32_t n) { pos = (pos + uint32_t(n)) & RESERVOIR_BIT_MASK; }
   uint32_t get(int32_t n) {
     uint32_t v = peek(n);
     skip(n);
@@ -43,16 +40,17 @@ struct Cursor {
 struct BitCache {
   uint64_t cache = 0;  // the next bits, left aligned; the bits below the valid ones are zero
   int32_t avail = 0;   // valid bits in the cache
-  uint32_t fetch;      // ring position of the first bit not yet in the cache
+  const uint8_t* ring;
+  uint32_t fetch;  // ring position of the first bit not yet in the cache
 
-  explicit BitCache(uint32_t pos) : fetch(pos) { refill(); }
+  BitCache(const uint8_t* bytes, uint32_t pos) : ring(bytes), fetch(pos) { refill(); }
   // Leaves at least 41 valid bits.
   void refill() {
     while (avail <= 40) {
-      const uint32_t w = format::bits_window(bits.reservoir, fetch);  // at least 25 valid bits; take 24
+      const uint32_t w = format::bits_window(ring, fetch);  // at least 25 valid bits; take 24
       cache |= uint64_t(w >> 8) << (40 - avail);
       avail += 24;
-      fetch = (fetch + 24) & session::RESERVOIR_BIT_MASK;
+      fetch = (fetch + 24) & RESERVOIR_BIT_MASK;
     }
   }
   uint32_t top() const { return uint32_t(cache >> 32); }
@@ -66,7 +64,7 @@ struct BitCache {
     skip(n);
     return v;
   }
-  uint32_t pos() const { return (fetch - uint32_t(avail)) & session::RESERVOIR_BIT_MASK; }
+  uint32_t pos() const { return (fetch - uint32_t(avail)) & RESERVOIR_BIT_MASK; }
 };
 
 // The word of list that matches the stream bits s (19 bits, left aligned from bit 31). The prefix
@@ -101,20 +99,24 @@ inline uint32_t find_word8(int32_t table, uint32_t s) {
 
 }  // namespace
 
-int32_t huffman_symbol(int32_t table, int32_t& x, int32_t& y) {
+int32_t huffman_symbol(DecoderState& s, int32_t table, int32_t& x, int32_t& y) {
   if (table < 0 || table >= HUFFMAN_TABLES || !huffman_lists[table]) {
-    session::state.damaged_flag.store(1, std::memory_order_relaxed);
+    s.damaged = 1;
     return -1;
   }
-  const uint32_t w = find_word8(table, session::peek_bits(19) << 13);
+  Reservoir& bits = s.reservoir;
+  const uint32_t w = find_word8(table, peek_bits(bits, 19) << 13);
   x = int32_t((w >> 4) & 15);
   y = int32_t(w & 15);
   const int32_t len = int32_t((w >> 8) & 31);
-  bits.reservoir_bits = (bits.reservoir_bits + uint32_t(len)) & session::RESERVOIR_BIT_MASK;
+  bits.bits = (bits.bits + uint32_t(len)) & RESERVOIR_BIT_MASK;
   return len;
 }
 
-void parse_side_info(const session::FrameHeader& h, SideInfo& si) {
+void parse_side_info(DecoderState& s, const format::FrameHeader& h, SideInfo& si) {
+  auto head_bits = [&s](int32_t n) {
+    return format::read_bits_bounded(s.head, int32_t(sizeof s.head), s.head_bits, n);
+  };
   const int32_t channels = h.mode == 3 ? 1 : 2;
   const int32_t granules = h.id ? 2 : 1;
   if (h.id) {
@@ -155,9 +157,14 @@ void parse_side_info(const session::FrameHeader& h, SideInfo& si) {
     }
 }
 
-void read_side_info(const session::FrameHeader& h, SideInfo& si) {
-  session::read_frame_head(format::header_and_side_info_bytes(h) - 4);
-  parse_side_info(h, si);
+void read_side_info(DecoderState& s, const format::FrameHeader& h, const FrameBody& side, SideInfo& si) {
+  // Side information cut off by the end of the file reads as zeros.
+  const int32_t n = format::header_and_side_info_bytes(h) - 4;
+  std::memset(s.head, 0, sizeof s.head);
+  const int32_t got = side.got < n ? side.got : n;
+  if (got > 0) std::memcpy(s.head, side.bytes, size_t(got));
+  s.head_bits = 0;
+  parse_side_info(s, h, si);
 }
 
 namespace {
@@ -180,7 +187,7 @@ inline void read_group(Cursor& c, int32_t* out, int32_t n, int32_t width, int32_
 }
 
 // MPEG-1 scale factors; returns the bits read.
-int32_t scalefactors_mpeg1(Cursor& c, const SideInfo& si, int32_t gr, int32_t ch) {
+int32_t scalefactors_mpeg1(Layer3State& l3, Cursor& c, const SideInfo& si, int32_t gr, int32_t ch) {
   const int32_t gc = gr * 2 + ch;
   const int32_t compress = si.scalefac_compress[gc] & 15;
   const int32_t s1 = slen1_table[compress];
@@ -223,7 +230,7 @@ int32_t scalefactors_mpeg1(Cursor& c, const SideInfo& si, int32_t gr, int32_t ch
 }
 
 // Low-sampling-frequency scale factors; returns the bits the decoder counts (see the mixed block).
-int32_t scalefactors_lsf(Cursor& c, const session::FrameHeader& h, SideInfo& si, int32_t ch) {
+int32_t scalefactors_lsf(Layer3State& l3, Cursor& c, const format::FrameHeader& h, SideInfo& si, int32_t ch) {
   const int32_t gc = ch;  // one granule
   const int32_t compress = si.scalefac_compress[gc];
   const bool intensity = ch == 1 && h.mode == 1 && (h.mode_ext & 1);
@@ -331,7 +338,7 @@ template <bool kLinbits>
 int32_t decode_pairs(Cursor& c, int32_t table, int32_t pos, int32_t end, int32_t* q, int32_t& x, int32_t& y) {
   const int32_t linbits = kLinbits ? linbits_table[table] : 0;
   const uint16_t* fast = huffman_fast[table];
-  BitCache b(c.pos);
+  BitCache b(c.ring, c.pos);
   int32_t vx = x, vy = y;
   for (; pos < end; pos += 2) {
     b.refill();
@@ -373,7 +380,6 @@ int32_t decode_pairs(Cursor& c, int32_t table, int32_t pos, int32_t end, int32_t
 // A table without codes (4 or 14): nothing is consumed for the code; the last pair repeats, with
 // sign bits read as usual, and the frame counts as damaged.
 int32_t repeat_pairs(Cursor& c, int32_t pos, int32_t end, int32_t* q, int32_t x, int32_t y) {
-  session::state.damaged_flag.store(1, std::memory_order_relaxed);
   for (; pos < end; pos += 2) {
     q[pos] = x && c.get(1) ? -x : x;
     q[pos + 1] = y && c.get(1) ? -y : y;
@@ -383,11 +389,13 @@ int32_t repeat_pairs(Cursor& c, int32_t pos, int32_t end, int32_t* q, int32_t x,
 
 }  // namespace
 
-void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int32_t ch) {
+void decode_huffman(DecoderState& s, const format::FrameHeader& h, SideInfo& si, int32_t gr, int32_t ch) {
+  Layer3State& l3 = s.l3;
+  Reservoir& bits = s.reservoir;
   const int32_t gc = gr * 2 + ch;
-  Cursor c{bits.reservoir_bits};
+  Cursor c{bits.bytes, bits.bits};
   const uint32_t granule_start = c.pos;
-  const int32_t part2_bits = h.id ? scalefactors_mpeg1(c, si, gr, ch) : scalefactors_lsf(c, h, si, ch);
+  const int32_t part2_bits = h.id ? scalefactors_mpeg1(l3, c, si, gr, ch) : scalefactors_lsf(l3, c, h, si, ch);
   const uint32_t huffman_start = c.pos;
   const int32_t target = si.part2_3_length[gc] - part2_bits;
 
@@ -421,6 +429,7 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
       pos = (bound[r] + 1) & ~1;
       x = y = 0;
     } else if (!huffman_lists[table]) {
+      s.damaged = 1;
       pos = repeat_pairs(c, pos, bound[r], q, x, y);
     } else if (linbits_table[table & 31]) {
       pos = decode_pairs<true>(c, table, pos, bound[r], q, x, y);
@@ -432,8 +441,8 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
   // Count-1 quads until the granule's bits are used up. A quad that ends beyond them is not part of
   // the granule and is dropped.
   const int32_t quad_table = 32 + si.count1table_select[gc];
-  BitCache b(c.pos);
-  int32_t used = int32_t((b.pos() - huffman_start) & session::RESERVOIR_BIT_MASK);
+  BitCache b(c.ring, c.pos);
+  int32_t used = int32_t((b.pos() - huffman_start) & RESERVOIR_BIT_MASK);
   const uint16_t* quad_fast = huffman_fast[quad_table];
   while (pos < 576 && used < target) {
     b.refill();
@@ -462,7 +471,7 @@ void decode_huffman(const session::FrameHeader& h, SideInfo& si, int32_t gr, int
   l3.line_count[ch] = pos;
   std::memset(q + pos, 0, size_t(578 - pos) * sizeof(int32_t));
   // Whatever the loops consumed, the next granule starts where this one's length says.
-  bits.reservoir_bits = (granule_start + uint32_t(si.part2_3_length[gc])) & session::RESERVOIR_BIT_MASK;
+  bits.bits = (granule_start + uint32_t(si.part2_3_length[gc])) & RESERVOIR_BIT_MASK;
 }
 
 }  // namespace decoder

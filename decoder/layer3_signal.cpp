@@ -1,4 +1,4 @@
-// Layer III signal path: quantised lines to subband samples, then the synthesis and shaper slots.
+// Layer III signal path: quantised lines to subband samples, then the synthesis.
 //
 // Dequantisation is a table look-up times a band gain that changes only at band ends. Both channels
 // are dequantised in stream order; the stereo pass works line by line on that order, and short blocks
@@ -13,7 +13,6 @@
 #include "decoder/layer3_tables.h"
 #include "decoder/synth.h"
 #include "decoder/tables.h"
-#include "session/session.h"
 
 namespace decoder {
 
@@ -27,7 +26,7 @@ inline float band_gain(int32_t e) { return e >= 0 && e <= 254 ? gain_table[e] : 
 inline float pow43(int32_t q) { return pow43_table[q + POW43_MAX]; }
 
 // Dequantises one channel's lines [0, line_count) in stream order into dst; the rest is zero.
-void dequantise_lines(int32_t gr, int32_t ch, float* dst) {
+void dequantise_lines(const Layer3State& l3, int32_t gr, int32_t ch, float* dst) {
   const SideInfo& si = l3.side;
   const int32_t gc = gr * 2 + ch;
   const int32_t* q = l3.quant_lines[ch];
@@ -70,7 +69,7 @@ void dequantise_lines(int32_t gr, int32_t ch, float* dst) {
 
 // Moves a short block's stream-order lines into their subband places; a mixed block keeps its first
 // 36 lines where they are.
-void reorder_short(int32_t gc, float* lines) {
+void reorder_short(const Layer3State& l3, int32_t gc, float* lines) {
   alignas(16) float tmp[576];
   std::memcpy(tmp, lines, sizeof tmp);
   const int16_t* place = short_reorder[l3.table_row];
@@ -91,8 +90,8 @@ inline void mid_side(float* l, float* r, int32_t from, int32_t to) {
 // position makes the band an ordinary one (mid/side or plain as mode_ext says): 7 in MPEG-1 (and the
 // values above it, which four-bit scale factors can hold but which name no position), the band's
 // largest scale factor value (limit) in LSF.
-inline void intensity_band(const session::FrameHeader& h, float* l, float* r, int32_t from, int32_t to, int32_t p,
-                           int32_t limit, bool ms) {
+inline void intensity_band(const Layer3State& l3, const format::FrameHeader& h, float* l, float* r, int32_t from,
+                           int32_t to, int32_t p, int32_t limit, bool ms) {
   if (h.id ? p >= 7 : p == limit) {
     if (ms) mid_side(l, r, from, to);
     return;
@@ -135,7 +134,7 @@ inline int32_t long_band_of(const int32_t* sfb_long, int32_t line) {
 }
 
 // active_subbands from a line count c.
-int32_t active_from(bool short_block, int32_t c) {
+int32_t active_from(const Layer3State& l3, bool short_block, int32_t c) {
   if (!short_block) return (c - 1) / 18 + 1;
   const int32_t* sfb_short = l3.sfb_short;
   for (int32_t b = 0; b < SFB_SHORT_BANDS; ++b)
@@ -145,20 +144,20 @@ int32_t active_from(bool short_block, int32_t c) {
 
 }  // namespace
 
-void dequantise(int32_t gr, int32_t ch) {
+void dequantise(Layer3State& l3, int32_t gr, int32_t ch) {
   float* lines = l3.hybrid_in[ch];
-  dequantise_lines(gr, ch, lines);
-  if (is_short_block(l3.side, gr * 2 + ch)) reorder_short(gr * 2 + ch, lines);
+  dequantise_lines(l3, gr, ch, lines);
+  if (is_short_block(l3.side, gr * 2 + ch)) reorder_short(l3, gr * 2 + ch, lines);
   l3.active_subbands = 32;
 }
 
-void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
+void dequantise_stereo(Layer3State& l3, const format::FrameHeader& h, int32_t gr) {
   const SideInfo& si = l3.side;
   const int32_t g0 = gr * 2, g1 = gr * 2 + 1;
   float* l = l3.hybrid_in[0];
   float* r = l3.hybrid_in[1];
-  dequantise_lines(gr, 0, l);
-  dequantise_lines(gr, 1, r);
+  dequantise_lines(l3, gr, 0, l);
+  dequantise_lines(l3, gr, 1, r);
   const bool ms = h.mode_ext != 1;
   const bool intensity = h.mode_ext & 1;
   const int32_t lc0 = l3.line_count[0], lc1 = l3.line_count[1];
@@ -166,7 +165,7 @@ void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
 
   // Rows to transform: enough for the higher of the two line counts in either channel's layout.
   const int32_t c = lc0 > lc1 ? lc0 : lc1;
-  const int32_t a0 = active_from(short0, c), a1 = active_from(is_short_block(si, g1), c);
+  const int32_t a0 = active_from(l3, short0, c), a1 = active_from(l3, is_short_block(si, g1), c);
   l3.active_subbands = a0 > a1 ? a0 : a1;
   if (!intensity) {
     if (ms) mid_side(l, r, 0, c);  // above c both channels are zero
@@ -184,7 +183,7 @@ void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
       const int32_t* sl1 = l3.scalefac_long[g1];
       for (int32_t b = first_band + 1; b < SFB_LONG_BANDS; ++b) {
         const int32_t k = b < SFB_LONG_BANDS - 1 ? b : b - 1;
-        intensity_band(h, l, r, b ? sfb_long[b - 1] + 1 : 0, sfb_long[b] + 1, sl1[k], limit[k], ms);
+        intensity_band(l3, h, l, r, b ? sfb_long[b - 1] + 1 : 0, sfb_long[b] + 1, sl1[k], limit[k], ms);
       }
     } else {
       // Short block: per window, the first band above the last one holding a non-zero line.
@@ -221,7 +220,7 @@ void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
         const int32_t* sl1 = l3.scalefac_long[g1];
         for (int32_t b = 0; sfb_long[b] < 36; ++b) {
           const int32_t from = b ? sfb_long[b - 1] + 1 : 0;
-          if (from >= long_bound) intensity_band(h, l, r, from, sfb_long[b] + 1, sl1[b], limit[b], ms);
+          if (from >= long_bound) intensity_band(l3, h, l, r, from, sfb_long[b] + 1, sl1[b], limit[b], ms);
         }
       }
       // Each window has its own bound; the top band takes the position of the band below.
@@ -235,14 +234,14 @@ void dequantise_stereo(const session::FrameHeader& h, int32_t gr) {
           if (b < bound_band[w]) {
             if (ms) mid_side(l, r, from, from + width);
           } else {
-            intensity_band(h, l, r, from, from + width, ss1[k * 3 + w], limit_short[k], ms);
+            intensity_band(l3, h, l, r, from, from + width, ss1[k * 3 + w], limit_short[k], ms);
           }
         }
       }
     }
   }
-  if (short0) reorder_short(g0, l);
-  if (is_short_block(si, g1)) reorder_short(g1, r);
+  if (short0) reorder_short(l3, g0, l);
+  if (is_short_block(si, g1)) reorder_short(l3, g1, r);
 }
 
 void alias_reduce(float* x, int32_t boundaries) {
@@ -396,7 +395,7 @@ namespace {
 
 // Frequency inversion of a transformed subband in subband_samples: odd slots of odd subbands are
 // negated.
-inline void invert_row(int32_t sb) {
+inline void invert_row(float (&subband_samples)[32][18], int32_t sb) {
   if (sb & 1) {
     float* row = subband_samples[sb];
     for (int32_t i = 1; i < 18; i += 2) row[i] = -row[i];
@@ -420,7 +419,9 @@ inline void pass_overlap(float* t, float* overlap) {
   std::memset(overlap, 0, 18 * sizeof(float));
 }
 
-void transform_channel(int32_t gr, int32_t ch) {
+void transform_channel(DecoderState& s, int32_t gr, int32_t ch) {
+  Layer3State& l3 = s.l3;
+  float(&subband_samples)[32][18] = s.subband_samples;
   const SideInfo& si = l3.side;
   const int32_t gc = gr * 2 + ch;
   float* lines = l3.hybrid_in[ch];
@@ -440,12 +441,12 @@ void transform_channel(int32_t gr, int32_t ch) {
         imdct36(lines + sb * 18, t, overlap[sb], 0);
       else
         imdct12x3(lines + sb * 18, t, overlap[sb]);
-      invert_row(sb);
+      invert_row(subband_samples, sb);
     }
     // Above the active rows only the overlap remains: it goes out as it is and is cleared.
     for (; sb < 32; ++sb) {
       pass_overlap(subband_samples[sb], overlap[sb]);
-      invert_row(sb);
+      invert_row(subband_samples, sb);
     }
     return;
   }
@@ -461,52 +462,53 @@ void transform_channel(int32_t gr, int32_t ch) {
       pass_overlap(t, overlap[sb]);
     else
       imdct36(lines + sb * 18, t, overlap[sb], kind);
-    invert_row(sb);
+    invert_row(subband_samples, sb);
   }
   // Silent rows: their output is the overlap alone.
   for (; sb < 32; ++sb) {
     pass_overlap(subband_samples[sb], overlap[sb]);
-    invert_row(sb);
+    invert_row(subband_samples, sb);
   }
 }
 
 }  // namespace
 
-void decode_granule_signal(const session::FrameHeader& h, int32_t gr) {
+void decode_granule_signal(DecoderState& s, const format::FrameHeader& h, int32_t gr) {
+  Layer3State& l3 = s.l3;
+  float(&subband_samples)[32][18] = s.subband_samples;
   const int32_t channels = h.mode == 3 ? 1 : 2;
   if (h.mode == 1 && h.mode_ext != 0) {
-    dequantise_stereo(h, gr);
+    dequantise_stereo(l3, h, gr);
   } else {
-    for (int32_t ch = 0; ch < channels; ++ch) dequantise(gr, ch);
+    for (int32_t ch = 0; ch < channels; ++ch) dequantise(l3, gr, ch);
   }
   const int32_t out = l3.out_channels ? l3.out_channels : channels;
   if (channels == out) {
     for (int32_t ch = channels - 1; ch >= 0; --ch) {
-      transform_channel(gr, ch);
-      session::state.synth_slot(ch);
+      transform_channel(s, gr, ch);
+      s.synth(s, ch);
     }
   } else if (out == 2) {
     // A mono frame in a stereo stream plays in both channels. Channel 1 takes channel 0's overlap
     // too, so that it goes on without a seam when the stream turns stereo again. The synthesis may
     // treat the samples in place (emphasis): each channel gets them fresh.
-    transform_channel(gr, 0);
+    transform_channel(s, gr, 0);
     std::memcpy(l3.overlap[1], l3.overlap[0], sizeof l3.overlap[0]);
     alignas(16) float mono[32][18];
     std::memcpy(mono, subband_samples, sizeof mono);
-    session::state.synth_slot(1);
+    s.synth(s, 1);
     std::memcpy(subband_samples, mono, sizeof mono);
-    session::state.synth_slot(0);
+    s.synth(s, 0);
   } else {
     // A stereo frame in a mono stream: the mean of the two channels.
-    transform_channel(gr, 1);
+    transform_channel(s, gr, 1);
     alignas(16) float right[32][18];
     std::memcpy(right, subband_samples, sizeof right);
-    transform_channel(gr, 0);
+    transform_channel(s, gr, 0);
     for (int32_t sb = 0; sb < 32; ++sb)
       for (int32_t t = 0; t < 18; ++t) subband_samples[sb][t] = (subband_samples[sb][t] + right[sb][t]) * 0.5f;
-    session::state.synth_slot(0);
+    s.synth(s, 0);
   }
-  session::state.shaper_slot();
 }
 
 }  // namespace decoder

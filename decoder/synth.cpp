@@ -27,24 +27,17 @@
 //
 // Speed without changing a value: a call first transforms all 18 slots, eight at a time in vector
 // lanes; the same source is built twice, portable
-// (SSE2 on x86-64) and for AVX2, and the wider one runs where the processor has it. Only the
-// session thread calls in, so the state is plain.
+// (SSE2 on x86-64) and for AVX2, and the wider one runs where the processor has it. A state
+// belongs to the one thread decoding its stream, so it is plain.
 #include "decoder/synth.h"
 
 #include <cstring>
+#include <initializer_list>
 
 #include "decoder/decoder.h"
 #include "decoder/tables.h"
-#include "session/session.h"
 
 namespace decoder {
-
-alignas(64) float subband_samples[32][18];
-alignas(64) int16_t pcm_block[1152];
-
-alignas(64) float synth_banks[2][2][16][32];
-uint32_t synth_column[2];
-int32_t synth_phase;
 
 namespace {
 
@@ -203,7 +196,7 @@ struct SlotPlaces {
   }
 }
 
-[[gnu::always_inline]] inline void transform_slots(SlotPlaces& out) {
+[[gnu::always_inline]] inline void transform_slots(const float (&subband_samples)[32][18], SlotPlaces& out) {
   for (int32_t t0 : {0, 8, 10}) {
     v8f x[32], X[32];
 #pragma GCC unroll 32
@@ -279,15 +272,16 @@ typedef int16_t v16s __attribute__((vector_size(32)));
 }
 
 template <Variant V>
-[[gnu::always_inline]] inline void synth_run(int32_t channel) {
-  if (session::stream.emphasis_mode != 0) treat_subbands();
+[[gnu::always_inline]] inline void synth_run(DecoderState& st, int32_t channel) {
+  if (st.emphasis_mode != 0) treat_subbands(st);
   const int32_t c = channel & 1;
-  float(*banks)[16][32] = synth_banks[c];
-  uint32_t s = synth_column[c] & 15;
-  int32_t p = synth_phase & 1;
+  float(*banks)[16][32] = st.synth_banks[c];
+  uint32_t s = st.synth_column[c] & 15;
+  int32_t p = st.synth_phase & 1;
+  int16_t* const pcm_block = st.pcm;
 
   int32_t base, stride;
-  if (V.addressing == ADDR_STEREO || (V.addressing == ADDR_BY_CHANNELS && session::state.decoded_channels == 2)) {
+  if (V.addressing == ADDR_STEREO || (V.addressing == ADDR_BY_CHANNELS && st.channels == 2)) {
     base = c;
     stride = 2;
   } else {
@@ -296,7 +290,7 @@ template <Variant V>
   }
 
   SlotPlaces slots;
-  transform_slots(slots);
+  transform_slots(st.subband_samples, slots);
   for (int32_t t = 0; t < 18; ++t) {
     store_slot(slots, t, banks, s, p);
     int32_t out[32];
@@ -322,7 +316,7 @@ template <Variant V>
     p ^= 1;
     s = (s - 1) & 15;
   }
-  synth_column[c] = s;
+  st.synth_column[c] = s;
   // 18 toggles: the phase ends the call as it began.
 }
 
@@ -331,22 +325,22 @@ template <Variant V>
 bool use_wide = false;
 
 template <Variant V>
-void synth_portable(int32_t channel) {
-  synth_run<V>(channel);
+void synth_portable(DecoderState& st, int32_t channel) {
+  synth_run<V>(st, channel);
 }
 #if defined(__x86_64__)
 template <Variant V>
-[[gnu::target("avx2")]] void synth_wide(int32_t channel) {
-  synth_run<V>(channel);
+[[gnu::target("avx2")]] void synth_wide(DecoderState& st, int32_t channel) {
+  synth_run<V>(st, channel);
 }
 #endif
 
 template <Variant V>
-void synth_dispatch(int32_t channel) {
+void synth_dispatch(DecoderState& st, int32_t channel) {
 #if defined(__x86_64__)
-  if (use_wide) return synth_wide<V>(channel);
+  if (use_wide) return synth_wide<V>(st, channel);
 #endif
-  synth_portable<V>(channel);
+  synth_portable<V>(st, channel);
 }
 
 }  // namespace
@@ -379,18 +373,18 @@ void init_synth_tables() {
   }
 }
 
-void synth_full(int32_t channel) { synth_dispatch<FULL>(channel); }
-void synth_mono(int32_t channel) { synth_dispatch<MONO>(channel); }
-void synth_half(int32_t channel) { synth_dispatch<HALF>(channel); }
-void synth_quarter(int32_t channel) { synth_dispatch<QUARTER>(channel); }
-void synth_fast(int32_t channel) { synth_dispatch<FAST>(channel); }
-void synth_overdrive(int32_t channel) { synth_dispatch<OVERDRIVE>(channel); }
+void synth_full(DecoderState& st, int32_t channel) { synth_dispatch<FULL>(st, channel); }
+void synth_mono(DecoderState& st, int32_t channel) { synth_dispatch<MONO>(st, channel); }
+void synth_half(DecoderState& st, int32_t channel) { synth_dispatch<HALF>(st, channel); }
+void synth_quarter(DecoderState& st, int32_t channel) { synth_dispatch<QUARTER>(st, channel); }
+void synth_fast(DecoderState& st, int32_t channel) { synth_dispatch<FAST>(st, channel); }
+void synth_overdrive(DecoderState& st, int32_t channel) { synth_dispatch<OVERDRIVE>(st, channel); }
 
-void treat_subbands() {
-  if (session::state.session_emphasis == 0) return;
+void treat_subbands(DecoderState& st) {
+  float(&subband_samples)[32][18] = st.subband_samples;
   // Any mode but these three leaves the samples alone: with Hi-Fi on, a stream that has emphasis
   // (1 or 3, giving 5 or 7) loses its de-emphasis.
-  switch (session::stream.emphasis_mode) {
+  switch (st.emphasis_mode) {
     case 1:
       // 50/15 microseconds: one notch over rows 5 to 15, not a shelf.
       for (int32_t r = 5; r <= 15; ++r)
@@ -434,17 +428,23 @@ void treat_subbands() {
   }
 }
 
-void reset_decoder_state() {
-  std::memset(synth_banks, 0, sizeof synth_banks);
-  reset_synth_indices();
-  std::memset(pcm_block, 0, sizeof pcm_block);
-  reset_layer3_state();
+void reset_decoder_state(DecoderState& s) {
+  // The caller's choices and reports stay; everything the stream left behind goes.
+  const SynthFn synth = s.synth;
+  const int32_t emphasis_mode = s.emphasis_mode, channels = s.channels, damaged = s.damaged;
+  std::memset(&s, 0, sizeof s);
+  s.synth = synth;
+  s.emphasis_mode = emphasis_mode;
+  s.channels = channels;
+  s.damaged = damaged;
+  reset_layer3_state(s);
+  reset_synth_indices(s);
 }
 
-void reset_synth_indices() {
-  synth_column[0] = synth_column[1] = 0;
-  synth_phase = 0;
-  reset_layer1_state();
+void reset_synth_indices(DecoderState& s) {
+  s.synth_column[0] = s.synth_column[1] = 0;
+  s.synth_phase = 0;
+  reset_layer1_state(s);
 }
 
 }  // namespace decoder

@@ -8,11 +8,8 @@
 #include <cstring>
 #include <thread>
 
-#include "decoder/synth.h"
 #include "output/ring.h"
 #include "output/wave.h"
-#include "session/play.h"
-#include "session/writers.h"
 
 namespace output {
 
@@ -26,7 +23,8 @@ enum Op { COPY, FOLD };
 // zeroing the count) is the only way on. A play thread that stop_play gave up on stays here for
 // good: the next session's ring is not its to write.
 inline void wait_for_room() {
-  while (ring.ring_fill.load(std::memory_order_acquire) >= RING_UNITS || session::play_thread_abandoned())
+  while (ring.ring_fill.load(std::memory_order_acquire) >= RING_UNITS ||
+         (session_link.abandoned && session_link.abandoned()))
     std::this_thread::sleep_for(std::chrono::milliseconds(40));
 }
 
@@ -38,7 +36,7 @@ inline void store16(uint8_t*& out, int32_t v) {
 }
 
 template <int Group, int Stride, int Count, int Width, Op O, uint32_t Counted>
-void shape() {
+void shape(const int16_t* v) {
   static_assert((Count - 1) * Stride + Group <= 1152, "reads stay inside the source block");
   static_assert(Counted % UNIT_BYTES == 0 && RING_BYTES % Counted == 0, "blocks end at the ring's end");
   static_assert(O == COPY || Group == 2);
@@ -46,7 +44,6 @@ void shape() {
   static_assert(stored >= Counted && stored - Counted <= 288, "surplus fits the ring's spare bytes");
 
   wait_for_room();
-  const int16_t* v = decoder::pcm_block;
   uint32_t at = ring.ring_write.load(relaxed);
   uint8_t* out = ring.ring_base + at;
   int count = Count;
@@ -123,18 +120,13 @@ const ShaperRow shaper_table[SHAPER_COUNT] = {
 
 #undef ROW
 
-const ShaperRow* select_shaper() {
-  using session::state;
-  using session::stream;
-  const int32_t rate_row = state.rate_shift >= 2 ? 2 : state.rate_shift < 0 ? 0 : state.rate_shift;
-  const int32_t channel_case = stream.mode == 3 ? CASE_MONO : state.session_stereo ? CASE_STEREO : CASE_FOLD;
-  const int32_t width = state.session_16bit ? 16 : 8;
-  for (const ShaperRow& row : shaper_table) {
-    if (row.rate_row == rate_row && row.channel_case == channel_case && row.width == width) {
-      state.shaper_slot = row.fn;
-      return &row;
-    }
-  }
+const ShaperRow* select_shaper(const OutputChoice& choice, bool mono_stream) {
+  const int32_t shift = choice.rate_shift;
+  const int32_t rate_row = shift >= 2 ? 2 : shift < 0 ? 0 : shift;
+  const int32_t channel_case = mono_stream ? CASE_MONO : choice.stereo ? CASE_STEREO : CASE_FOLD;
+  const int32_t width = choice.sixteen_bit ? 16 : 8;
+  for (const ShaperRow& row : shaper_table)
+    if (row.rate_row == rate_row && row.channel_case == channel_case && row.width == width) return &row;
   return nullptr;  // unreachable: the table covers every combination
 }
 

@@ -1,4 +1,4 @@
-// Sample shapers: move the finished pcm_block into PcmRing in exactly the byte format the wave
+// Sample shapers: move a finished block of PCM into PcmRing in exactly the byte format the wave
 // device was opened with: thinned to the reduced rate, folded to one channel, narrowed to 8 bits.
 // 18 routines, one per row of the selection table, all instances of one kernel.
 //
@@ -8,9 +8,12 @@
 
 #include <cstdint>
 
-#include "session/session.h"
+#include "output/wave.h"
 
 namespace output {
+
+// One shaper per track: moves a finished block of PCM (576 stereo frames) into the ring.
+using ShaperFn = void (*)(const int16_t* block);
 
 enum ShaperCase : int32_t { CASE_MONO = 0, CASE_FOLD = 1, CASE_STEREO = 2 };
 
@@ -19,7 +22,7 @@ struct ShaperRow {
   int32_t rate_row;
   int32_t channel_case;
   int32_t width;  // 8 or 16
-  session::ShaperFn fn;
+  ShaperFn fn;
   uint32_t bytes_stored;   // what the routine writes at ring_write
   uint32_t bytes_counted;  // how far ring_write moves
 };
@@ -27,8 +30,8 @@ struct ShaperRow {
 constexpr int32_t SHAPER_COUNT = 18;
 extern const ShaperRow shaper_table[SHAPER_COUNT];
 
-// Picks the row for this track from rate_shift, stream.mode, session_stereo and session_16bit,
-// and puts its routine into state.shaper_slot. Returns the row.
-const ShaperRow* select_shaper();
+// The row for a track: by the rate shift, whether the stream is mono, and the output choices
+// (stereo or folded to one channel, 16 or 8 bits).
+const ShaperRow* select_shaper(const OutputChoice& choice, bool mono_stream);
 
 }  // namespace output

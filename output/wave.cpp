@@ -23,7 +23,6 @@
 #include <vector>
 
 #include "output/ring.h"
-#include "session/session.h"
 
 namespace output {
 
@@ -38,12 +37,16 @@ int32_t cpu_family_from_environment() {
 
 WaveState& wave = *new WaveState;
 WaveHooks wave_hooks;
+SessionLink session_link;
 
 void sleep_ms(int32_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 namespace {
 
 constexpr auto relaxed = std::memory_order_relaxed;
+
+bool stop_asked() { return session_link.command && session_link.command->load(relaxed) != 0; }
+bool paused() { return session_link.paused && session_link.paused->load(relaxed) != 0; }
 
 // The pool: block headers and their data, one allocation per track, owned by the wave thread.
 struct WavePool {
@@ -158,14 +161,14 @@ bool close_after_draining(Track& t) {
     int32_t frame = 0;
     while (t.ops->unprepare(t.handle, t.block(b)) == WAVE_ERR_STILL_PLAYING) {
       if (!t.alive()) return false;
-      if (session::state.decoder_command.load(relaxed) != session::CMD_RUN) {
+      if (stop_asked()) {
         sleep_ms(10);
         t.ops->reset(t.handle);
         wave.free_blocks.store(0, relaxed);
       } else if (wave.style.load(relaxed) < 2) {
         draw_time_if_changed();
         if (wave.render.load(relaxed)) {
-          if (!session::state.paused.load(relaxed) && wave_hooks.draw_display) wave_hooks.draw_display(frame++);
+          if (!paused() && wave_hooks.draw_display) wave_hooks.draw_display(frame++);
           sleep_ms(wave.wait_ms.load(relaxed));
         } else {
           sleep_ms(20);
@@ -270,7 +273,7 @@ void wave_thread(Track t) {
           if (wave.style.load(relaxed) >= 2 || !wave.render.load(relaxed)) {
             wave.wave_event.wait(200);
           } else {
-            if (!session::state.paused.load(relaxed) && wave_hooks.draw_display) wave_hooks.draw_display(frame++);
+            if (!paused() && wave_hooks.draw_display) wave_hooks.draw_display(frame++);
             wave.wave_event.wait(uint32_t(wave.wait_ms.load(relaxed)));
           }
           if (t.command() >= WAVE_JUMP) {
@@ -356,19 +359,18 @@ void wave_callback(int32_t msg, WaveBlock*, uintptr_t user) {
   wave.display_seconds.store(uint32_t(seconds), relaxed);
 }
 
-int32_t wave_open(int32_t rate, bool two_channels) {
-  using session::state;
+int32_t wave_open(int32_t rate, bool two_channels, const OutputChoice& choice) {
   const WaveDeviceOps* ops = wave_device_ops();
   if (!ops) return WAVE_ERR_NO_DRIVER;
   ring_allocate();  // the session allocates it first; this only guards a caller that didn't
 
   // No system sounds exist to be stopped here: the device is ours alone.
-  const bool stereo_out = state.session_stereo && two_channels;
-  const int32_t shift = state.rate_shift < 0 ? 0 : state.rate_shift > 30 ? 30 : state.rate_shift;
+  const bool stereo_out = choice.stereo && two_channels;
+  const int32_t shift = choice.rate_shift < 0 ? 0 : choice.rate_shift > 30 ? 30 : choice.rate_shift;
   WaveFormat f;
   f.sample_rate = rate >> shift;
   f.channels = stereo_out ? 2 : 1;
-  f.bits = state.session_16bit ? 16 : 8;
+  f.bits = choice.sixteen_bit ? 16 : 8;
   f.block_align = f.channels * f.bits / 8;
   f.byte_rate = f.block_align * f.sample_rate;
 
@@ -452,12 +454,13 @@ void toggle_pause() {
   if (!ops || !wave.wave_device.load(relaxed)) return;
   sleep_ms(20);
   const WaveHandle h = wave.wave_device.load(relaxed);
-  if (session::state.paused.load(relaxed)) {
+  std::atomic<int32_t>* flag = session_link.paused;
+  if (paused()) {
     ops->restart(h);
-    session::state.paused.store(0, relaxed);
+    if (flag) flag->store(0, relaxed);
   } else {
     ops->pause(h);
-    session::state.paused.store(1, relaxed);
+    if (flag) flag->store(1, relaxed);
   }
 }
 

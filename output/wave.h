@@ -112,9 +112,27 @@ struct WaveHooks {
 };
 extern WaveHooks wave_hooks;
 
-// Session thread. Opens the device for rate >> rate_shift, one or two channels, 8 or 16 bits (from
-// the session's words), starts the wave thread and waits for it. Returns 0 or the device's error.
-int32_t wave_open(int32_t rate, bool two_channels);
+// The play session's words as the wave thread and the shapers see them. The session fills it once,
+// on the main thread, before it starts its first play thread; a null member reads as "run", "not
+// paused", "not abandoned".
+struct SessionLink {
+  const std::atomic<int32_t>* command = nullptr;  // the session's command: anything but 0 stops a track
+  std::atomic<int32_t>* paused = nullptr;         // the pause flag, which toggle_pause flips
+  bool (*abandoned)() = nullptr;                  // the calling play thread has been given up
+};
+extern SessionLink session_link;
+
+// The track's output choices: two channels or one (for a stereo stream), 16 or 8 bits, and the rate
+// shift (the device runs at rate >> rate_shift).
+struct OutputChoice {
+  int32_t stereo = 1;
+  int32_t sixteen_bit = 1;
+  int32_t rate_shift = 0;
+};
+
+// Session thread. Opens the device for rate >> rate_shift, one or two channels, 8 or 16 bits as
+// choice says, starts the wave thread and waits for it. Returns 0 or the device's error.
+int32_t wave_open(int32_t rate, bool two_channels, const OutputChoice& choice);
 // Device thread: the completion callback given to the device.
 void wave_callback(int32_t msg, WaveBlock* block, uintptr_t user);
 // Sets the device's volume word from volume_level and pan_level; with fade, rises to it from 0 in
@@ -122,7 +140,7 @@ void wave_callback(int32_t msg, WaveBlock* block, uintptr_t user);
 void apply_volume(int32_t fade);
 // Main thread, on a stop from pause: silence now, and fade in at the close.
 void mute_for_stop();
-// Main thread: pause or restart the device, flipping session::state.paused.
+// Main thread: pause or restart the device, flipping the session's pause flag.
 void toggle_pause();
 // Main thread, after a session missed its time-out: give up the running wave thread (it leaves
 // when it wakes) and stop the device. The pool is not freed.

@@ -9,7 +9,6 @@
 namespace session {
 
 FrameReader reader;
-BitReader bits;
 
 namespace {
 
@@ -86,7 +85,6 @@ bool slide_window() {
 }  // namespace
 
 int32_t read_frame(FrameHeader& header) {
-  reader.frame_head_bits = 0;
   long at = std::ftell(reader.file);  // file offset of the window's first byte
   if (at >= reader.end_limit) return FRAME_SHORT;
   if (std::fread(reader.frame_head, 1, 4, reader.file) != 4) return FRAME_SHORT;
@@ -99,73 +97,24 @@ int32_t read_frame(FrameHeader& header) {
     // finds its frames by sync search).
     if (taken && h.bitrate_index == 0 && !measure_free_format(h, at) && h.layer_code != 3) taken = false;
     if (taken) {
-      reader.frame_head_bits = 32;
       header = h;
       return h.layer_code == 3 ? FRAME_LAYER1 : FRAME_OK;
     }
-    reader.frame_head_bits = 0;
     if (!slide_window()) return sync == 0xFFF ? FRAME_EOF_AFTER_SYNC : FRAME_EOF;
   }
 }
 
-void skip_crc() {
-  // A short read leaves what the head held: the CRC is never checked, so it does not matter.
-  size_t got = std::fread(reader.frame_head, 1, 2, reader.file);
-  (void)got;
-  reader.frame_head_bits = 16;
+int32_t read_frame_body(int32_t wanted) {
+  if (wanted <= 0) return 0;
+  if (wanted > MAX_BODY_BYTES) wanted = MAX_BODY_BYTES;
+  return int32_t(std::fread(reader.body, 1, size_t(wanted), reader.file));
 }
 
 void reset_frame_reader() {
-  reader.frame_head_bits = 0;
   reader.free_bytes = 0;
   reader.free_key = -1;
   reader.end_limit = 0x7FFFFFFF;
   std::memset(reader.frame_head, 0, sizeof reader.frame_head);
-}
-
-void reset_bit_reader() {
-  std::memset(bits.reservoir, 0, sizeof bits.reservoir);
-  bits.reservoir_write = 0;
-  bits.reservoir_bits = 0;
-}
-
-void sync_reservoir_guard() { std::memcpy(bits.reservoir + RESERVOIR_SIZE, bits.reservoir, 4); }
-
-void load_reservoir(int32_t n) {
-  // Frame lengths never exceed the guard (free-format ones are bounded when measured); the clamp
-  // only keeps a caller's arithmetic slip from writing past the storage.
-  if (n <= 0) return;
-  if (n > RESERVOIR_GUARD) n = RESERVOIR_GUARD;
-  // A short read is not detected: missing bytes are whatever the ring held before.
-  size_t got = std::fread(bits.reservoir + bits.reservoir_write, 1, size_t(n), reader.file);
-  (void)got;
-  const int32_t start = bits.reservoir_write;
-  const int32_t end = start + n;
-  if (end < RESERVOIR_SIZE) {
-    bits.reservoir_write = end;
-    // After a wrap that ran fewer than four bytes over, the next load lands on the ring's first
-    // four bytes, which the guard repeats: refresh it, or a read across the ring's end would see
-    // the bytes that lay there one lap before.
-    if (start < 4) sync_reservoir_guard();
-    return;
-  }
-  int32_t over = end - RESERVOIR_SIZE;
-  std::memcpy(bits.reservoir, bits.reservoir + RESERVOIR_SIZE, size_t(over));
-  if (over < 4) std::memcpy(bits.reservoir + RESERVOIR_SIZE, bits.reservoir, 4);
-  bits.reservoir_write = over;
-}
-
-int32_t read_frame_head(int32_t n) {
-  if (n > int32_t(sizeof reader.frame_head)) n = int32_t(sizeof reader.frame_head);
-  if (n < 0) n = 0;
-  std::memset(reader.frame_head, 0, sizeof reader.frame_head);
-  size_t got = std::fread(reader.frame_head, 1, size_t(n), reader.file);
-  reader.frame_head_bits = 0;
-  return int32_t(got);
-}
-
-uint32_t head_bits(int32_t n) {
-  return format::read_bits_bounded(reader.frame_head, int32_t(sizeof reader.frame_head), reader.frame_head_bits, n);
 }
 
 }  // namespace session

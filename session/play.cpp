@@ -125,7 +125,7 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame, const Li
   switch (command) {
     case CMD_JUMP:
       // Layer I slots decoded before the jump and still waiting for a block belong to the old place.
-      decoder::reset_layer1_state();
+      decoder::reset_layer1_state(decoding);
       frame = seek_to_frame(header);
       output::wave.seek_count.store(position(), relaxed);
       output::wave.wave_command.store(output::WAVE_JUMP, relaxed);
@@ -142,7 +142,7 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame, const Li
       break;
     case CMD_BACK:
       if (frame >= SEEK_STEP_FRAMES) {
-        decoder::reset_layer1_state();
+        decoder::reset_layer1_state(decoding);
         int32_t n = skip_frames_back(header, SEEK_STEP_FRAMES);
         if (n != -1) {
           frame -= n;
@@ -159,6 +159,9 @@ bool take_command(int32_t command, FrameHeader& header, int32_t& frame, const Li
   state.decoder_command.store(CMD_RUN, relaxed);
   return true;
 }
+
+// The track's output choices, as the device and the shaper take them.
+output::OutputChoice output_choice() { return {state.session_stereo, state.session_16bit, state.rate_shift}; }
 
 // Units that one frame's output can take in the ring: 1152 stereo 16-bit sample frames.
 constexpr int32_t FRAME_UNITS = 1152 * 4 / int32_t(output::UNIT_BYTES);
@@ -185,8 +188,7 @@ TrackEnd play_frames(const Life& life) {
     }
     state.damaged_flag.store(1, relaxed);
   }
-  if (header.protection_bit == 0) skip_crc();
-  int32_t error = output::wave_open(header_hz(header), header.mode != 3);
+  int32_t error = output::wave_open(header_hz(header), header.mode != 3, output_choice());
   if (error != 0) {
     report_device_error(error);
     state.play_requested.store(0, relaxed);
@@ -194,7 +196,7 @@ TrackEnd play_frames(const Life& life) {
   }
   state.play_requested.store(0, relaxed);
   if (state.decoder_command.load(relaxed) != CMD_RUN) return TRACK_STOPPED;
-  decoder::reset_synth_indices();
+  decoder::reset_synth_indices(decoding);
 
   // frame counts the frames decoded: 1 once the first one is.
   int32_t frame = 0;
@@ -203,7 +205,8 @@ TrackEnd play_frames(const Life& life) {
       code = read_frame(header);
       if (end_of_stream(code)) {
         // The Layer I slots still waiting for a block play as one, padded with silence.
-        if (decoder::flush_layer1() && state.shaper_slot) state.shaper_slot();
+        int16_t pcm[decoder::BLOCK_SAMPLES];
+        if (flush_decoding(pcm) && state.shaper_slot) state.shaper_slot(pcm);
         return TRACK_ENDED;
       }
       if (!frame_found(code)) {
@@ -212,22 +215,19 @@ TrackEnd play_frames(const Life& life) {
         state.damaged_flag.store(1, relaxed);
         continue;
       }
-      if (header.protection_bit == 0) skip_crc();
       wait_for_ring_room(life);
       if (!life.live()) return TRACK_ABANDONED;
       int32_t command = state.decoder_command.load(relaxed);
       if (command != CMD_RUN && !take_command(command, header, frame, life))
         return life.live() ? TRACK_STOPPED : TRACK_ABANDONED;
     }
-    if (header.layer_code == 1) {
-      decoder::decode_layer3_frame(header);
-    } else if (header.layer_code == 3) {
-      if (decoder::decode_layer1_frame(header) == decoder::LAYER1_CRC_MISMATCH) {
-        // A protected Layer I frame with a wrong CRC stops the session.
-        state.decoder_command.store(CMD_STOP, relaxed);
-        return TRACK_STOPPED;
-      }
-    } else if (decoder::decode_layer2_frame(header) != 0) {
+    const int32_t decoded = decode_next_frame(header);
+    if (decoded == decoder::LAYER1_CRC_MISMATCH) {
+      // A protected Layer I frame with a wrong CRC stops the session.
+      state.decoder_command.store(CMD_STOP, relaxed);
+      return TRACK_STOPPED;
+    }
+    if (decoded != decoder::DECODE_OK) {
       if (!life.live()) return TRACK_ABANDONED;
       message_box("Error", "エラー発生");
       return TRACK_STOPPED;
@@ -312,12 +312,12 @@ void play_thread_main(int32_t generation) {
     state.session_emphasis = options.emphasis;
     state.session_alias = options.alias;
     state.session_hi_fi = options.hi_fi;
-    output::select_shaper();
+    state.shaper_slot = output::select_shaper(output_choice(), stream.mode == 3)->fn;
     // The shaper has chosen its row by the shift before a full-rate selector takes it back to 0,
     // while the device opens at shift 0: selectors 3 and 7 thin the sound all the same. Only a
     // hand-edited settings file reaches them.
     SynthChoice synth = choose_synth(rate.selector, stream.mode, family, options.pentium_synth);
-    state.synth_slot = synth.synth;
+    decoding.synth = synth.synth;
     if (synth.shift_reset) state.rate_shift = 0;
 
     count_play(library::playlist.current_entry.load(relaxed));
@@ -444,17 +444,18 @@ int32_t start_play() {
   publish_stream();
   if (options.powersave) preread_file(reader.file);
 
-  state.decoded_channels = 1;
+  decoding.channels = 1;
   output::wave.block_count.store(output::BLOCK_COUNT, relaxed);
   output::ring.ring_bytes.store(output::RING_BYTES, relaxed);
-  bits.reservoir_write = 0;
-  bits.reservoir_bits = 0;
   state.damaged_flag.store(0, relaxed);
   state.decoder_command.store(CMD_RUN, relaxed);
   state.paused.store(0, relaxed);
   // Marked running before the thread exists, so that a stop_play at once waits for it.
   state.decoder_running.store(1, relaxed);
   play_thread_handle.store(1, relaxed);
+  // Filled once, before the first wave thread: a thread given up later may still read it.
+  if (!output::session_link.command)
+    output::session_link = {&state.decoder_command, &state.paused, play_thread_abandoned};
   play_thread_object = std::thread(play_thread_main, play_generation.load(relaxed));
   return START_OK;
 }

@@ -80,7 +80,7 @@ struct PlayHooks {
 };
 extern PlayHooks play_hooks;
 
-// Session-wide facts of the play thread beside State: the handle stands for the thread object,
+// Session-wide facts of the play thread beside SessionState: the handle stands for the thread object,
 // play_generation tells a live thread from one that stop_play abandoned.
 extern std::atomic<int32_t> play_thread_handle;  // 1 while a play thread exists, cleared as its last act
 extern std::atomic<int32_t> play_generation;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "decoder/decoder.h"
 #include "session/session.h"
 #include "session/stream.h"
 
@@ -32,6 +33,17 @@ int32_t unpadded_length(const FrameHeader& h) {
 
 bool end_of_stream(int32_t code) { return code == FRAME_SHORT || code == FRAME_EOF; }
 
+// Steps over the frame whose header was just read; its main data goes into the decoder's reservoir
+// for the Layer III frames behind it. The file moves on by the frame, or at least by its header and
+// side information.
+void pass_over_frame(const FrameHeader& h) {
+  const int32_t length = frame_length(h) - 4;
+  const int32_t side = head_and_side_bytes(h) - 4;
+  const int32_t wanted = length > side ? length : side;
+  const int32_t got = read_frame_body(wanted);
+  decoder::skip_frame(decoding, h, {reader.body, got, length});
+}
+
 }  // namespace
 
 int32_t seek_to_frame(FrameHeader& header) {
@@ -46,9 +58,7 @@ int32_t seek_to_frame(FrameHeader& header) {
     if (end_of_stream(code)) return stream.frame_count;
     ++target;
   }
-  int32_t head = head_and_side_bytes(local);
-  if (std::fseek(reader.file, head - 4, SEEK_CUR) != 0) return std::feof(reader.file) ? stream.frame_count : target;
-  load_reservoir(frame_length(local) - head);
+  pass_over_frame(local);
   int32_t code = read_frame(local);
   if (frame_found(code)) {
     header = local;
@@ -60,9 +70,7 @@ int32_t seek_to_frame(FrameHeader& header) {
 int32_t skip_frames_forward(FrameHeader& header, int32_t n) {
   FrameHeader local = header;
   for (int32_t done = 0; done < n; ++done) {
-    int32_t head = head_and_side_bytes(local);
-    if (std::fseek(reader.file, head - 4, SEEK_CUR) != 0) return std::feof(reader.file) ? done : -1;
-    load_reservoir(frame_length(local) - head);
+    pass_over_frame(local);
     int32_t code = read_frame(local);
     if (code == FRAME_SHORT) return done;
     if (!frame_found(code)) return -1;

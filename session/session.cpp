@@ -22,7 +22,8 @@ namespace session {
 
 OutputOptions options;
 StreamInfo stream;
-State state;
+SessionState state;
+decoder::DecoderState decoding;
 
 namespace {
 
@@ -74,7 +75,8 @@ void report_progress(int32_t frames, int32_t sampling_index) {
 
 // The end of a job's stream: the Layer I slots still waiting, then the output format's header.
 void finish_stream(const FrameHeader& header) {
-  if (int32_t tail = decoder::flush_layer1()) write_decoded_frames(tail);
+  int16_t pcm[decoder::BLOCK_SAMPLES];
+  if (int32_t tail = flush_decoding(pcm)) write_decoded_frames(pcm, tail);
   if (state.file_job_active.load(relaxed) && options.ext_filter >= EXT_WAV && options.ext_filter <= EXT_VOC)
     finish_header(options.ext_filter, header);
 }
@@ -84,28 +86,22 @@ Outcome decode_frames(Job& job, int32_t& frames) {
   FrameHeader& header = state.last_header;
   for (;;) {
     int32_t code = read_frame(header);
-    if (frame_found(code)) {
-      if (header.protection_bit == 0) skip_crc();
-    } else {
+    if (!frame_found(code)) {
       // The end of the file, or a reader failure, which looks like one: no frame skipping in a
       // file job.
       finish_stream(header);
       return OUTCOME_DONE;
     }
     if (job.cancel.load(relaxed)) return OUTCOME_CANCELLED;
-    if (header.layer_code == 1) {
-      decoder::decode_layer3_frame(header);
-    } else if (header.layer_code == 3) {
-      if (decoder::decode_layer1_frame(header) == decoder::LAYER1_CRC_MISMATCH) {
-        // A protected Layer I frame with a wrong CRC ends the track; what was decoded before it
-        // stays a complete file.
-        finish_stream(header);
-        state.decoder_command.store(CMD_STOP, relaxed);
-        return OUTCOME_DONE;
-      }
-    } else if (decoder::decode_layer2_frame(header) != 0) {
-      return OUTCOME_FATAL;
+    const int32_t decoded = decode_next_frame(header);
+    if (decoded == decoder::LAYER1_CRC_MISMATCH) {
+      // A protected Layer I frame with a wrong CRC ends the track; what was decoded before it
+      // stays a complete file.
+      finish_stream(header);
+      state.decoder_command.store(CMD_STOP, relaxed);
+      return OUTCOME_DONE;
     }
+    if (decoded != decoder::DECODE_OK) return OUTCOME_FATAL;
     // On NT the job yields to the system every 64 frames.
     if (platform_family() == PLATFORM_NT && frames % 64 == 0) sleep_ms(10);
     ++frames;
@@ -145,8 +141,8 @@ int32_t decode_file_thread(Job& job) {
   int32_t frames = 0;
   int32_t sampling_index = 0;
   for (;;) {
-    decoder::reset_synth_indices();
-    state.synth_slot = stream.mode == 3 ? decoder::synth_mono : decoder::synth_full;
+    decoder::reset_synth_indices(decoding);
+    decoding.synth = stream.mode == 3 ? decoder::synth_mono : decoder::synth_full;
     reserve_header(options.ext_filter);
     if (in_batch) post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_STARTED, job_index);
 
@@ -248,8 +244,35 @@ StreamInfo published_stream() {
 
 void reset_decoding() {
   reset_frame_reader();
-  reset_bit_reader();
-  decoder::reset_decoder_state();
+  decoder::reset_decoder_state(decoding);
+}
+
+namespace {
+
+// Emphasis and Hi-Fi as the track's settings have them: the user's "Emphasis" off leaves the
+// samples alone.
+void prepare_decoding() { decoding.emphasis_mode = state.session_emphasis ? stream.emphasis_mode : 0; }
+
+}  // namespace
+
+int32_t decode_next_frame(const FrameHeader& header) {
+  static decoder::PcmBlocks out;  // one session decodes at a time
+  const int32_t wanted = decoder::body_bytes_wanted(header, frame_length(header));
+  const int32_t got = read_frame_body(wanted);
+  prepare_decoding();
+  const int32_t code = decoder::decode_frame(decoding, header, {reader.body, got, wanted}, out);
+  if (decoding.damaged) {
+    state.damaged_flag.store(1, relaxed);
+    decoding.damaged = 0;
+  }
+  if (state.shaper_slot)
+    for (int32_t b = 0; b < out.count; ++b) state.shaper_slot(out.block[b]);
+  return code;
+}
+
+int32_t flush_decoding(int16_t* pcm) {
+  prepare_decoding();
+  return decoder::flush_layer1(decoding, pcm);
 }
 
 int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
@@ -271,7 +294,7 @@ int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
     return START_NO_OUTPUT;
   }
   publish_stream();
-  state.decoded_channels = 0;
+  decoding.channels = 0;
   state.damaged_flag.store(0, relaxed);
   state.decoder_command.store(CMD_RUN, relaxed);
   state.paused.store(0, relaxed);

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <string>
 
+#include "decoder/state.h"
 #include "session/frame_reader.h"
 #include "session/job.h"
 
@@ -99,14 +100,15 @@ enum FileJobCode : int32_t {
   FILE_JOB_DECODE_ERROR = 3
 };
 
-// One synthesis variant per track: channel 0 or 1.
-using SynthFn = void (*)(int32_t channel);
-// One shaper per track: moves the finished pcm_block (or pcm_block_l1) onwards.
-using ShaperFn = void (*)();
+// One synthesis variant per track.
+using decoder::SynthFn;
+// One shaper per track: moves a finished block of PCM (decoder::BLOCK_SAMPLES values) onwards.
+using ShaperFn = void (*)(const int16_t* block);
 
 using Word = std::atomic<int32_t>;
 
-struct State {
+// The running session: the words it shares with the other threads and what it chose for the track.
+struct SessionState {
   // Shared between threads (main thread writes commands, session thread acts on them).
   Word decoder_command{CMD_STOP};
   Word seek_target{0};
@@ -119,9 +121,7 @@ struct State {
   Word write_failed{0};
 
   // Owned by the session thread while one runs, by the main thread otherwise.
-  SynthFn synth_slot = nullptr;
   ShaperFn shaper_slot = nullptr;
-  int32_t decoded_channels = 0;
   int32_t rate_shift = 0;
   int32_t session_stereo = 1;
   int32_t session_16bit = 1;
@@ -137,7 +137,10 @@ struct State {
 
 extern OutputOptions options;
 extern StreamInfo stream;  // the session thread's own; other threads read published_stream()
-extern State state;
+extern SessionState state;
+// The session's decoder: its synthesis variant is chosen per track, its channels are those of the
+// blocks it gives.
+extern decoder::DecoderState decoding;
 
 // The open stream's facts for other threads: the thread that opened a stream publishes a copy of
 // it whole; published_stream returns that copy, taken whole under a lock, never half of one track
@@ -145,9 +148,14 @@ extern State state;
 void publish_stream();
 StreamInfo published_stream();
 
-// Clears the frame reader, the reservoir, the synthesis history, the Layer III buffers and
-// pcm_block, as both start operations do.
+// Clears the frame reader and the decoder's state, as both start operations do.
 void reset_decoding();
+// Decodes the frame whose header read_frame just found: reads its bytes, decodes them and hands
+// each finished block to the shaper. Returns the decoder's code.
+int32_t decode_next_frame(const FrameHeader& header);
+// The end of a Layer I stream: the slots still waiting go to pcm as one block (flush_layer1).
+// Returns the block's frames of decoded sound, 0 for none.
+int32_t flush_decoding(int16_t* pcm);
 
 // Starts a file job on job converting in_path to out_path in options.ext_filter's format.
 // Returns START_OK, START_BUSY, START_NO_INPUT, START_OPEN_FAILED, START_NO_OUTPUT or

@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "decoder/synth.h"
 #include "session/session.h"
 #include "session/stream.h"
 
@@ -189,13 +188,13 @@ Trim trim;
 
 }  // namespace
 
-void write_decoded_block() { write_decoded_frames(576); }
+void write_decoded_block(const int16_t* block) { write_decoded_frames(block, 576); }
 
-void write_decoded_frames(int32_t frames) {
+void write_decoded_frames(const int16_t* block, int32_t frames) {
   if (frames <= 0 || frames > 576) return;
   // Gapless: the encoder's delay and the decoder's own at the start are dropped, and what stands
   // behind the stream's real length.
-  const size_t channels = state.decoded_channels == 2 ? 2 : 1;
+  const size_t channels = decoding.channels == 2 ? 2 : 1;
   int64_t first = std::min<int64_t>(frames, trim.skip);
   trim.skip -= first;
   int64_t count = frames - first;
@@ -204,7 +203,7 @@ void write_decoded_frames(int32_t frames) {
     trim.keep -= count;
   }
   if (count <= 0) return;
-  write_samples(decoder::pcm_block + size_t(first) * channels, size_t(count) * channels * 2);
+  write_samples(block + size_t(first) * channels, size_t(count) * channels * 2);
 }
 
 void reserve_header(int32_t ext_filter) {
@@ -223,7 +222,7 @@ void finish_header(int32_t ext_filter, const FrameHeader& last) {
   const int32_t end = int32_t(std::ftell(state.out_file));
   const int32_t rate = header_rate(last);
   // A stream of no audio frames (a lone Info frame) still gets a valid header: its first frame's.
-  const int32_t channels = state.decoded_channels ? state.decoded_channels : stream.mode == 3 ? 1 : 2;
+  const int32_t channels = decoding.channels ? decoding.channels : stream.mode == 3 ? 1 : 2;
   switch (ext_filter) {
     case EXT_WAV:
       finish_wave(end, rate, channels);

@@ -11,11 +11,11 @@ namespace session {
 
 enum ExtFilter : int32_t { EXT_RAW = 0, EXT_WAV = 1, EXT_AIF = 2, EXT_AU = 3, EXT_VOC = 4 };
 
-// The file job's ShaperFn: writes pcm_block (one or two channels by decoded_channels).
-void write_decoded_block();
-// Writes the first frames (1-576) of pcm_block the same way: the last, partial block of a Layer I
+// The file job's ShaperFn: writes a block (one or two channels by the decoder's channels).
+void write_decoded_block(const int16_t* block);
+// Writes the first frames (1-576) of a block the same way: the last, partial block of a Layer I
 // stream.
-void write_decoded_frames(int32_t frames);
+void write_decoded_frames(const int16_t* block, int32_t frames);
 // Writes placeholder bytes for ext_filter's header (nothing for raw).
 void reserve_header(int32_t ext_filter);
 // Writes the true header (and the WAVE trailer) from the file position and the last header.

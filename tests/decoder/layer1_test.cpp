@@ -24,7 +24,8 @@ void crc_bits(uint32_t& crc, uint32_t value, int bits) {
   }
 }
 
-struct StreamSpec {
+// The parameters of a made-up Layer I stream: random allocations, scale factors and samples.
+struct RandomLayer1Stream {
   int version = 1;         // 1 MPEG-1, 0 MPEG-2
   int sampling_index = 0;  // 0-2
   int bitrate_index = 12;
@@ -41,10 +42,10 @@ const int rates[2][3] = {{22050, 24000, 16000}, {44100, 48000, 32000}};
 const int kbps_table[2][15] = {{0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256},
                                {0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448}};
 
-int channels_of(const StreamSpec& s) { return s.mode == 3 ? 1 : 2; }
+int channels_of(const RandomLayer1Stream& s) { return s.mode == 3 ? 1 : 2; }
 
 // Frames with random allocations (kept inside the frame's bits), scale indices and sample codes.
-std::vector<uint8_t> make_layer1_stream(const StreamSpec& s) {
+std::vector<uint8_t> make_layer1_stream(const RandomLayer1Stream& s) {
   std::mt19937 rng(s.seed);
   auto pick = [&](int lo, int hi) { return lo + int(rng() % uint32_t(hi - lo + 1)); };
   BitWriter w;
@@ -160,7 +161,7 @@ TEST(Layer1, ConformanceStreamsMatchTheirReference) {
 
 TEST(Layer1, GeneratedStreamsMatchMpg123) {
   REQUIRE_TOOL("mpg123");
-  const StreamSpec specs[] = {
+  const RandomLayer1Stream streams[] = {
       {.version = 1, .sampling_index = 0, .bitrate_index = 12, .mode = 0, .crc = true, .frames = 23, .seed = 11},
       {.version = 1, .sampling_index = 1, .bitrate_index = 8, .mode = 1, .crc = false, .frames = 31, .seed = 12},
       {.version = 1, .sampling_index = 2, .bitrate_index = 4, .mode = 3, .crc = true, .frames = 17, .seed = 13},
@@ -171,8 +172,8 @@ TEST(Layer1, GeneratedStreamsMatchMpg123) {
   };
   const char* formats[] = {"raw", "wav", "aif", "au", "voc", "wav", "aif"};
   test::TempDir tmp;
-  for (size_t k = 0; k < std::size(specs); ++k) {
-    const StreamSpec& s = specs[k];
+  for (size_t k = 0; k < std::size(streams); ++k) {
+    const RandomLayer1Stream& s = streams[k];
     const std::string in = tmp.file("in.mp1"), out = tmp.file(std::string("out.") + formats[k]);
     SCOPED_TRACE(out);
     test::write_file(in, make_layer1_stream(s));

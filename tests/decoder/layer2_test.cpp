@@ -14,17 +14,15 @@
 #include "decoder/decoder.h"
 #include "decoder/synth.h"
 #include "decoder/tables.h"
-#include "session/frame_reader.h"
-#include "session/session.h"
 #include "session/stream.h"
 #include "support/support.h"
 
 namespace {
 
-using session::FrameHeader;
+using format::FrameHeader;
 
-// The bytes the decoder loads after the header: the frame's length less 4.
-int32_t body_bytes(const FrameHeader& h) { return session::frame_length(h) - 4; }
+// The bytes of the frame after the header: the frame's length less 4.
+int32_t body_bytes(const FrameHeader& h) { return format::frame_length(h, -1) - 4; }
 
 FrameHeader header(int id, int bitrate_index, int sampling_index, int mode, int mode_ext = 0) {
   FrameHeader h{};
@@ -45,43 +43,34 @@ struct SynthCall {
 };
 std::vector<SynthCall> synth_calls;
 int shaper_calls = 0;
+decoder::DecoderState state;
 
 class Layer2FrameTest : public ::testing::Test {
  protected:
-  FILE* file = nullptr;
   void SetUp() override {
     decoder::init_decoder_tables();
-    session::reset_decoding();
-    session::state.synth_slot = [](int32_t channel) {
+    state = {};
+    decoder::reset_decoder_state(state);
+    state.synth = [](decoder::DecoderState& s, int32_t channel) {
       synth_calls.push_back({channel, {}});
-      std::memcpy(synth_calls.back().samples, decoder::subband_samples, sizeof decoder::subband_samples);
+      std::memcpy(synth_calls.back().samples, s.subband_samples, sizeof s.subband_samples);
     };
-    session::state.shaper_slot = [] { ++shaper_calls; };
-    session::state.damaged_flag.store(0);
-    session::stream.emphasis_mode = 0;
     synth_calls.clear();
     shaper_calls = 0;
   }
-  void TearDown() override {
-    if (file) std::fclose(file);
-    session::reader.file = nullptr;
-  }
   // Decodes one frame whose body starts with the written bits, padded with zeros to the frame's
-  // length and 64 bytes beyond.
+  // length.
   void decode(const FrameHeader& h, const BitWriter& body) {
     std::vector<uint8_t> bytes = body.bytes;
-    bytes.resize(std::max(bytes.size(), size_t(std::max(0, body_bytes(h))) + 64), 0);
-    if (file) std::fclose(file);
-    file = std::tmpfile();
-    ASSERT_NE(file, nullptr);
-    std::fwrite(bytes.data(), 1, bytes.size(), file);
-    std::rewind(file);
-    session::reader.file = file;
-    EXPECT_EQ(decoder::decode_layer2_frame(h), 0);
+    const int32_t length = std::max(0, body_bytes(h));
+    bytes.resize(std::max(bytes.size(), size_t(length)), 0);
+    static decoder::PcmBlocks out;
+    EXPECT_EQ(decoder::decode_frame(state, h, {bytes.data(), length, length}, out), 0);
+    shaper_calls = out.count;
   }
   // The frame's slot t (0-35) of channel ch, subband sb, as handed to the synthesis.
   float sample(int ch, int sb, int t) const {
-    const SynthCall& c = synth_calls[size_t((t / 18) * session::state.decoded_channels + ch)];
+    const SynthCall& c = synth_calls[size_t((t / 18) * state.channels + ch)];
     EXPECT_EQ(c.channel, ch);
     return c.samples[sb][t % 18];
   }
@@ -93,7 +82,7 @@ float grouped_value(int d, float scale) { return (float(d) * 0.5f - 1.0f + 0.5f)
 const int digits_a[3] = {0, 1, 2}, digits_b[3] = {2, 2, 0}, digits_c[3] = {1, 2, 0};
 
 // An MPEG-2 frame uses the low-sampling-frequency table (30 bands, widths 4, 3, 2) at every rate,
-// and loads the whole frame: the file stands at the next header afterwards.
+// and takes the whole frame.
 TEST_F(Layer2FrameTest, Mpeg2UsesTheLowRateTableAndLoadsTheWholeFrame) {
   for (int bitrate_index : {1, 14}) {
     SCOPED_TRACE(bitrate_index);
@@ -106,12 +95,10 @@ TEST_F(Layer2FrameTest, Mpeg2UsesTheLowRateTableAndLoadsTheWholeFrame) {
     for (int g = 0; g < 12; ++g) w.put(group3(1, 2, 0), 5);
     decode(h, w);
     for (int t = 0; t < 36; ++t) EXPECT_EQ(sample(0, 29, t), grouped_value(digits_c[t % 3], 1.0f)) << t;
-    EXPECT_EQ(std::ftell(file), long(body_bytes(h)));
   }
 }
 
-// Per-channel rates that no table lists give a damaged frame of silence; the frame's bytes are
-// still consumed.
+// Per-channel rates that no table lists give a damaged frame of silence.
 TEST_F(Layer2FrameTest, UnlistedPerChannelRateIsADamagedSilentFrame) {
   struct Case {
     int sampling_index, bitrate_index, mode;
@@ -124,13 +111,12 @@ TEST_F(Layer2FrameTest, UnlistedPerChannelRateIsADamagedSilentFrame) {
     BitWriter w;
     for (int i = 0; i < 64; ++i) w.put(0xFF, 8);  // anything: nothing is read
     decode(h, w);
-    EXPECT_EQ(session::state.damaged_flag.load(), 1);
+    EXPECT_EQ(state.damaged, 1);
     EXPECT_EQ(synth_calls.size(), c.mode == 3 ? 2u : 4u);
     EXPECT_EQ(shaper_calls, 2);
     for (const SynthCall& call : synth_calls)
       for (const auto& row : call.samples)
         for (float v : row) ASSERT_EQ(v, 0.0f);
-    EXPECT_EQ(std::ftell(file), long(body_bytes(h)));
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -17,18 +18,16 @@
 
 namespace {
 
-using decoder::l3;
-using session::bits;
+decoder::Layer3State& l3 = l3test::state.l3;
+decoder::Reservoir& bits = l3test::state.reservoir;
 
 // Fresh decoder state, and an MPEG-1 (or LSF) mono header at 44.1 (22.05) kHz whose band tables
 // are chosen as the frame driver does.
 session::FrameHeader fresh_state(int32_t id = 1) {
   static bool tables = (decoder::init_decoder_tables(), true);
   (void)tables;
-  session::reset_frame_reader();
-  session::reset_bit_reader();
-  decoder::reset_decoder_state();
-  session::state.damaged_flag.store(0);
+  l3test::state = {};
+  decoder::reset_decoder_state(l3test::state);
   session::FrameHeader h{};
   h.id = id;
   h.layer_code = 1;
@@ -112,10 +111,10 @@ TEST(Layer3Huffman, GranuleLoopsDecodeEveryCode) {
       si.region0_count[0] = 3;
       si.region1_count[0] = 4;
       si.table_select[0][0] = si.table_select[0][1] = si.table_select[0][2] = table;
-      si.part2_3_length[0] = int32_t((w.pos - start) & session::RESERVOIR_BIT_MASK);
+      si.part2_3_length[0] = int32_t((w.pos - start) & decoder::RESERVOIR_BIT_MASK);
       ASSERT_LT(si.part2_3_length[0], 4096);
-      bits.reservoir_bits = start;
-      decoder::decode_huffman(h, si, 0, 0);
+      bits.bits = start;
+      decoder::decode_huffman(l3test::state, h, si, 0, 0);
       for (size_t i = 0; i < expected.size(); ++i)
         ASSERT_EQ(l3.quant_lines[0][i], expected[i]) << "table " << table << " pair " << i / 2;
       EXPECT_EQ(l3.line_count[0], int32_t(2 * n));
@@ -134,9 +133,9 @@ TEST(Layer3Huffman, GranuleLoopsDecodeEveryCode) {
     }
     si.big_values[0] = 0;
     si.count1table_select[0] = select;
-    si.part2_3_length[0] = int32_t((w.pos - start) & session::RESERVOIR_BIT_MASK);
-    bits.reservoir_bits = start;
-    decoder::decode_huffman(h, si, 0, 0);
+    si.part2_3_length[0] = int32_t((w.pos - start) & decoder::RESERVOIR_BIT_MASK);
+    bits.bits = start;
+    decoder::decode_huffman(l3test::state, h, si, 0, 0);
     ASSERT_EQ(l3.line_count[0], 64);
     for (size_t i = 0; i < expected.size(); ++i) ASSERT_EQ(l3.quant_lines[0][i], expected[i]) << select << " " << i;
   }
@@ -160,13 +159,13 @@ TEST(Layer3Huffman, TablesWithoutCodesRepeatTheLastPair) {
   w.put(0b10, 2);    // -1, +1
   w.put(0b0011, 4);  // table 4: the pair (1, 1) again, signs +, +, -, -
   si.part2_3_length[0] = 14;
-  bits.reservoir_bits = 0;
-  decoder::decode_huffman(h, si, 0, 0);
+  bits.bits = 0;
+  decoder::decode_huffman(l3test::state, h, si, 0, 0);
   const int32_t expected[8] = {1, -1, -1, 1, 1, 1, -1, -1};
   for (int32_t i = 0; i < 8; ++i) EXPECT_EQ(l3.quant_lines[0][i], expected[i]) << i;
   EXPECT_EQ(l3.line_count[0], 8);
-  EXPECT_EQ(bits.reservoir_bits, 14u);
-  EXPECT_EQ(session::state.damaged_flag.load(), 1);
+  EXPECT_EQ(bits.bits, 14u);
+  EXPECT_EQ(l3test::state.damaged, 1);
 }
 
 TEST(Layer3Huffman, AllZeroGranuleAndBigValuesCut) {
@@ -176,11 +175,11 @@ TEST(Layer3Huffman, AllZeroGranuleAndBigValuesCut) {
   si.scalefac_compress[0] = 15;
   si.part2_3_length[0] = 74;
   for (int32_t i = 0; i < 578; ++i) l3.quant_lines[0][i] = 7;
-  bits.reservoir_bits = 1000;
-  decoder::decode_huffman(h, si, 0, 0);
+  bits.bits = 1000;
+  decoder::decode_huffman(l3test::state, h, si, 0, 0);
   EXPECT_EQ(l3.line_count[0], 0);
   for (int32_t i = 0; i < 578; ++i) ASSERT_EQ(l3.quant_lines[0][i], 0) << i;
-  EXPECT_EQ(bits.reservoir_bits, 1074u);
+  EXPECT_EQ(bits.bits, 1074u);
 
   // big_values far beyond 288 stops at the last line; table 0 reads nothing.
   si.scalefac_compress[0] = 0;
@@ -188,10 +187,10 @@ TEST(Layer3Huffman, AllZeroGranuleAndBigValuesCut) {
   si.big_values[0] = 511;
   si.region0_count[0] = 15;
   si.region1_count[0] = 7;  // beyond the band table: the end of the spectrum
-  bits.reservoir_bits = 0;
-  decoder::decode_huffman(h, si, 0, 0);
+  bits.bits = 0;
+  decoder::decode_huffman(l3test::state, h, si, 0, 0);
   EXPECT_EQ(l3.line_count[0], 576);
-  EXPECT_EQ(bits.reservoir_bits, 0u);
+  EXPECT_EQ(bits.bits, 0u);
 }
 
 // A count-1 quad that runs past the granule's bits is not part of it and is dropped; the next
@@ -206,12 +205,12 @@ TEST(Layer3Huffman, Count1OvershootDropsTheQuad) {
   w.put(0b1110, 4);  // 0001: y = 1
   w.put(0, 1);
   si.part2_3_length[0] = 7;  // ends inside the second quad
-  bits.reservoir_bits = 0;
-  decoder::decode_huffman(h, si, 0, 0);
+  bits.bits = 0;
+  decoder::decode_huffman(l3test::state, h, si, 0, 0);
   const int32_t expected[8] = {-1, 0, 0, 0, 0, 0, 0, 0};
   for (int32_t i = 0; i < 8; ++i) EXPECT_EQ(l3.quant_lines[0][i], expected[i]) << i;
   EXPECT_EQ(l3.line_count[0], 4);
-  EXPECT_EQ(bits.reservoir_bits, 7u);
+  EXPECT_EQ(bits.bits, 7u);
 }
 
 std::vector<int32_t> first_granule_lines;
@@ -231,27 +230,73 @@ TEST(Layer3Reservoir, MainDataBeginReachesBehindTheRing) {
   f.put(0, 4 + 1);
   f.put(1, 5);  // table_select 1, 0, 0
   f.bytes.resize(417, 0);
-  test::TempDir dir;
-  test::write_file(dir.file("one.mp3"), f.bytes);
 
   fresh_state();
   // Stale bytes where the frame points: 100 bytes before write offset 0 is ring byte 3996.
   l3test::RingWriter w(3996 * 8);
   w.put_code("000");
   w.put(0b01, 2);
-  session::reader.file = std::fopen(dir.file("one.mp3").c_str(), "rb");
   session::FrameHeader h{};
-  ASSERT_EQ(session::read_frame(h), session::FRAME_OK);
-  session::state.synth_slot = [](int32_t) {
+  ASSERT_TRUE(format::parse_header(f.bytes.data(), h));
+  l3test::state.synth = [](decoder::DecoderState&, int32_t) {
     if (first_granule_lines.empty())
       first_granule_lines.assign(l3.quant_lines[0], l3.quant_lines[0] + l3.line_count[0]);
   };
-  session::state.shaper_slot = [] {};
-  decoder::decode_layer3_frame(h);
-  std::fclose(session::reader.file);
-  session::reader.file = nullptr;
+  static decoder::PcmBlocks out;
+  decoder::decode_frame(l3test::state, h, {f.bytes.data() + 4, 417 - 4, 417 - 4}, out);
   EXPECT_EQ(first_granule_lines, (std::vector<int32_t>{1, -1}));
-  EXPECT_EQ(bits.reservoir_write, 417 - 21);
+  EXPECT_EQ(bits.write, 417 - 21);
+}
+
+// ---- The reservoir ring.
+
+TEST(Reservoir, BitReadsAndAShortLoad) {
+  decoder::Reservoir r{};
+  std::memset(r.bytes, 0xEE, 100);
+  const uint8_t bytes[] = {0xA5, 0x0F, 0xF0, 0x3C, 0x81, 0x7E};
+  decoder::load_reservoir(r, bytes, 6, 10);
+  EXPECT_EQ(r.write, 10) << "the write position moves on as if all had come";
+  EXPECT_EQ(r.bytes[6], 0xEE) << "a short frame keeps the ring's old bytes";
+  EXPECT_EQ(decoder::get_bits(r, 0), 0u);
+  EXPECT_EQ(r.bits, 0u);
+  EXPECT_EQ(decoder::peek_bits(r, 8), 0xA5u);
+  EXPECT_EQ(decoder::get_bits(r, 5), 0x14u);          // 10100
+  EXPECT_EQ(decoder::get_bits_nonzero(r, 7), 0x50u);  // 101 then 0000: "1010000"
+  EXPECT_EQ(r.bits, 12u);
+  EXPECT_EQ(decoder::get_bits(r, 25), (0x0FF03C81u >> 3) & 0x1FFFFFFu);
+}
+
+// Streams a known byte sequence through the ring in loads of random size (frames of a stream) while
+// reading it back in random bit counts that straddle the ring's end many times. Whatever the load
+// pattern, the bits read must be the bits written.
+TEST(Reservoir, StreamThroughTheRingReadsBack) {
+  const uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 rng(seed);
+  std::vector<uint8_t> data(400000);
+  for (uint8_t& b : data) b = uint8_t(rng());
+  auto bit_at = [&](uint64_t pos) { return (data[pos >> 3] >> (7 - (pos & 7))) & 1u; };
+
+  static decoder::Reservoir r{};
+  uint64_t loaded = 0, read = 0;
+  while (loaded + 2048 < data.size()) {
+    // Small loads often, so that wraps of fewer than four bytes happen.
+    int32_t n = rng() % 4 == 0 ? int32_t(rng() % 6 + 1) : int32_t(rng() % 1800 + 1);
+    decoder::load_reservoir(r, data.data() + loaded, n, n);
+    loaded += uint64_t(n);
+    ASSERT_EQ(0, std::memcmp(r.bytes + decoder::RESERVOIR_SIZE, r.bytes, 4));
+    // Read up to four bytes short of what has landed: the 32-bit window may look that far ahead.
+    while (read + 25 + 32 <= loaded * 8) {
+      int32_t count = int32_t(rng() % 25 + 1);
+      uint32_t expected = 0;
+      for (int32_t i = 0; i < count; ++i) expected = expected << 1 | bit_at(read + uint64_t(i));
+      uint32_t got = decoder::get_bits(r, count);
+      ASSERT_EQ(got, expected) << "at bit " << read << " of the stream, " << count << " bits";
+      read += uint64_t(count);
+    }
+    // The reader keeps within one lap of the writer, as the decoders do.
+    ASSERT_LT(loaded * 8 - read, uint64_t(decoder::RESERVOIR_SIZE) * 8);
+  }
 }
 
 }  // namespace

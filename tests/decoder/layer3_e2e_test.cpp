@@ -269,6 +269,43 @@ TEST(Layer3EndToEnd, BuiltStreamsMatchMpg123) {
   }
 }
 
+// Decoder states share nothing: two streams decoded in turn, frame by frame, each on its own state,
+// give the samples that each gives decoded alone.
+TEST(Layer3EndToEnd, StatesDecodeSideBySide) {
+  static bool tables = (decoder::init_decoder_tables(), true);
+  (void)tables;
+  const std::vector<uint8_t> streams[2] = {build_stream(false, false, 12, {1, 1, 0, 1, 2}),
+                                           build_stream(true, true, 12, {0, 0, 2, 0, 2, 2})};
+  static decoder::DecoderState states[2];
+  std::vector<int16_t> alone[2], together[2];
+  auto start = [](int k) {
+    decoder::reset_decoder_state(states[k]);
+    states[k].synth = k == 0 ? decoder::synth_mono : decoder::synth_full;
+  };
+  // Decodes frame i of stream k (every frame of a built stream has the same length).
+  auto decode = [&](int k, size_t i, std::vector<int16_t>& pcm) {
+    format::FrameHeader h;
+    const size_t length = streams[k].size() / 12;
+    ASSERT_TRUE(format::parse_header(&streams[k][i * length], h));
+    static decoder::PcmBlocks out;
+    const int32_t body = int32_t(length) - 4;
+    decoder::decode_frame(states[k], h, {&streams[k][i * length + 4], body, body}, out);
+    for (int32_t b = 0; b < out.count; ++b) pcm.insert(pcm.end(), out.block[b], out.block[b] + 1152);
+  };
+  for (int k = 0; k < 2; ++k) {
+    start(k);
+    for (size_t i = 0; i < 12; ++i) decode(k, i, alone[k]);
+  }
+  start(0);
+  start(1);
+  for (size_t i = 0; i < 12; ++i)
+    for (int k = 0; k < 2; ++k) decode(k, i, together[k]);
+  for (int k = 0; k < 2; ++k) {
+    EXPECT_EQ(alone[k].size(), size_t(k == 0 ? 24 : 12) * 1152) << k;
+    EXPECT_TRUE(alone[k] == together[k]) << "stream " << k;
+  }
+}
+
 // The conformance streams against the reference decoder's output. The references may lack the
 // stream's last frame: the overlap is compared, aligned at the first sample.
 TEST(Layer3EndToEnd, ConformanceVectors) {

@@ -13,9 +13,12 @@
 #include "decoder/layer3.h"
 #include "decoder/synth.h"
 #include "session/frame_reader.h"
-#include "session/session.h"
+#include "session/stream.h"
 
 namespace l3test {
+
+// The tests' decoder state.
+inline decoder::DecoderState state;
 
 // Writes bits MSB first into the reservoir ring from a bit position, wrapping at its end and keeping
 // the guard's copy of the first bytes.
@@ -24,15 +27,16 @@ struct RingWriter {
   explicit RingWriter(uint32_t start = 0) : pos(start) {}
   void put(uint32_t value, int32_t n) {
     for (int32_t i = n - 1; i >= 0; --i) {
-      uint32_t byte = (pos >> 3) & (session::RESERVOIR_SIZE - 1);
+      uint32_t byte = (pos >> 3) & (decoder::RESERVOIR_SIZE - 1);
       uint8_t bit = uint8_t(0x80 >> (pos & 7));
+      uint8_t* ring = state.reservoir.bytes;
       if ((value >> i) & 1)
-        session::bits.reservoir[byte] |= bit;
+        ring[byte] |= bit;
       else
-        session::bits.reservoir[byte] &= uint8_t(~bit);
-      pos = (pos + 1) & session::RESERVOIR_BIT_MASK;
+        ring[byte] &= uint8_t(~bit);
+      pos = (pos + 1) & decoder::RESERVOIR_BIT_MASK;
     }
-    session::sync_reservoir_guard();
+    decoder::sync_reservoir_guard(state.reservoir);
   }
   void put_code(const std::string& code) {
     for (char c : code) put(c == '1', 1);
@@ -48,19 +52,19 @@ inline size_t decode_in_process(const std::string& path) {
   if (!f) return 0;
   session::reader.file = f;
   session::reset_frame_reader();
-  session::reset_bit_reader();
-  decoder::reset_decoder_state();
-  static size_t granules;
-  granules = 0;
-  session::state.synth_slot = decoder::synth_full;
-  session::state.shaper_slot = [] { ++granules; };
-  session::FrameHeader h{};
+  state = {};
+  decoder::reset_decoder_state(state);
+  size_t granules = 0;
+  state.synth = decoder::synth_full;
+  format::FrameHeader h{};
+  static decoder::PcmBlocks out;
   for (;;) {
     int32_t code = session::read_frame(h);
     if (code == session::FRAME_SHORT || code == session::FRAME_EOF || code == session::FRAME_EOF_AFTER_SYNC) break;
     if (code != session::FRAME_OK || h.layer_code != 1) continue;
-    if (!h.protection_bit) session::skip_crc();
-    decoder::decode_layer3_frame(h);
+    const int32_t length = decoder::body_bytes_wanted(h, session::frame_length(h));
+    decoder::decode_frame(state, h, {session::reader.body, session::read_frame_body(length), length}, out);
+    granules += size_t(out.count);
   }
   std::fclose(f);
   session::reader.file = nullptr;

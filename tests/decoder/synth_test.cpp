@@ -13,14 +13,15 @@
 
 #include "decoder/decoder.h"
 #include "decoder/tables.h"
-#include "session/session.h"
 #include "support/support.h"
 
 namespace {
 
-using decoder::pcm_block;
-using decoder::subband_samples;
-using session::SynthFn;
+using decoder::SynthFn;
+
+decoder::DecoderState st;
+float (&subband_samples)[32][18] = st.subband_samples;
+int16_t (&pcm_block)[decoder::BLOCK_SAMPLES] = st.pcm;
 
 const SynthFn variants[] = {decoder::synth_full,    decoder::synth_mono, decoder::synth_half,
                             decoder::synth_quarter, decoder::synth_fast, decoder::synth_overdrive};
@@ -66,23 +67,22 @@ class SynthTest : public ::testing::Test {
  protected:
   void SetUp() override {
     decoder::init_decoder_tables();
-    decoder::reset_decoder_state();
-    session::stream.emphasis_mode = 0;
-    session::state.session_emphasis = 1;
-    session::state.decoded_channels = 2;
+    decoder::reset_decoder_state(st);
+    st.emphasis_mode = 0;
+    st.channels = 2;
   }
   static void fill_random(std::mt19937& rng, float peak) {
     std::uniform_real_distribution<float> dist(-peak, peak);
     for (auto& row : subband_samples)
       for (float& v : row) v = dist(rng);
   }
-  // One call of a variant on fresh state, with pcm_block preset to a sentinel.
+  // One call of a variant on fresh state, with the PCM block preset to a sentinel.
   static std::vector<int16_t> run(SynthFn fn, const float (&input)[32][18], int channels, int16_t sentinel) {
-    decoder::reset_decoder_state();
-    session::state.decoded_channels = channels;
+    decoder::reset_decoder_state(st);
+    st.channels = channels;
     std::fill(pcm_block, pcm_block + 1152, sentinel);
     std::memcpy(subband_samples, input, sizeof subband_samples);
-    fn(0);
+    fn(st, 0);
     return std::vector<int16_t>(pcm_block, pcm_block + 1152);
   }
 };
@@ -93,7 +93,7 @@ TEST_F(SynthTest, FullRateIsTheStandardFilterBankTruncated) {
   if (standard_window().size() != 512) GTEST_SKIP() << "the standard's window figures are not at hand";
   for (float peak : {0.05f, 0.00012f}) {
     SCOPED_TRACE(peak);
-    decoder::reset_decoder_state();
+    decoder::reset_decoder_state(st);
     std::mt19937 rng(777);
     ReferenceBank ref[2];
     int worst = 0, exact = 0, total = 0, negative_fractions = 0;
@@ -106,7 +106,7 @@ TEST_F(SynthTest, FullRateIsTheStandardFilterBankTruncated) {
           for (int k = 0; k < 32; ++k) s[k] = subband_samples[k][t];
           ref[ch].slot(s, expected[ch][t]);
         }
-        decoder::synth_full(ch);
+        decoder::synth_full(st, ch);
       }
       for (int ch = 0; ch < 2; ++ch)
         for (int t = 0; t < 18; ++t)
@@ -177,26 +177,26 @@ TEST_F(SynthTest, EdgeCasesInEveryVariant) {
     EXPECT_NE(std::count(out.begin(), out.end(), int16_t(-32768)), 0);
 
     std::memset(subband_samples, 0, sizeof subband_samples);
-    fn(0);  // 18 slots of zeros: every column holds zeros from slot 15 on
+    fn(st, 0);  // 18 slots of zeros: every column holds zeros from slot 15 on
     std::fill(pcm_block, pcm_block + 1152, int16_t(0));
     std::memset(subband_samples, 0, sizeof subband_samples);
-    fn(0);
+    fn(st, 0);
     for (int i = 0; i < 1152; ++i) ASSERT_EQ(pcm_block[i], 0) << i;
 
     for (int ch = 0; ch < 2; ++ch) {
       fill_random(rng, 0.3f);
-      int32_t phase = decoder::synth_phase;
-      uint32_t column = decoder::synth_column[ch], other = decoder::synth_column[1 - ch];
-      fn(ch);
-      EXPECT_EQ(decoder::synth_phase, phase);
-      EXPECT_EQ(decoder::synth_column[ch], (column - 18) & 15);
-      EXPECT_EQ(decoder::synth_column[1 - ch], other);
+      int32_t phase = st.synth_phase;
+      uint32_t column = st.synth_column[ch], other = st.synth_column[1 - ch];
+      fn(st, ch);
+      EXPECT_EQ(st.synth_phase, phase);
+      EXPECT_EQ(st.synth_column[ch], (column - 18) & 15);
+      EXPECT_EQ(st.synth_column[1 - ch], other);
     }
   }
   // A track's first frame resets the indices and keeps the ring's history.
-  decoder::reset_synth_indices();
-  EXPECT_EQ(decoder::synth_column[0] | decoder::synth_column[1] | uint32_t(decoder::synth_phase), 0u);
-  const float* ring = &decoder::synth_banks[1][0][0][0];
+  decoder::reset_synth_indices(st);
+  EXPECT_EQ(st.synth_column[0] | st.synth_column[1] | uint32_t(st.synth_phase), 0u);
+  const float* ring = &st.synth_banks[1][0][0][0];
   EXPECT_TRUE(std::any_of(ring, ring + 2 * 16 * 32, [](float v) { return v != 0.0f; }));
   std::vector<int16_t> full = run(decoder::synth_full, loud, 2, 0);
   std::vector<int16_t> over = run(decoder::synth_overdrive, loud, 2, 0);
@@ -221,10 +221,10 @@ TEST_F(SynthTest, PortableAndWideKernelsAgreeBitForBit) {
     std::vector<int16_t> runs[2];
     for (int portable = 0; portable < 2; ++portable) {
       decoder::use_portable_synth(portable == 1);
-      decoder::reset_decoder_state();
+      decoder::reset_decoder_state(st);
       for (int call = 0; call < 8; ++call) {
         std::memcpy(subband_samples, &inputs[size_t(call) * 32 * 18], sizeof subband_samples);
-        fn(call & 1);
+        fn(st, call & 1);
         runs[portable].insert(runs[portable].end(), pcm_block, pcm_block + 1152);
       }
     }
@@ -234,37 +234,34 @@ TEST_F(SynthTest, PortableAndWideKernelsAgreeBitForBit) {
 }
 
 // The treatment by emphasis mode: 1 (50/15) halves rows 5-15, 3 (J.17) scales row r by
-// cos(r pi/64), 4 (Hi-Fi) rebuilds rows 15 up (row 15 only by 0.97); other modes, and any mode with
-// the "Emphasis" switch off, change nothing.
+// cos(r pi/64), 4 (Hi-Fi) rebuilds rows 15 up (row 15 only by 0.97); other modes change nothing.
 TEST_F(SynthTest, TreatmentByEmphasisMode) {
   std::mt19937 rng(6);
   fill_random(rng, 1.0f);
   float before[32][18];
   std::memcpy(before, subband_samples, sizeof before);
-  for (int emphasis : {1, 0})
-    for (int mode = 0; mode < 8; ++mode) {
-      SCOPED_TRACE(testing::Message() << "switch " << emphasis << " mode " << mode);
-      std::memcpy(subband_samples, before, sizeof before);
-      session::state.session_emphasis = emphasis;
-      session::stream.emphasis_mode = mode;
-      decoder::treat_subbands();
-      const int acting = emphasis ? mode : 0;
-      for (int r = 0; r < 32; ++r) {
-        if (acting == 4 && r > 15) {
-          // Hi-Fi rebuilds these rows from the ones below: they change, by how much is its own affair.
-          EXPECT_NE(std::memcmp(before[r], subband_samples[r], sizeof before[r]), 0) << r;
-          continue;
-        }
-        for (int t = 0; t < 18; ++t) {
-          float b = before[r][t];
-          float want = acting == 1   ? (r >= 5 && r <= 15 ? b * 0.5f : b)
-                       : acting == 3 ? float(b * std::cos(r * M_PI / 64))
-                       : acting == 4 ? (r == 15 ? b * 0.97f : b)
-                                     : b;
-          EXPECT_NEAR(subband_samples[r][t], want, acting == 3 ? 1e-6 : 0.0) << r;
-        }
+  for (int mode = 0; mode < 8; ++mode) {
+    SCOPED_TRACE(mode);
+    std::memcpy(subband_samples, before, sizeof before);
+    st.emphasis_mode = mode;
+    decoder::treat_subbands(st);
+    const int acting = mode;
+    for (int r = 0; r < 32; ++r) {
+      if (acting == 4 && r > 15) {
+        // Hi-Fi rebuilds these rows from the ones below: they change, by how much is its own affair.
+        EXPECT_NE(std::memcmp(before[r], subband_samples[r], sizeof before[r]), 0) << r;
+        continue;
+      }
+      for (int t = 0; t < 18; ++t) {
+        float b = before[r][t];
+        float want = acting == 1   ? (r >= 5 && r <= 15 ? b * 0.5f : b)
+                     : acting == 3 ? float(b * std::cos(r * M_PI / 64))
+                     : acting == 4 ? (r == 15 ? b * 0.97f : b)
+                                   : b;
+        EXPECT_NEAR(subband_samples[r][t], want, acting == 3 ? 1e-6 : 0.0) << r;
       }
     }
+  }
 }
 
 }  // namespace

@@ -1,21 +1,16 @@
-// Arbitrary Layer I streams through the Layer I decoder frame by frame as a file job runs it: either
-// a valid first header followed by the input's bytes, or the input's bytes alone. Output goes to
-// /dev/null in the format the input picks, so the partial last block and the writers' finish run too.
+// Arbitrary Layer I streams through decode_frame on a fresh DecoderState, straight from the input's
+// bytes: either a valid first header followed by the input's bytes, or the input's bytes alone.
+// Headers are found as the session's reader finds them (byte by byte); a frame cut off by the end
+// of the input goes in short, and the slots still waiting are flushed at the end.
+#include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <vector>
 
 #include "decoder/decoder.h"
 #include "decoder/synth.h"
-#include "session/session.h"
-#include "session/writers.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using namespace session;
   if (size < 4) return 0;
-  static std::FILE* sink = std::fopen("/dev/null", "w+b");
-  if (!sink) return 0;
   static const bool tables = (decoder::init_decoder_tables(), true);
   (void)tables;
 
@@ -29,31 +24,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bytes = {0xFF, b1, b2, data[3]};
   }
   bytes.insert(bytes.end(), data + 4, data + size);
-  if (bytes.empty()) return 0;
 
-  reader.file = fmemopen(bytes.data(), bytes.size(), "rb");
-  if (!reader.file) return 0;
-  state.out_file = sink;
-  std::rewind(sink);
-  options.ext_filter = (control >> 1) % 5;
-  stream.mode = data[3] >> 6;
-  stream.emphasis_mode = control >> 6;
-  reset_decoding();
-  state.synth_slot = stream.mode == 3 ? decoder::synth_mono : decoder::synth_full;
-  state.shaper_slot = write_decoded_block;
-  state.decoded_channels = 0;
-  reserve_header(options.ext_filter);
-  FrameHeader h{};
-  for (;;) {
-    const int32_t code = read_frame(h);
-    if (code != FRAME_LAYER1 && code != FRAME_OK) break;
-    if (h.protection_bit == 0) skip_crc();
-    if (code == FRAME_LAYER1 && decoder::decode_layer1_frame(h) != 0) break;
+  static decoder::DecoderState state;
+  static decoder::PcmBlocks out;
+  decoder::reset_decoder_state(state);
+  state.channels = state.damaged = 0;
+  state.synth = (data[3] >> 6) == 3 ? decoder::synth_mono : decoder::synth_full;
+  state.emphasis_mode = control >> 6;
+  const int32_t total = int32_t(bytes.size());
+  for (int32_t at = 0; at + 4 <= total;) {
+    format::FrameHeader h;
+    if (!format::parse_header(bytes.data() + at, h) || h.layer_code != 3) {
+      ++at;
+      continue;
+    }
+    const int32_t wanted = decoder::body_bytes_wanted(h, format::frame_length(h, -1));
+    const int32_t left = total - at - 4;
+    const int32_t got = wanted < left ? wanted : left;
+    if (decoder::decode_frame(state, h, {bytes.data() + at + 4, got, wanted}, out) != decoder::DECODE_OK) break;
+    at += 4 + got;
   }
-  if (int32_t tail = decoder::flush_layer1()) write_decoded_frames(tail);
-  finish_header(options.ext_filter, h);
-  std::fclose(reader.file);
-  reader.file = nullptr;
-  state.out_file = nullptr;
+  int16_t pcm[decoder::BLOCK_SAMPLES];
+  decoder::flush_layer1(state, pcm);
   return 0;
 }

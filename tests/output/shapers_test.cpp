@@ -12,7 +12,6 @@
 #include <thread>
 #include <utility>
 
-#include "decoder/synth.h"
 #include "output/ring.h"
 #include "session/session.h"
 #include "support/support.h"
@@ -21,32 +20,30 @@ namespace {
 
 using namespace output;
 using session::state;
-using session::stream;
 using Want = std::initializer_list<std::pair<uint32_t, int32_t>>;  // ring offset, value
+
+int16_t pcm_block[1152];
 
 struct Shapers : ::testing::Test {
   void SetUp() override {
     ring_allocate();
     ring.ring_read = 0;
     std::memset(ring.ring_base, 0xEE, RING_BYTES + RING_SPARE);
-    std::memset(decoder::pcm_block, 0, sizeof decoder::pcm_block);
+    std::memset(pcm_block, 0, sizeof pcm_block);
     state.file_job_active = 0;
-    state.decoded_channels = 1;
   }
 
   // Chooses a shaper the way the play session does, and runs it once with the ring at write, fill.
-  const ShaperRow* shape(int32_t layer, int32_t mode, int32_t rate_shift, bool stereo, bool sixteen, uint32_t write = 0,
+  const ShaperRow* shape(int32_t mode, int32_t rate_shift, bool stereo, bool sixteen, uint32_t write = 0,
                          int32_t fill = 0) {
     ring.ring_write = write;
     ring.ring_fill = fill;
-    stream.layer = layer;
-    stream.mode = mode;
-    state.rate_shift = rate_shift;
-    state.session_stereo = stereo;
-    state.session_16bit = sixteen;
-    const ShaperRow* row = select_shaper();
+    const ShaperRow* row = select_shaper({stereo, sixteen, rate_shift}, mode == 3);
     EXPECT_NE(row, nullptr);
-    if (row) state.shaper_slot();
+    if (row) {
+      state.shaper_slot = row->fn;
+      row->fn(pcm_block);
+    }
     return row;
   }
   static void expect16(Want want) {
@@ -63,55 +60,55 @@ struct Shapers : ::testing::Test {
 };
 
 TEST_F(Shapers, ThinningKeepsEverySecondOrFourthPair) {
-  for (int i = 0; i < 1152; ++i) decoder::pcm_block[i] = int16_t(i);
-  shape(2, 0, 1, true, true);
+  for (int i = 0; i < 1152; ++i) pcm_block[i] = int16_t(i);
+  shape(0, 1, true, true);
   expect16({{0, 0}, {2, 1}, {4, 4}, {6, 5}, {1148, 1148}});  // pair 574, the last of 288 kept
   EXPECT_EQ(ring.ring_write, 1152u);
   // Every fourth pair, also for rate_shift 3, which has no row of its own.
   for (int32_t shift : {2, 3}) {
-    shape(2, 0, shift, true, true);
+    shape(0, shift, true, true);
     expect16({{0, 0}, {2, 1}, {4, 8}, {6, 9}, {572, 1144}});  // pair 572, the last of 144 kept
     EXPECT_EQ(ring.ring_write, 576u);
     EXPECT_EQ(ring.ring_fill, 4);
   }
   // Mono 16 at the half rate: every second of the 576 values, nothing past what it counts.
   std::memset(ring.ring_base, 0xEE, 2304);
-  shape(3, 3, 1, true, true);
+  shape(3, 1, true, true);
   expect16({{0, 0}, {2, 2}, {574, 574}});
   expect8({{576, 0xEE}});
   EXPECT_EQ(ring.ring_write, 576u);
 }
 
 TEST_F(Shapers, ThinnedMonoEightBitStoresTwiceWhatItCounts) {
-  for (int i = 0; i < 1152; ++i) decoder::pcm_block[i] = int16_t(i << 4);
+  for (int i = 0; i < 1152; ++i) pcm_block[i] = int16_t(i << 4);
   // Half rate: every second of all 1152 values, 576 bytes stored, 288 counted.
-  shape(2, 3, 1, true, false);
+  shape(3, 1, true, false);
   EXPECT_EQ(ring.ring_write, 288u);
   EXPECT_EQ(ring.ring_fill, 2);
   expect8({{0, 128}, {1, u8_of(2 << 4)}, {575, u8_of(1150 << 4)}, {576, 0xEE}});  // the stereo half of the buffer
   // At the ring's end the surplus lands in the spare bytes, and the write offset wraps.
-  shape(2, 3, 1, true, false, RING_BYTES - 288);
+  shape(3, 1, true, false, RING_BYTES - 288);
   EXPECT_EQ(ring.ring_write, 0u);
   expect8({{RING_BYTES + 287, u8_of(1150 << 4)}});
   // With the ring nearly full the surplus would land on the oldest unread block: it is left out.
   std::memset(ring.ring_base, 0xEE, 1152);
-  shape(2, 3, 1, true, false, 0, RING_UNITS - 2);
+  shape(3, 1, true, false, 0, RING_UNITS - 2);
   EXPECT_EQ(ring.ring_fill, RING_UNITS);
   expect8({{287, u8_of(574 << 4)}, {288, 0xEE}});
   // Quarter rate: every fourth of 1152, 288 stored, 144 counted.
-  shape(2, 3, 2, true, false);
+  shape(3, 2, true, false);
   EXPECT_EQ(ring.ring_write, 144u);
   EXPECT_EQ(ring.ring_fill, 1);
   expect8({{287, u8_of(1148 << 4)}});
 }
 
 TEST_F(Shapers, FullRingMakesTheDecoderWait) {
-  shape(2, 0, 0, true, true);
+  shape(0, 0, true, true);
   ring.ring_write = 0;
   ring.ring_fill = RING_UNITS;
   std::atomic<int> done{0};
   std::thread decoder([&] {
-    state.shaper_slot();
+    state.shaper_slot(pcm_block);
     done = 1;
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(130));

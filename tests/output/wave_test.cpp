@@ -23,6 +23,12 @@ namespace {
 using namespace output;
 using session::state;
 
+// Opens the device as the play session does, with the session's words and choices.
+int32_t open_device(int32_t rate, bool two_channels) {
+  if (!session_link.command) session_link = {&state.decoder_command, &state.paused, nullptr};
+  return wave_open(rate, two_channels, {state.session_stereo, state.session_16bit, state.rate_shift});
+}
+
 bool wait_until(const std::function<bool()>& done, int32_t ms = 10000) {
   for (int32_t waited = 0; waited < ms && !done(); ++waited) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return done();
@@ -77,7 +83,7 @@ struct WaveThread : ::testing::Test {
 };
 
 TEST_F(WaveThread, PrimesPausedThenRunsAndDrainsWithAPaddedBlock) {
-  ASSERT_EQ(wave_open(44100, true), 0);
+  ASSERT_EQ(open_device(44100, true), 0);
   expect_format(44100, 2, 16);
 
   push(10 * BLOCK_BYTES);
@@ -116,7 +122,7 @@ TEST_F(WaveThread, PrimesPausedThenRunsAndDrainsWithAPaddedBlock) {
 }
 
 TEST_F(WaveThread, PauseHoldsBlocksAndASeekResetsAndReprimes) {
-  ASSERT_EQ(wave_open(48000, true), 0);
+  ASSERT_EQ(open_device(48000, true), 0);
   push(8 * BLOCK_BYTES);
   ASSERT_TRUE(wait_until([] { return writes() == 8; }));
 
@@ -170,7 +176,7 @@ TEST_F(WaveThread, IdleTurnsStepTheVisualiserUnlessHidden) {
     last_frame = frame;
   };
   wave_hooks.draw_time = [] { ++times_drawn; };
-  ASSERT_EQ(wave_open(44100, true), 0);
+  ASSERT_EQ(open_device(44100, true), 0);
   // 26 blocks fill what the device may hold: 32 less the six of the priming.
   push(26 * BLOCK_BYTES);
   ASSERT_TRUE(wait_until([] { return writes() == 26; }));
@@ -212,7 +218,7 @@ TEST_F(WaveThread, IdleTurnsStepTheVisualiserUnlessHidden) {
 }
 
 TEST_F(WaveThread, StopWhileDrainingResetsTheDevice) {
-  ASSERT_EQ(wave_open(44100, true), 0);
+  ASSERT_EQ(open_device(44100, true), 0);
   push(3 * BLOCK_BYTES);
   ASSERT_TRUE(wait_until([] { return writes() == 3; }));
   command(WAVE_DRAIN);
@@ -243,7 +249,7 @@ TEST_F(WaveThread, DisplaySecondsFollowsTheStreamRate) {
     state.rate_shift = c.shift;
     state.session_stereo = 0;
     state.session_16bit = c.sixteen;
-    ASSERT_EQ(wave_open(c.rate, true), 0);
+    ASSERT_EQ(open_device(c.rate, true), 0);
     EXPECT_EQ(test_device_record().format.sample_rate, c.rate >> c.shift);
     // Fewer blocks than the priming: the drain lets the device run them.
     push(uint32_t(c.blocks) * BLOCK_BYTES);
@@ -262,7 +268,7 @@ TEST_F(WaveThread, VolumeIsSetAtOpenWithPanAndMuteFadesAtTheClose) {
   wave.pan_level = 8192;  // right of centre: the left side drops by twice the pan
   test_device_set_volume(0x40004000);
   test_device_set_player(2);
-  ASSERT_EQ(wave_open(44100, true), 0);
+  ASSERT_EQ(open_device(44100, true), 0);
   TestDeviceRecord rec = test_device_record();
   // Set at once: nothing plays yet, and a fade would only hold back the first sound.
   EXPECT_EQ(rec.volumes, (std::vector<uint32_t>{49151u | 65535u << 16}));
@@ -295,11 +301,11 @@ TEST_F(WaveThread, VolumeIsSetAtOpenWithPanAndMuteFadesAtTheClose) {
 
 TEST_F(WaveThread, OpenFailureIsReportedAndNothingStarts) {
   test_device_set_open_result(WAVE_ERR_ALLOCATED);
-  EXPECT_EQ(wave_open(44100, true), WAVE_ERR_ALLOCATED);
+  EXPECT_EQ(open_device(44100, true), WAVE_ERR_ALLOCATED);
   EXPECT_EQ(wave.wave_running.load(), 0);
   EXPECT_EQ(wave.wave_device.load(), 0);
   set_wave_device(nullptr);
-  EXPECT_EQ(wave_open(44100, true), WAVE_ERR_NO_DRIVER);
+  EXPECT_EQ(open_device(44100, true), WAVE_ERR_NO_DRIVER);
   // With no device, the main thread's calls do nothing.
   mute_for_stop();
   toggle_pause();
@@ -308,7 +314,7 @@ TEST_F(WaveThread, OpenFailureIsReportedAndNothingStarts) {
 }
 
 TEST_F(WaveThread, AbandonedThreadLeavesTheNextTrackAlone) {
-  ASSERT_EQ(wave_open(44100, true), 0);
+  ASSERT_EQ(open_device(44100, true), 0);
   push(2 * BLOCK_BYTES);
   ASSERT_TRUE(wait_until([] { return writes() == 2; }));
   wave_abandon();
@@ -320,7 +326,7 @@ TEST_F(WaveThread, AbandonedThreadLeavesTheNextTrackAlone) {
   // A new track on a new device: the old thread neither counts its blocks nor closes its device.
   test_device_clear();
   test_device_set_player(2);
-  ASSERT_EQ(wave_open(44100, true), 0);
+  ASSERT_EQ(open_device(44100, true), 0);
   pushed = 0;
   push(BLOCK_BYTES + 10 * UNIT_BYTES);
   drain();

@@ -91,9 +91,8 @@ TEST(ReadFrame, CodesAndPositions) {
     EXPECT_EQ(code, c.code);
     EXPECT_EQ(in.position(), c.position);
     if (code == session::FRAME_OK || code == session::FRAME_LAYER1) {
-      // The window holds the accepted header's bytes, the bit position stands behind them.
+      // The window holds the accepted header's bytes.
       EXPECT_EQ(0, std::memcmp(session::reader.frame_head, c.bytes.data() + c.position - 4, 4));
-      EXPECT_EQ(session::reader.frame_head_bits, 32);
     } else {
       session::FrameHeader untouched;
       std::memset(&untouched, 0x5A, sizeof untouched);
@@ -132,88 +131,17 @@ TEST(ReadFrame, LayerOneHeaderInMidStream) {
   EXPECT_EQ(session::read_frame(h), session::FRAME_SHORT);
 }
 
-TEST(ReadFrame, CrcSideInformationAndReset) {
-  {
-    Input in(cat({header({.protection = 0}), {0xAB, 0xCD, 0xEF}}));
-    session::FrameHeader h{};
-    ASSERT_EQ(session::read_frame(h), session::FRAME_OK);
-    session::skip_crc();
-    const auto& r = session::reader;
-    EXPECT_EQ((std::vector<long>{r.frame_head[0], r.frame_head[1], r.frame_head_bits, in.position()}),
-              (std::vector<long>{0xAB, 0xCD, 16, 6}));
-    session::reset_frame_reader();
-    EXPECT_EQ(r.frame_head_bits, 0);
-    EXPECT_EQ(Bytes(r.frame_head, r.frame_head + sizeof r.frame_head), Bytes(sizeof r.frame_head, 0));
-  }
-
-  Bytes bytes(40);
-  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = uint8_t(0x80 | i);
-  Input side(bytes);
-  EXPECT_EQ(session::read_frame_head(32), 32);
-  EXPECT_EQ(session::head_bits(8), 0x80u);
-  EXPECT_EQ(session::head_bits(12), 0x818u);   // 0x81, then the high half of 0x82
-  EXPECT_EQ(session::read_frame_head(17), 8);  // only 8 bytes left: the rest reads as zeros
-  EXPECT_EQ(session::head_bits(8), 0xA0u);
-  session::reader.frame_head_bits = 48 * 8 - 4;
-  EXPECT_EQ(session::head_bits(8), 0u) << "past the head's end reads zeros";
-  EXPECT_EQ(session::read_frame_head(-1), 0);
-}
-
-// ---- The reservoir ring.
-
-struct Reservoir : ::testing::Test {
-  void SetUp() override { session::reset_bit_reader(); }
-};
-
-TEST_F(Reservoir, BitReadsAndAShortLoad) {
-  std::memset(session::bits.reservoir, 0xEE, 100);
-  Input in({0xA5, 0x0F, 0xF0, 0x3C, 0x81, 0x7E});
-  session::load_reservoir(10);
-  EXPECT_EQ(session::bits.reservoir_write, 10) << "the write position moves on as if all had come";
-  EXPECT_EQ(session::bits.reservoir[6], 0xEE) << "a short read keeps the ring's old bytes";
-  EXPECT_EQ(session::get_bits(0), 0u);
-  EXPECT_EQ(session::bits.reservoir_bits, 0u);
-  EXPECT_EQ(session::peek_bit(), 1u);
-  EXPECT_EQ(session::peek_bits(8), 0xA5u);
-  EXPECT_EQ(session::get_bit_msb(), 0x80000000u);
-  EXPECT_EQ(session::get_bit_msb(), 0u);
-  EXPECT_EQ(session::get_bits(3), 0x4u);           // bits 2-4 of 1010 0101: "100"
-  EXPECT_EQ(session::get_bits_nonzero(7), 0x50u);  // 101 then 0000: "1010000"
-  EXPECT_EQ(session::bits.reservoir_bits, 12u);
-  EXPECT_EQ(session::get_bits(25), (0x0FF03C81u >> 3) & 0x1FFFFFFu);
-}
-
-// Streams a known byte sequence through the ring in loads of random size (frames of a stream) while
-// reading it back in random bit counts that straddle the ring's end many times. Whatever the load
-// pattern, the bits read must be the bits written.
-TEST_F(Reservoir, StreamThroughTheRingReadsBack) {
-  const uint32_t seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 rng(seed);
-  Bytes data(400000);
-  for (uint8_t& b : data) b = uint8_t(rng());
-  Input in(data);
-  auto bit_at = [&](uint64_t pos) { return (data[pos >> 3] >> (7 - (pos & 7))) & 1u; };
-
-  uint64_t loaded = 0, read = 0;
-  while (loaded + 2048 < data.size()) {
-    // Small loads often, so that wraps of fewer than four bytes happen.
-    int32_t n = rng() % 4 == 0 ? int32_t(rng() % 6 + 1) : int32_t(rng() % 1800 + 1);
-    session::load_reservoir(n);
-    loaded += uint64_t(n);
-    ASSERT_EQ(0, std::memcmp(session::bits.reservoir + session::RESERVOIR_SIZE, session::bits.reservoir, 4));
-    // Read up to four bytes short of what has landed: the 32-bit window may look that far ahead.
-    while (read + 25 + 32 <= loaded * 8) {
-      int32_t count = int32_t(rng() % 25 + 1);
-      uint32_t expected = 0;
-      for (int32_t i = 0; i < count; ++i) expected = expected << 1 | bit_at(read + uint64_t(i));
-      uint32_t got = session::get_bits(count);
-      ASSERT_EQ(got, expected) << "at bit " << read << " of the stream, " << count << " bits";
-      read += uint64_t(count);
-    }
-    // The reader keeps within one lap of the writer, as the decoders do.
-    ASSERT_LT(loaded * 8 - read, uint64_t(session::RESERVOIR_SIZE) * 8);
-  }
+TEST(ReadFrame, BodyBytesAndReset) {
+  Input in(cat({header({.protection = 0}), {0xAB, 0xCD, 0xEF}}));
+  session::FrameHeader h{};
+  ASSERT_EQ(session::read_frame(h), session::FRAME_OK);
+  EXPECT_EQ(session::read_frame_body(5), 3) << "the end of the file cuts the body short";
+  const uint8_t* body = session::reader.body;
+  EXPECT_EQ((std::vector<long>{body[0], body[1], body[2], in.position()}), (std::vector<long>{0xAB, 0xCD, 0xEF, 7}));
+  EXPECT_EQ(session::read_frame_body(0), 0);
+  session::reset_frame_reader();
+  const auto& r = session::reader;
+  EXPECT_EQ(Bytes(r.frame_head, r.frame_head + sizeof r.frame_head), Bytes(sizeof r.frame_head, 0));
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ TEST_F(Seek, JumpPrimesTheReservoirWithTheTargetAndResumesBehindIt) {
   open(indexed_stream(30));
   ASSERT_EQ(session::stream.frame_count, 30);
   for (int32_t target : {0, 5, 29}) {
-    session::reset_bit_reader();
+    session::decoding.reservoir = {};
     session::state.seek_target.store(target);
     int32_t reached = session::seek_to_frame(header);
     if (target == 29) {
@@ -60,8 +60,8 @@ TEST_F(Seek, JumpPrimesTheReservoirWithTheTargetAndResumesBehindIt) {
     }
     EXPECT_EQ(reached, target);
     EXPECT_EQ(position(), (target + 1) * FRAME + 4);
-    for (int i = 0; i < FRAME - HEAD; ++i) ASSERT_EQ(session::bits.reservoir[i], target) << i;
-    EXPECT_EQ(session::bits.reservoir_write, FRAME - HEAD);
+    for (int i = 0; i < FRAME - HEAD; ++i) ASSERT_EQ(session::decoding.reservoir.bytes[i], target) << i;
+    EXPECT_EQ(session::decoding.reservoir.write, FRAME - HEAD);
   }
   session::state.seek_target.store(40);
   EXPECT_EQ(session::seek_to_frame(header), 30) << "beyond the end gives frame_count";
@@ -69,11 +69,11 @@ TEST_F(Seek, JumpPrimesTheReservoirWithTheTargetAndResumesBehindIt) {
 
 TEST_F(Seek, JumpOntoABrokenHeaderFindsTheNextFrameBySync) {
   open(indexed_stream(12, 7));
-  session::reset_bit_reader();
+  session::decoding.reservoir = {};
   session::state.seek_target.store(7);
   EXPECT_EQ(session::seek_to_frame(header), 7);
   // The search slid over frame 7 and primed with frame 8; play resumes at frame 9.
-  EXPECT_EQ(session::bits.reservoir[0], 8);
+  EXPECT_EQ(session::decoding.reservoir.bytes[0], 8);
   EXPECT_EQ(position(), 9 * FRAME + 4);
 }
 
@@ -83,7 +83,7 @@ TEST_F(Seek, SkippingForwardAndBackWalksOneFrameAStep) {
   EXPECT_EQ(session::skip_frames_back(header, 1), 0) << "nothing before the first frame";
   EXPECT_EQ(session::skip_frames_forward(header, 3), 3);
   EXPECT_EQ(position(), 3 * FRAME + 4);
-  EXPECT_EQ(session::bits.reservoir[FRAME - HEAD], 1) << "each walked frame fed the reservoir";
+  EXPECT_EQ(session::decoding.reservoir.bytes[FRAME - HEAD], 1) << "each walked frame fed the reservoir";
   EXPECT_EQ(session::skip_frames_back(header, 2), 2);
   EXPECT_EQ(position(), 1 * FRAME + 4);
   // From the second frame one step back reaches the first, by the shorter seek.

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "decoder/synth.h"
 #include "session/session.h"
 #include "support/support.h"
 
@@ -33,12 +32,13 @@ struct WriterRun {
     state.out_file = std::fopen(out.c_str(), "w+b");
     ASSERT_NE(state.out_file, nullptr);
     options.ext_filter = ext_filter;
-    state.decoded_channels = channels;
+    decoding.channels = channels;
     state.write_failed.store(0);
-    for (int i = 0; i < 1152; ++i) decoder::pcm_block[i] = int16_t(0x0102 + i);
+    int16_t pcm[1152];
+    for (int i = 0; i < 1152; ++i) pcm[i] = int16_t(0x0102 + i);
     reserve_header(ext_filter);
-    for (int32_t b = 0; b < blocks; ++b) write_decoded_block();
-    if (tail_frames) write_decoded_frames(tail_frames);
+    for (int32_t b = 0; b < blocks; ++b) write_decoded_block(pcm);
+    if (tail_frames) write_decoded_frames(pcm, tail_frames);
     FrameHeader last{};
     last.id = id;
     last.layer_code = 2;
@@ -79,7 +79,7 @@ TEST(Writers, HeadersAndSampleByteOrder) {
   struct Case {
     const char* name;
     int32_t format, channels, blocks, id, sampling_index;
-    Bytes header, samples_start, trailer;  // samples from pcm_block: 0x0102, 0x0103, ...
+    Bytes header, samples_start, trailer;  // samples from the block: 0x0102, 0x0103, ...
   };
   const Case cases[] = {
       {"mono WAVE, 44100 Hz", session::EXT_WAV, 1, 2, 1, 0, wave, {0x02, 0x01}, wave_trailer},
