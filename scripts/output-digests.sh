@@ -7,7 +7,7 @@
 # Usage: scripts/output-digests.sh [path/to/tovra-cli] > digests.txt
 set -uo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
-cli="${1:-$here/build/release/tovra-cli}"
+cli="$(realpath "${1:-$here/build/release/tovra-cli}")"
 vectors="$here/../shared/vectors"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
