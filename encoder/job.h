@@ -14,22 +14,10 @@
 #include <string>
 
 #include "encoder/encoder.h"
+#include "format/errors.h"
 #include "session/job.h"
 
 namespace encoder {
-
-// encode_open results; the front end words them.
-enum EncodeOpenCode : int32_t {
-  ENCODE_OK = 0,
-  ENCODE_NO_INPUT = 1,    // input cannot be opened
-  ENCODE_NO_OUTPUT = 2,   // output cannot be created
-  ENCODE_NOT_WAVE = 3,    // not a WAVE file, or a sample format, rate or channel count the encoder can't take
-  ENCODE_NO_DATA = 4,     // RIFF WAVE, but no usable "data" chunk
-  ENCODE_EMPTY = 6,       // "data" chunk of length 0
-  ENCODE_BAD_PARAMS = 7,  // parameters refused by encoder_init (layer, rate, mode pairing)
-  ENCODE_BUSY = 8,        // the job still runs
-  ENCODE_SAME_FILE = 9,   // the output would overwrite the input
-};
 
 // Size of the RIFF WAVE wrapper written ahead of the stream when asked: "RIFF", "fmt " with the
 // 40-byte MPEG-1 wave format (22 bytes beyond the common 18), "fact" and the "data" head.
@@ -61,7 +49,7 @@ struct EncodeJob {
 int32_t encode_open(EncodeJob& job, const char* input_path, const char* output_path, EncoderParams params, int32_t kbps,
                     bool wave_header);
 // Opens the job (encode_open) and starts it on the runner with enc as its context; enc must live
-// until the job has ended. Returns an EncodeOpenCode; on anything but ENCODE_OK nothing runs.
+// until the job has ended. Returns a format::Error; on anything but format::ERR_OK nothing runs.
 int32_t encoder_start(session::Job& job, EncodeJob& enc, const char* input_path, const char* output_path,
                       EncoderParams params, int32_t kbps, bool wave_header);
 // The frame loop to the end of input or to cancel, then the closing (the WAVE wrapper when asked).

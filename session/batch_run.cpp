@@ -91,8 +91,7 @@ int32_t run_in_process(BatchRun& run, int32_t row) {
       bool wave_header = false;
       encoder::EncoderParams p = encode_params(e, kbps, wave_header);
       started = encoder::encoder_start(run.job, run.enc, e.source.c_str(), e.target.c_str(), p, kbps, wave_header);
-      if (started == encoder::ENCODE_NOT_WAVE) message_box(CAPTION, "WAVEファイルではない");
-      if (started == encoder::ENCODE_NO_DATA) message_box(CAPTION, "不正なWAVEファイル");
+      if (started == format::ERR_NOT_WAVE || started == format::ERR_BAD_WAVE) message_box(started);
       if (started == 0) post_state(JOB_STARTED, row);
     }
   }
@@ -219,7 +218,7 @@ int32_t worker(Job& job) {
 }  // namespace
 
 int32_t start_batch(BatchRun& run) {
-  if (run.worker.busy.load(std::memory_order_acquire)) return JOB_BUSY;
+  if (run.worker.busy.load(std::memory_order_acquire)) return format::ERR_BUSY;
   wait_job(run.worker);
   run.cancel_all.store(0, relaxed);
   run.cancelled_rows.clear();

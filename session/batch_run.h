@@ -40,7 +40,7 @@ struct BatchRun {
   std::vector<int32_t> cancelled_rows;  // rows cancelled before their start
 };
 
-// Starts the worker over all rows of run.list. Returns 0, or JOB_BUSY while a batch runs.
+// Starts the worker over all rows of run.list. Returns 0, or format::ERR_BUSY while a batch runs.
 int32_t start_batch(BatchRun& run);
 // Cancels one row: the running one stops ("-break-"), the rest go on. A row not yet started is
 // passed over.

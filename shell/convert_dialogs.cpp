@@ -15,8 +15,6 @@ namespace shell {
 
 namespace {
 
-constexpr const char* BUSY_OTHER = "他の処理をしています";
-constexpr const char* SAME_NAME = "入力と出力で同じ名前は使えません";
 constexpr const char* ALL_FILES = "すべてのﾌｧｲﾙ (*.*)";
 
 struct Filter {
@@ -118,17 +116,11 @@ bool has_extension(const std::string& path, const char* ext) {
   return path.size() >= n && strcasecmp(path.c_str() + path.size() - n, ext) == 0;
 }
 
-void box(const char* text) { show_box(session::CAPTION, text, session::BOX_OK); }
-
-void box_path(const char* format, const std::string& path) {
-  char text[1200];
-  std::snprintf(text, sizeof text, format, path.c_str());
-  box(text);
-}
+void box(int32_t code, const std::string& arg = "") { show_box(code, arg.c_str(), session::BOX_OK); }
 
 bool busy() {
   if (!session::window_open(session::WINDOW_PROGRESS) && !session::window_open(session::WINDOW_BATCH)) return false;
-  box(BUSY_OTHER);
+  box(session::TEXT_BUSY_OTHER);
   return true;
 }
 
@@ -162,7 +154,7 @@ gboolean watch_end(gpointer dialog) {
   if (progress.dialog != dialog) return G_SOURCE_REMOVE;
   if (progress.job && progress.job->busy.load()) return G_SOURCE_CONTINUE;
   set_bar(1);
-  finished("完了");
+  finished(session::message_format(session::TEXT_DONE));
   return G_SOURCE_REMOVE;
 }
 
@@ -218,21 +210,17 @@ void progress_message(int32_t msg, int64_t wparam, int64_t lparam) {
       gtk_label_set_text(GTK_LABEL(progress.text), text);
       break;
     case session::MSG_SPLIT_END: {
-      const char* said = wparam == 1   ? "読み込みエラー"
-                         : wparam == 4 ? "MPEGﾌｧｲﾙではない"
-                         : wparam == 5 ? "ビデオフレームにエラー"
-                         : wparam == 6 ? "オーディオフレームにエラー"
-                         : wparam == 7 ? "ビデオフレーム書込みエラー"
-                         : wparam == 8 ? "オーディオフレーム書込みエラー"
-                                       : "";
-      gtk_label_set_text(GTK_LABEL(progress.text), said);
+      // A split without audio packets (9) says nothing here: the button tells it ended.
+      const int32_t error = tools::split_end_error(int32_t(wparam));
+      const bool said = error != 0 && error != format::ERR_NO_AUDIO_FRAMES;
+      gtk_label_set_text(GTK_LABEL(progress.text), said ? session::message_text(error).c_str() : "");
       set_bar(1);
-      finished("抽出完了");
+      finished(session::message_format(session::TEXT_SPLIT_DONE));
       break;
     }
     case session::MSG_PROGRESS_END:
       set_bar(1);
-      finished("完了");
+      finished(session::message_format(session::TEXT_DONE));
       break;
     default:
       break;
@@ -241,7 +229,7 @@ void progress_message(int32_t msg, int64_t wparam, int64_t lparam) {
 
 void convert_decode_file(session::Job& job, GtkWindow* parent, const char* given) {
   if (session::state.decoder_running.load()) {  // a play session holds the decoder
-    box("再生中は変換できません");
+    box(session::TEXT_NO_CONVERT_WHILE_PLAYING);
     return;
   }
   if (busy()) return;
@@ -260,26 +248,22 @@ void convert_decode_file(session::Job& job, GtkWindow* parent, const char* given
     // Raw is format 0; "all files" keeps the format chosen before.
     if (index <= 5) session::options.ext_filter = index == 5 ? 0 : index;
     if (strcasecmp(in.c_str(), out.c_str()) != 0) break;
-    box(SAME_NAME);
+    box(format::ERR_SAME_FILE);
   }
   int32_t started = session::start_decode_file(job, in.c_str(), out.c_str());
-  if (started == session::START_OK) {
+  if (started == format::ERR_OK) {
     session::StreamInfo info = session::published_stream();
     open_progress(job, parent, in);
     progress.layer = info.layer;
     progress.frames = info.frame_count;
     return;
   }
-  if (started == session::START_NO_INPUT)
-    box_path("'%s'が開けない", in);
-  else if (started == session::START_NO_OUTPUT)
-    box_path("'%s'が開けない", out);
-  else if (started == session::START_NOT_MPEG)
-    box_path("'%s' は MPEGｵｰﾃﾞｨｵ ではない", in);
-  else if (started == session::START_SAME_FILE)
-    box(SAME_NAME);
-  else if (started != session::START_OPEN_FAILED)
-    box("error");
+  if (started == format::ERR_OPEN_INPUT || started == format::ERR_NOT_MPEG)
+    box(started, in);
+  else if (started == format::ERR_OPEN_OUTPUT || started == format::ERR_SAME_FILE)
+    box(started, out);
+  else if (started != format::ERR_STREAM_REFUSED)
+    box(session::TEXT_ERROR);
 }
 
 void convert_split_file(session::Job& job, GtkWindow* parent) {
@@ -293,21 +277,19 @@ void convert_split_file(session::Job& job, GtkWindow* parent) {
     out = choose(parent, true, save_extracted, 2, index, stem(in) + ".mpa");
     if (out.empty()) return;
     if (strcasecmp(in.c_str(), out.c_str()) != 0) break;
-    box(SAME_NAME);
+    box(format::ERR_SAME_FILE);
   }
   int32_t started = tools::start_split(job, in.c_str(), out.c_str());
-  if (started == 0 || started == 1) {
+  if (started == format::ERR_OK || started == format::ERR_BUSY) {
     open_progress(job, parent, in);
     return;
   }
-  if (started == 2)
-    box_path("'%s'が開けない", in);
-  else if (started == 3)
-    box_path("'%s'が開けない", out);
-  else if (started == 7)
-    box(SAME_NAME);
+  if (started == format::ERR_OPEN_INPUT)
+    box(started, in);
+  else if (started == format::ERR_OPEN_OUTPUT || started == format::ERR_SAME_FILE)
+    box(started, out);
   else
-    box("error");
+    box(session::TEXT_ERROR);
 }
 
 }  // namespace shell

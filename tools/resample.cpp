@@ -386,24 +386,24 @@ TOVRA_VECTOR_CLONES void lowpass_lanes(const float* a, const float* b, float pf,
 
 int32_t setup_job(const char* input_path, const char* output_path, int32_t rate, int32_t bits, int32_t channels,
                   int32_t quality) {
-  if ((bits != 8 && bits != 16) || (channels != 1 && channels != 2) || rate <= 0) return WAVE_BAD_FORMAT;
+  if ((bits != 8 && bits != 16) || (channels != 1 && channels != 2) || rate <= 0) return format::ERR_WAVE_FORMAT;
   int32_t in_rate, in_bits, in_channels;
   uint32_t data_size;
   int32_t code = open_wave_input(input_path, in_rate, in_bits, in_channels, data_size);
-  if (code != WAVE_OK) return code;
+  if (code != format::ERR_OK) return code;
   resample.limit = wave_in.frames;
   resample.step = double(in_rate) / double(rate);
   resample.total = int64_t(rate) * resample.limit / in_rate;
   // A file without a single frame to write makes no output: the job is refused before one exists.
   if (resample.total == 0) {
     close_wave_input();
-    return WAVE_NO_DATA;
+    return format::ERR_WAVE_NO_DATA;
   }
   // The estimate in the first header is the output's own size, which a reader of a file left by a
   // crash finds closest to the truth.
   const int64_t estimate = resample.total * (bits / 8) * channels;
   code = open_wave_output(output_path, rate, bits, channels, uint32_t(std::min<int64_t>(estimate, 0xFFFFFFD0)));
-  if (code != WAVE_OK) {
+  if (code != format::ERR_OK) {
     close_wave_input();
     return code;
   }
@@ -414,11 +414,11 @@ int32_t setup_job(const char* input_path, const char* output_path, int32_t rate,
       close_wave_output();
       remove_partial_output(output_path);
       close_wave_input();
-      return WAVE_NO_MEMORY;
+      return format::ERR_NO_MEMORY;
     }
     resample.kernel = kernel_lowpass;
   }
-  return WAVE_OK;
+  return format::ERR_OK;
 }
 
 enum LoopEnd { LOOP_DONE, LOOP_FAILED, LOOP_CANCELLED };
@@ -446,7 +446,7 @@ LoopEnd run_loop(const session::Job& job, int32_t& result, int64_t& frames) {
     }
     for (int32_t j = 0; j < count; ++j, ++n) {
       result = write_wave_frame(left[j], right[j]);
-      if (result != WAVE_OK) return LOOP_FAILED;
+      if (result != format::ERR_OK) return LOOP_FAILED;
       frames = n + 1;
       position = positions[j] + step;
       if (int64_t(position) >= limit) return LOOP_DONE;
@@ -469,7 +469,7 @@ bool next_batch_entry(session::Job& job) {
     int32_t rate = 0, bits = 0, channels = 0, quality = 0;
     if (next_resample_job(in, out, rate, bits, channels, quality, resample.job_index) == 0) return false;
     if (!session::same_file(in.c_str(), out.c_str()) &&
-        setup_job(in.c_str(), out.c_str(), rate, bits, channels, quality) == WAVE_OK) {
+        setup_job(in.c_str(), out.c_str(), rate, bits, channels, quality) == format::ERR_OK) {
       job.out_path = out;
       return true;
     }
@@ -487,7 +487,7 @@ int32_t resample_thread(session::Job& job) {
   int32_t job_end = JOB_END_DONE;
   for (;;) {
     if (in_batch) post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_STARTED, resample.job_index);
-    int32_t result = WAVE_OK;
+    int32_t result = format::ERR_OK;
     int64_t frames = 0;
     LoopEnd end = run_loop(job, result, frames);
     if (end == LOOP_CANCELLED) {
@@ -505,13 +505,14 @@ int32_t resample_thread(session::Job& job) {
     // the result the user sees rather than a success. After a failed write this second close
     // finds the file closed already.
     int32_t closed = close_wave_output();
-    if (result == WAVE_OK) result = closed;
+    if (result == format::ERR_OK) result = closed;
     close_wave_input();
     post_message(WINDOW_PROGRESS, MSG_PROGRESS_STATUS, result, 0);
     job.code = result;
-    job_end = result == WAVE_OK ? JOB_END_DONE : JOB_END_FAILED;
+    job_end = result == format::ERR_OK ? JOB_END_DONE : JOB_END_FAILED;
     if (!in_batch) break;
-    post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, result == WAVE_OK ? JOB_DONE : JOB_FAILED, resample.job_index);
+    post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, result == format::ERR_OK ? JOB_DONE : JOB_FAILED,
+                 resample.job_index);
     settle_output(job, job_end);
     if (!next_batch_entry(job)) {
       post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_LIST_FINISHED, resample.job_index);
@@ -675,14 +676,14 @@ void kernel_sinc_block(const double* positions, int32_t count, int32_t* left, in
 
 int32_t start_resample(session::Job& job, const char* input_path, const char* output_path, int32_t rate, int32_t bits,
                        int32_t channels, int32_t quality) {
-  if (job.busy.load(std::memory_order_acquire)) return RESAMPLE_BUSY;
-  if (session::same_file(input_path, output_path)) return RESAMPLE_SAME_FILE;
+  if (job.busy.load(std::memory_order_acquire)) return format::ERR_BUSY;
+  if (session::same_file(input_path, output_path)) return format::ERR_SAME_FILE;
   session::wait_job(job);  // a finished job's thread still holds the reader and writer until joined
   int32_t code = setup_job(input_path, output_path, rate, bits, channels, quality);
-  if (code != WAVE_OK) return code;
+  if (code != format::ERR_OK) return code;
   resample.job_index = session::batch_first_index();
   session::start_job(job, resample_thread, output_path);
-  return WAVE_OK;
+  return format::ERR_OK;
 }
 
 }  // namespace tools

@@ -7,14 +7,15 @@
 // Threads: start_resample runs on the main thread while its Job is idle, sets the job up and starts
 // it, and the job's thread from then on owns the WAVE reader and writer and everything below. The
 // main thread stops it only through the job's Cancel word, which the job reads every 4096 output
-// frames. A job that fails (job.code holds its WaveCode) or is cancelled leaves no output. The job reports by posting
-// MSG_RESAMPLE_PROGRESS (frames done, frames in all), MSG_PROGRESS_STATUS (result code, 0) and MSG_PROGRESS_END to the
-// progress window, and in a batch MSG_BATCH_RESAMPLE_STATE to the batch window.
+// frames. A job that fails (job.code holds its format::Error) or is cancelled leaves no output. The job reports by
+// posting MSG_RESAMPLE_PROGRESS (frames done, frames in all), MSG_PROGRESS_STATUS (result code, 0) and MSG_PROGRESS_END
+// to the progress window, and in a batch MSG_BATCH_RESAMPLE_STATE to the batch window.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
+#include "format/errors.h"
 #include "session/job.h"
 
 namespace tools {
@@ -23,10 +24,6 @@ namespace tools {
 constexpr int32_t RESAMPLE_QUALITY_MAX = 102;
 // Output frames between progress messages (and looks at the cancel flag).
 constexpr int64_t RESAMPLE_PROGRESS_MASK = 0xFFF;
-// start_resample while the job runs (the callers test first; this guards the state).
-constexpr int32_t RESAMPLE_BUSY = -1;
-// The output would overwrite the input: refused before anything is opened.
-constexpr int32_t RESAMPLE_SAME_FILE = -2;
 
 // A kernel: the output frame at an input position, on the 16-bit scale, truncated towards zero.
 using KernelFn = void (*)(double position, int32_t& left, int32_t& right);
@@ -42,10 +39,10 @@ struct ResampleState {
 
 extern ResampleState resample;
 
-// Prepares the job on the caller's thread and starts it. Returns 0, RESAMPLE_BUSY,
-// RESAMPLE_SAME_FILE, or a WaveCode: the input's, WAVE_NO_MEMORY, WAVE_READ_ERROR when the output
-// cannot be created, WAVE_WRITE_ERROR when its header cannot be written, WAVE_BAD_FORMAT for an
-// output format other than 8 or 16 bits, 1 or 2 channels and a positive rate.
+// Prepares the job on the caller's thread and starts it. Returns 0, format::ERR_BUSY,
+// format::ERR_SAME_FILE, or a format::Error: the input's, format::ERR_NO_MEMORY, format::ERR_CREATE_OUTPUT when the
+// output cannot be created, format::ERR_WRITE when its header cannot be written, format::ERR_WAVE_FORMAT for an output
+// format other than 8 or 16 bits, 1 or 2 channels and a positive rate.
 int32_t start_resample(session::Job& job, const char* input_path, const char* output_path, int32_t rate, int32_t bits,
                        int32_t channels, int32_t quality);
 

@@ -69,37 +69,42 @@ int32_t split_thread(session::Job& job) {
   int32_t result = split_stream(split.in, split.out, split.file_size, split.bytes_read, packet.data());
   std::fclose(split.in);
   // An output that can't tell its position (a pipe) is taken to have received audio.
-  if (result == SPLIT_OK && std::ftell(split.out) == 0) result = SPLIT_NO_AUDIO;
+  if (result == format::ERR_OK && std::ftell(split.out) == 0) result = format::ERR_NO_AUDIO_FRAMES;
   // Buffered bytes go out at the close: a disk that fills there fails the job like a write.
-  if (std::fclose(split.out) != 0 && result == SPLIT_OK) result = SPLIT_AUDIO_WRITE_ERROR;
+  if (std::fclose(split.out) != 0 && result == format::ERR_OK) result = format::ERR_AUDIO_WRITE;
   split.in = split.out = nullptr;
   job.code = result;
   if (result == SPLIT_CANCELLED) return JOB_END_CANCELLED;
-  post_message(WINDOW_PROGRESS, MSG_SPLIT_END, result, split.bytes_read);
-  return result == SPLIT_OK ? JOB_END_DONE : JOB_END_FAILED;
+  post_message(WINDOW_PROGRESS, MSG_SPLIT_END, split_end_code(result), split.bytes_read);
+  return result == format::ERR_OK ? JOB_END_DONE : JOB_END_FAILED;
 }
 
 }  // namespace
 
-const char* split_result_text(int32_t result) {
-  switch (result) {
-    case SPLIT_READ_ERROR:
-      return "読み込みエラー";
-    case SPLIT_BAD_START_CODE:
-      return "MPEGﾌｧｲﾙではない";
-    case SPLIT_BAD_VIDEO_HEADER:
-      return "ビデオフレームにエラー";
-    case SPLIT_BAD_AUDIO_HEADER:
-      return "オーディオフレームにエラー";
-    case SPLIT_VIDEO_WRITE_ERROR:
-      return "ビデオフレーム書込みエラー";
-    case SPLIT_AUDIO_WRITE_ERROR:
-      return "オーディオフレーム書込みエラー";
-    case SPLIT_NO_AUDIO:
-      return "オーディオフレームがない";
-    default:
-      return nullptr;
-  }
+namespace {
+
+constexpr int32_t end_codes[][2] = {
+    {format::ERR_READ, 1},
+    {format::ERR_NOT_SYSTEM, 4},
+    {format::ERR_VIDEO_FRAME, 5},
+    {format::ERR_AUDIO_FRAME, 6},
+    {format::ERR_VIDEO_WRITE, 7},
+    {format::ERR_AUDIO_WRITE, 8},
+    {format::ERR_NO_AUDIO_FRAMES, 9},
+};
+
+}  // namespace
+
+int32_t split_end_code(int32_t error) {
+  for (const auto& e : end_codes)
+    if (e[0] == error) return e[1];
+  return error;
+}
+
+int32_t split_end_error(int32_t code) {
+  for (const auto& e : end_codes)
+    if (e[1] == code) return e[0];
+  return code;
 }
 
 int32_t packet_header_length(const uint8_t* packet, int32_t length) {
@@ -126,36 +131,36 @@ int32_t split_stream(std::FILE* in, std::FILE* out, int64_t file_size, int64_t& 
   for (;;) {
     if (cancelled()) return SPLIT_CANCELLED;
     ReadEnd e = read_bytes(in, word, 2, bytes_read, got);
-    if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
-    if (word[0] != 0 || word[1] != 0) return SPLIT_BAD_START_CODE;
+    if (e != READ_OK) return e == READ_FAILED ? format::ERR_READ : format::ERR_OK;
+    if (word[0] != 0 || word[1] != 0) return format::ERR_NOT_SYSTEM;
     e = read_bytes(in, word, 2, bytes_read, got);
-    if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
+    if (e != READ_OK) return e == READ_FAILED ? format::ERR_READ : format::ERR_OK;
     if (word[0] == 0) continue;
-    if (word[0] != 1) return SPLIT_BAD_START_CODE;
+    if (word[0] != 1) return format::ERR_NOT_SYSTEM;
     const uint8_t code = word[1];
 
     if (code == 0xB9) {
       post_progress(bytes_read, file_size);
-      return SPLIT_OK;
+      return format::ERR_OK;
     }
     if (code == 0xBA) {
       e = read_bytes(in, word, 8, bytes_read, got);
-      if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
+      if (e != READ_OK) return e == READ_FAILED ? format::ERR_READ : format::ERR_OK;
       continue;
     }
 
     // Every other unit has a 16-bit big-endian length and that many bytes.
     e = read_bytes(in, word, 2, bytes_read, got);
-    if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
+    if (e != READ_OK) return e == READ_FAILED ? format::ERR_READ : format::ERR_OK;
     const int32_t length = word[0] << 8 | word[1];
     e = read_bytes(in, packet, size_t(length), bytes_read, got);
-    if (e == READ_FAILED) return SPLIT_READ_ERROR;
+    if (e == READ_FAILED) return format::ERR_READ;
     const bool truncated = e == READ_SHORT;
 
     const bool video = code >= 0xE0 && code <= 0xEF;
     const bool audio = code >= 0xC0 && code <= 0xCF;
     if (!video && !audio) {
-      if (truncated) return SPLIT_OK;
+      if (truncated) return format::ERR_OK;
       continue;
     }
     if (audio) post_progress(bytes_read, file_size);
@@ -163,27 +168,27 @@ int32_t split_stream(std::FILE* in, std::FILE* out, int64_t file_size, int64_t& 
     // audio that is there is kept.
     int32_t header = packet_header_length(packet, int32_t(got));
     if (header == SPLIT_HEADER_CANCELLED) return SPLIT_CANCELLED;
-    if (header == SPLIT_HEADER_SHORT && truncated) return SPLIT_OK;
-    if (header < 0) return video ? SPLIT_BAD_VIDEO_HEADER : SPLIT_BAD_AUDIO_HEADER;
+    if (header == SPLIT_HEADER_SHORT && truncated) return format::ERR_OK;
+    if (header < 0) return video ? format::ERR_VIDEO_FRAME : format::ERR_AUDIO_FRAME;
     if (audio) {
       size_t payload = got - size_t(header);
-      if (std::fwrite(packet + header, 1, payload, out) != payload) return SPLIT_AUDIO_WRITE_ERROR;
+      if (std::fwrite(packet + header, 1, payload, out) != payload) return format::ERR_AUDIO_WRITE;
     }
-    if (truncated) return SPLIT_OK;
+    if (truncated) return format::ERR_OK;
   }
 }
 
 int32_t start_split(session::Job& job, const char* input_path, const char* output_path) {
-  if (job.busy.load(std::memory_order_acquire)) return session::START_BUSY;
-  if (session::same_file(input_path, output_path)) return session::START_SAME_FILE;
+  if (job.busy.load(std::memory_order_acquire)) return format::ERR_BUSY;
+  if (session::same_file(input_path, output_path)) return format::ERR_SAME_FILE;
   session::wait_job(job);  // a finished job's thread
   split.in = std::fopen(input_path, "rb");
-  if (!split.in) return session::START_NO_INPUT;
+  if (!split.in) return format::ERR_OPEN_INPUT;
   split.out = std::fopen(output_path, "wb");
   if (!split.out) {
     std::fclose(split.in);
     split.in = nullptr;
-    return session::START_NO_OUTPUT;
+    return format::ERR_OPEN_OUTPUT;
   }
   // The size is for the progress bar only; an input that cannot seek (a pipe) shows none.
   split.file_size = 0;

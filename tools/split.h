@@ -14,24 +14,19 @@
 #include <cstdio>
 #include <string>
 
+#include "format/errors.h"
 #include "session/job.h"
 
 namespace tools {
 
-enum SplitResult : int32_t {
-  SPLIT_OK = 0,  // success, or the file ended
-  SPLIT_READ_ERROR = 1,
-  SPLIT_BAD_START_CODE = 4,
-  SPLIT_BAD_VIDEO_HEADER = 5,
-  SPLIT_BAD_AUDIO_HEADER = 6,
-  SPLIT_VIDEO_WRITE_ERROR = 7,  // reserved: video is never written
-  SPLIT_AUDIO_WRITE_ERROR = 8,
-  SPLIT_NO_AUDIO = 9,    // the walk ended without a byte of audio: no output is left
-  SPLIT_CANCELLED = -1,  // the walk saw the job's Cancel; no result is posted
-};
+// The walk saw the job's Cancel; no result is posted.
+constexpr int32_t SPLIT_CANCELLED = -1;
 
-// The progress window's text for a result (nullptr for 0 and unknown ones).
-const char* split_result_text(int32_t result);
+// MSG_SPLIT_END carries the result as the progress window numbers it (1 read, 4 not MPEG, 5 and 6
+// a video or audio frame, 7 and 8 their writes, 9 no audio); these map a format::Error to that
+// number and back (0 stays 0, an unknown number comes back as itself).
+int32_t split_end_code(int32_t error);
+int32_t split_end_error(int32_t code);
 
 // A packet's length field is 16 bits, so one buffer of this size holds any packet whole.
 constexpr int32_t SPLIT_PACKET_BUFFER_BYTES = 65536;
@@ -45,13 +40,13 @@ struct SplitState {
 
 extern SplitState split;
 
-// Opens the input ("rb", else 2) and the output ("wb", else the input is closed again and 3),
-// and starts the job. Returns 0, 1 while the job runs, or 7 (START_SAME_FILE) when the output
-// would overwrite the input.
+// Opens the input ("rb", else ERR_OPEN_INPUT) and the output ("wb", else the input is closed
+// again and ERR_OPEN_OUTPUT), and starts the job. Returns ERR_OK, ERR_BUSY while the job runs, or
+// ERR_SAME_FILE when the output would overwrite the input.
 int32_t start_split(session::Job& job, const char* input_path, const char* output_path);
 
 // The walk over open files on the calling thread, posting progress as the thread does. packet is
-// SPLIT_PACKET_BUFFER_BYTES long. Returns a SplitResult; bytes_read counts every byte read.
+// SPLIT_PACKET_BUFFER_BYTES long. Returns a format::Error; bytes_read counts every byte read.
 int32_t split_stream(std::FILE* in, std::FILE* out, int64_t file_size, int64_t& bytes_read, uint8_t* packet);
 
 // The length of a packet's header (stuffing, buffer size field, time stamps) in its first length
