@@ -11,6 +11,7 @@
 #include "encoder/job.h"
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 
 namespace cli {
 
@@ -107,7 +108,7 @@ int cmd_encode(int argc, char** argv) {
   encoder::EncodeJob enc;
   int32_t code = format::ERR_OK;
   int status = run_job(
-      job, [&] { return encoder::encoder_start(job, enc, in, out, p, kbps, wave_header); }, code);
+      job, [&] { return session::start_encode(job, enc, in, out, p, kbps, wave_header); }, code);
   switch (status == -1 ? code : format::ERR_OK) {
     case format::ERR_OK:
       break;

@@ -12,6 +12,7 @@
 #include "session/message_text.h"
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 #include "tools/resample.h"
 #include "tools/wave.h"
 
@@ -102,7 +103,7 @@ int cmd_resample(int argc, char** argv) {
   session::Job job;
   int32_t code = 0;
   int status = run_job(
-      job, [&] { return tools::start_resample(job, in, out, rate, bits, channels, quality); }, code);
+      job, [&] { return session::start_resample(job, in, out, rate, bits, channels, quality); }, code);
   if (code == format::ERR_SAME_FILE) {
     report(code);
     return 2;

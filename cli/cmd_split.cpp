@@ -8,6 +8,7 @@
 #include "cli/console.h"
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 #include "tools/split.h"
 
 namespace cli {
@@ -36,7 +37,7 @@ int cmd_split(int argc, char** argv) {
   session::Job job;
   int32_t code = 0;
   int status = run_job(
-      job, [&] { return tools::start_split(job, in, out); }, code);
+      job, [&] { return session::start_split(job, in, out); }, code);
   if (code == format::ERR_SAME_FILE) {
     report(code);
     return 2;

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <memory>
 
-#include "session/messages.h"
 #include "tools/wave.h"
 
 namespace encoder {
@@ -139,9 +138,7 @@ int32_t read_pcm_frame(EncodeJob& job, int16_t (*pcm)[FRAME_SAMPLES_L2]) {
   return take;
 }
 
-int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel) {
-  using namespace session;
-  constexpr auto relaxed = std::memory_order_relaxed;
+int32_t run_encode_job(EncodeJob& job, const format::Work& work) {
   bool cancelled = false;
   std::unique_ptr<EncoderState> owned(job.state);  // freed on every path out
   EncoderState& s = *job.state;
@@ -150,13 +147,13 @@ int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel) {
   bool write_failed = false;
   const int64_t bytes_per_frame = job.frames_total ? job.bytes_total / job.frames_total : 1;
   for (int32_t got = read_pcm_frame(job, pcm); got > 0; got = read_pcm_frame(job, pcm)) {
-    if (cancel.load(relaxed)) {
+    if (work.cancelled()) {
       cancelled = true;
       break;
     }
     if (job.frames_written % 4 == 0) {
       int64_t left = (job.frames_total - job.frames_read) * bytes_per_frame;
-      post_message(WINDOW_PROGRESS, MSG_PROGRESS_ENCODE, left, job.bytes_total);
+      work.report(left, job.bytes_total);
     }
     int32_t n = encode_frame(s, pcm, frame);
     if (std::fwrite(frame, 1, size_t(n), job.out) != size_t(n)) {
@@ -173,41 +170,20 @@ int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel) {
     if (std::fwrite(frame, 1, size_t(n), job.out) != size_t(n)) write_failed = true;
     job.stream_bytes += n;
   }
-  int32_t result = cancelled ? JOB_END_CANCELLED : write_failed ? JOB_END_FAILED : JOB_END_DONE;
-  if (result == JOB_END_DONE && job.wave_header) {
+  int32_t result = cancelled ? format::WORK_CANCELLED : write_failed ? format::ERR_WRITE : format::ERR_OK;
+  if (result == format::ERR_OK && job.wave_header) {
     uint8_t header[MPEG_WAVE_HEADER_BYTES];
     const size_t size = size_t(wave_header_bytes(s.params));
     make_mpeg_wave_header(header, s, job.stream_bytes, job.frames_written);
-    if (std::fseek(job.out, 0, SEEK_SET) != 0 || std::fwrite(header, 1, size, job.out) != size) result = JOB_END_FAILED;
+    if (std::fseek(job.out, 0, SEEK_SET) != 0 || std::fwrite(header, 1, size, job.out) != size)
+      result = format::ERR_WRITE;
   }
-  if (std::fclose(job.out) != 0 && result == JOB_END_DONE) result = JOB_END_FAILED;
+  if (std::fclose(job.out) != 0 && result == format::ERR_OK) result = format::ERR_WRITE;
   job.out = nullptr;
   tools::close_wave_input();
   job.state = nullptr;
-  if (result == JOB_END_DONE) {
-    post_message(WINDOW_PROGRESS, MSG_PROGRESS_ENCODE, 0, job.bytes_total);
-    post_message(WINDOW_PROGRESS, MSG_PROGRESS_STATUS, 0, 0);
-    post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
-  }
+  if (result == format::ERR_OK) work.report(0, job.bytes_total);
   return result;
-}
-
-namespace {
-
-int32_t encoder_thread(session::Job& job) { return run_encode_job(*static_cast<EncodeJob*>(job.context), job.cancel); }
-
-}  // namespace
-
-int32_t encoder_start(session::Job& job, EncodeJob& enc, const char* input_path, const char* output_path,
-                      EncoderParams params, int32_t kbps, bool wave_header) {
-  if (job.busy.load(std::memory_order_acquire)) return format::ERR_BUSY;
-  if (session::same_file(input_path, output_path)) return format::ERR_SAME_FILE;
-  session::wait_job(job);  // a finished job's thread still holds the WAVE reader until joined
-  int32_t code = encode_open(enc, input_path, output_path, params, kbps, wave_header);
-  if (code != format::ERR_OK) return code;
-  job.context = &enc;
-  session::start_job(job, encoder_thread, output_path);
-  return format::ERR_OK;
 }
 
 }  // namespace encoder

@@ -2,8 +2,6 @@
 // end, the code and the settled output.
 #include "session/job.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 
 #include "session/session.h"
@@ -46,12 +44,6 @@ void wait_job(Job& job) {
 void settle_output(const Job& job, int32_t end) {
   if (end == JOB_END_FAILED || (end == JOB_END_CANCELLED && !options.leave))
     tools::remove_partial_output(job.out_path.c_str());
-}
-
-bool same_file(const char* in_path, const char* out_path) {
-  struct stat in, out;
-  if (stat(in_path, &in) != 0 || stat(out_path, &out) != 0) return false;
-  return S_ISREG(in.st_mode) && in.st_dev == out.st_dev && in.st_ino == out.st_ino;
 }
 
 }  // namespace session

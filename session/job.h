@@ -50,8 +50,4 @@ void wait_job(Job& job);
 // entries.
 void settle_output(const Job& job, int32_t end);
 
-// Whether writing out_path would overwrite in_path: the same regular file by device and inode,
-// through any link. A path that does not exist yet is never the same.
-bool same_file(const char* in_path, const char* out_path);
-
 }  // namespace session

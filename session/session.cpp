@@ -17,6 +17,7 @@
 #include "session/platform.h"
 #include "session/stream.h"
 #include "session/writers.h"
+#include "tools/wave.h"
 
 namespace session {
 
@@ -166,7 +167,7 @@ int32_t decode_file_thread(Job& job) {
       int32_t format = batch_fetch_job(job_index, in_path, out_path);
       if (format == -1) continue;
       if (format < 0 || format > 4) break;
-      if (same_file(in_path.c_str(), out_path.c_str())) {
+      if (tools::same_file(in_path.c_str(), out_path.c_str())) {
         post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_NOT_READABLE, job_index);
         continue;
       }
@@ -234,7 +235,7 @@ void reset_decoding() {
 
 int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
   if (job.busy.load(std::memory_order_acquire)) return format::ERR_BUSY;
-  if (same_file(in_path, out_path)) return format::ERR_SAME_FILE;
+  if (tools::same_file(in_path, out_path)) return format::ERR_SAME_FILE;
   wait_job(job);  // a finished job's thread still owns the files until it is joined
   reader.file = std::fopen(in_path, "rb");
   if (!reader.file) return format::ERR_OPEN_INPUT;

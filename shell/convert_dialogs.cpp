@@ -8,6 +8,7 @@
 
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 #include "shell/dialogs.h"
 #include "tools/split.h"
 
@@ -279,7 +280,7 @@ void convert_split_file(session::Job& job, GtkWindow* parent) {
     if (strcasecmp(in.c_str(), out.c_str()) != 0) break;
     box(format::ERR_SAME_FILE);
   }
-  int32_t started = tools::start_split(job, in.c_str(), out.c_str());
+  int32_t started = session::start_split(job, in.c_str(), out.c_str());
   if (started == format::ERR_OK || started == format::ERR_BUSY) {
     open_progress(job, parent, in);
     return;

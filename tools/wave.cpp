@@ -360,6 +360,12 @@ void close_wave_input() {
   in = WaveInput{};
 }
 
+bool same_file(const char* in_path, const char* out_path) {
+  struct stat in, out;
+  if (stat(in_path, &in) != 0 || stat(out_path, &out) != 0) return false;
+  return S_ISREG(in.st_mode) && in.st_dev == out.st_dev && in.st_ino == out.st_ino;
+}
+
 void remove_partial_output(const char* path) {
   struct stat st;
   if (path && stat(path, &st) == 0 && S_ISREG(st.st_mode)) std::remove(path);

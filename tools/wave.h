@@ -135,6 +135,9 @@ int32_t write_wave_frame(int32_t left, int32_t right);
 // second close does nothing and returns format::ERR_OK.
 int32_t close_wave_output();
 
+// Whether writing out_path would overwrite in_path: the same regular file by device and inode,
+// through any link. A path that does not exist yet is never the same.
+bool same_file(const char* in_path, const char* out_path);
 // Deletes a tool's unfinished output file. Only a regular file goes: an output named by a device
 // (/dev/null, /dev/full) or a pipe stays.
 void remove_partial_output(const char* path);

@@ -9,6 +9,7 @@
 #include "decoder/decoder.h"
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 #include "support/support.h"
 #include "tools/split.h"
 
@@ -147,7 +148,7 @@ TEST_F(FileJob, CancelBelongsToItsJob) {
     for (int i = 0; i < 40; ++i) stream.insert(stream.end(), {0x00, 0x00, 0x01, 0xC0, 0x00, 0x01, 0x0F});
     test::write_file(tmp->file("in.mpg"), stream);
     session::Job other;
-    ASSERT_EQ(tools::start_split(other, tmp->file("in.mpg").c_str(), tmp->file("out.mpa").c_str()), 0);
+    ASSERT_EQ(session::start_split(other, tmp->file("in.mpg").c_str(), tmp->file("out.mpa").c_str()), 0);
     other.cancel.store(1);
     session::wait_job(other);
   };

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "session/tool_jobs.h"
 #include "tools/wave.h"
 #include "tools_support.h"
 
@@ -21,7 +22,7 @@ class Resample : public ToolsTest {
   int32_t run(const std::string& in, const std::string& out, int32_t rate, int32_t bits, int32_t channels,
               int32_t quality) {
     install_recorder();
-    int32_t code = tools::start_resample(tool_job, in.c_str(), dir.file(out).c_str(), rate, bits, channels, quality);
+    int32_t code = session::start_resample(tool_job, in.c_str(), dir.file(out).c_str(), rate, bits, channels, quality);
     if (code != format::ERR_OK) return code;
     session::wait_job(tool_job);
     std::vector<Message> status = recorded(session::MSG_PROGRESS_STATUS);
@@ -170,7 +171,7 @@ TEST_F(Resample, CancelFailuresAndBusy) {
     const std::string out = dir.file("out" + std::to_string(leave) + ".wav");
     install_recorder();
     recorder.cancel_on.store(session::MSG_RESAMPLE_PROGRESS);  // Cancel pressed as the first progress shows
-    ASSERT_EQ(tools::start_resample(tool_job, dir.file("in.wav").c_str(), out.c_str(), 48000, 16, 2, 21), 0);
+    ASSERT_EQ(session::start_resample(tool_job, dir.file("in.wav").c_str(), out.c_str(), 48000, 16, 2, 21), 0);
     session::wait_job(tool_job);
     EXPECT_EQ(recorded(session::MSG_PROGRESS_STATUS).size(), 0u);
     EXPECT_EQ(recorded(session::MSG_PROGRESS_END).size(), 1u);
@@ -192,7 +193,7 @@ TEST_F(Resample, CancelFailuresAndBusy) {
     std::fclose(probe);
     write_wave(dir.file("long.wav"), 44100, 16, 2, noise(2 * 300000, 9));
     install_recorder();
-    ASSERT_EQ(tools::start_resample(tool_job, dir.file("long.wav").c_str(), "/dev/full", 44100, 16, 2, 0), 0);
+    ASSERT_EQ(session::start_resample(tool_job, dir.file("long.wav").c_str(), "/dev/full", 44100, 16, 2, 0), 0);
     session::wait_job(tool_job);
     ASSERT_EQ(recorded(session::MSG_PROGRESS_STATUS).size(), 1u);
     EXPECT_EQ(recorded(session::MSG_PROGRESS_STATUS)[0].wparam, format::ERR_WRITE);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "session/tool_jobs.h"
 #include "tools_support.h"
 
 namespace {
@@ -49,7 +50,7 @@ class Split : public ToolsTest {
   }
   int32_t split_file(const std::string& path, Bytes* out = nullptr) {
     install_recorder();
-    int32_t started = tools::start_split(tool_job, path.c_str(), dir.file("out.mpa").c_str());
+    int32_t started = session::start_split(tool_job, path.c_str(), dir.file("out.mpa").c_str());
     EXPECT_EQ(started, 0);
     if (started != 0) return -200;
     session::wait_job(tool_job);
@@ -132,7 +133,7 @@ TEST_F(Split, CancelAndRefusedStarts) {
     session::options.leave = leave;
     install_recorder();
     recorder.cancel_on.store(session::MSG_SPLIT_PROGRESS);  // Cancel as the first progress shows
-    ASSERT_EQ(tools::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("out.mpa").c_str()), 0);
+    ASSERT_EQ(session::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("out.mpa").c_str()), 0);
     session::wait_job(tool_job);
     EXPECT_EQ(recorded(session::MSG_SPLIT_END).size(), 0u);
     if (leave)
@@ -141,12 +142,12 @@ TEST_F(Split, CancelAndRefusedStarts) {
       EXPECT_NE(access(dir.file("out.mpa").c_str(), F_OK), 0);
   }
   // The start refuses a missing input, an output it can't make, a running job.
-  EXPECT_EQ(tools::start_split(tool_job, dir.file("missing.mpg").c_str(), dir.file("o.mpa").c_str()),
+  EXPECT_EQ(session::start_split(tool_job, dir.file("missing.mpg").c_str(), dir.file("o.mpa").c_str()),
             format::ERR_OPEN_INPUT);
-  EXPECT_EQ(tools::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("no/dir/o.mpa").c_str()),
+  EXPECT_EQ(session::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("no/dir/o.mpa").c_str()),
             format::ERR_OPEN_OUTPUT);
   tool_job.busy.store(1);
-  EXPECT_EQ(tools::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("o.mpa").c_str()), format::ERR_BUSY);
+  EXPECT_EQ(session::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("o.mpa").c_str()), format::ERR_BUSY);
   tool_job.busy.store(0);
 }
 
