@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "library/settings.h"
 #include "tools/wave.h"
 
 namespace session {
@@ -100,16 +101,6 @@ const Entry& find(int32_t code) {
   return table[sizeof table / sizeof table[0] - 1];
 }
 
-std::string executable_folder() {
-  char exe[4096];
-  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  if (n <= 0) return ".";
-  exe[n] = 0;
-  char* slash = std::strrchr(exe, '/');
-  if (slash) *slash = 0;
-  return exe;
-}
-
 bool has_catalogue(const std::string& dir) { return access((dir + "/ja/LC_MESSAGES/tovra.mo").c_str(), R_OK) == 0; }
 
 // The locale's name for messages, as setlocale would pick it from the environment.
@@ -132,7 +123,7 @@ void init_messages() {
   // Numbers in files, settings and reports are written and read with a point whatever the locale.
   std::setlocale(LC_NUMERIC, "C");
   // The build tree keeps the catalogues beside the program; an install under PREFIX/share/locale.
-  const std::string folder = executable_folder();
+  const std::string folder = library::executable_folder();
   std::string dir = folder + "/share/locale";
   if (!has_catalogue(dir)) dir = folder + "/../share/locale";
   bindtextdomain(DOMAIN, dir.c_str());

@@ -1335,22 +1335,12 @@ void on_drop(GtkWidget*, GdkDragContext* context, gint, gint, GtkSelectionData* 
 
 // ---- Start-up and shut-down ----------------------------------------------------------------------
 
-std::string executable_folder() {
-  char buf[4096];
-  ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-  if (n <= 0) return ".";
-  buf[n] = 0;
-  char* slash = std::strrchr(buf, '/');
-  if (slash) *slash = 0;
-  return buf;
-}
-
 // Plug-ins beside the program (the build folder, a portable copy), else in the installed tree's
 // library folder, found from the program's own place so that any prefix works.
 std::string plugin_folder() {
-  std::string beside = executable_folder() + "/Plugins";
+  std::string beside = library::executable_folder() + "/Plugins";
   if (g_file_test(beside.c_str(), G_FILE_TEST_IS_DIR)) return beside;
-  return executable_folder() + "/../" TOVRA_PLUGIN_SUBDIR;
+  return library::executable_folder() + "/../" TOVRA_PLUGIN_SUBDIR;
 }
 
 void install_engine_hooks() {

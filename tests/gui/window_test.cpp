@@ -48,7 +48,6 @@ struct Player {
     setenv("XDG_CONFIG_HOME", dir.file("cfg").c_str(), 1);
     setenv("XDG_RUNTIME_DIR", dir.file("run").c_str(), 1);
     setenv("SDL_AUDIODRIVER", "disk", 1);
-    setenv("LC_ALL", "ja_JP.UTF-8", 1);  // the window speaks Japanese, as its users do
     setenv("SDL_DISKAUDIOFILE", dir.file("audio.raw").c_str(), 1);
   }
   ~Player() {
