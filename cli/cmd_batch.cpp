@@ -159,7 +159,7 @@ int cmd_batch(int argc, char** argv) {
   library::BatchList list;
   list.mode = mode;
   if (library::read_batch_list(list, list_path, c) < 0) {
-    std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, list_path);
+    report(format::ERR_OPEN_INPUT, list_path);
     return 1;
   }
   session::BatchRun run;

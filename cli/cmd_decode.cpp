@@ -71,33 +71,29 @@ int cmd_decode(int argc, char** argv) {
       job,
       [&] {
         int32_t started = session::start_decode_file(job, in, out);
-        if (started == session::START_OK) console.total.store(session::published_stream().frame_count);
+        if (started == format::ERR_OK) console.total.store(session::published_stream().frame_count);
         return started;
       },
       code);
   switch (code) {
-    case session::START_OK:
+    case format::ERR_OK:
       break;
-    case session::START_NO_INPUT:
-      std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, in);
+    case format::ERR_OPEN_INPUT:
+    case format::ERR_OPEN_OUTPUT:
+      report(code, code == format::ERR_OPEN_INPUT ? in : out);
       return 1;
-    case session::START_NO_OUTPUT:
-      std::fprintf(stderr, "%s: 出力ファイルを作成できません\n", session::CAPTION);
-      return 1;
-    case session::START_SAME_FILE:
-      std::fprintf(stderr, "%s: 入力と出力で同じ名前は使えません\n", session::CAPTION);
+    case format::ERR_SAME_FILE:
+      report(code);
       return 2;
     default:
       // open_stream spoke for itself where it had anything to say; silence otherwise.
-      if (console.boxes.load() == 0) std::fprintf(stderr, "tovra-cli decode: no MPEG audio found in '%s'\n", in);
+      if (console.boxes.load() == 0) report(format::ERR_NOT_MPEG, in);
       return 1;
   }
   // A box during the job (a damaged stream, say) makes the run a failure too.
   if (status == 0) return console.ended.load() && console.boxes.load() == 0 ? 0 : 1;
   if (status != 1) return status;
-  if (job.code == session::FILE_JOB_WRITE_FAILED) std::fprintf(stderr, "%s: 書込みエラー\n", session::CAPTION_ERROR);
-  if (job.code == session::FILE_JOB_NO_AUDIO)
-    std::fprintf(stderr, "tovra-cli decode: no MPEG audio found in '%s'\n", in);
+  if (job.code == format::ERR_WRITE || job.code == format::ERR_NOT_MPEG) report(job.code, in);
   return 1;
 }
 

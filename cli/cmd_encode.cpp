@@ -11,6 +11,7 @@
 #include "encoder/job.h"
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 
 namespace cli {
 
@@ -105,34 +106,28 @@ int cmd_encode(int argc, char** argv) {
   console.on_message = on_encode_message;
   session::Job job;
   encoder::EncodeJob enc;
-  int32_t code = encoder::ENCODE_OK;
+  int32_t code = format::ERR_OK;
   int status = run_job(
-      job, [&] { return encoder::encoder_start(job, enc, in, out, p, kbps, wave_header); }, code);
-  switch (status == -1 ? code : encoder::ENCODE_OK) {
-    case encoder::ENCODE_OK:
+      job, [&] { return session::start_encode(job, enc, in, out, p, kbps, wave_header); }, code);
+  switch (status == -1 ? code : format::ERR_OK) {
+    case format::ERR_OK:
       break;
-    case encoder::ENCODE_NO_INPUT:
-      std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION_ERROR, in);
+    case format::ERR_OPEN_INPUT:
+      report(code, in);
       return 1;
-    case encoder::ENCODE_NO_OUTPUT:
-      std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION_ERROR, out);
+    case format::ERR_OPEN_OUTPUT:
+      report(code, out);
       return 1;
-    case encoder::ENCODE_NOT_WAVE:
-      std::fprintf(stderr, "%s: WAVEファイルではない\n", session::CAPTION_ERROR);
+    case format::ERR_WAVE_EMPTY:
       return 1;
-    case encoder::ENCODE_NO_DATA:
-      std::fprintf(stderr, "%s: 不正なWAVEファイル\n", session::CAPTION_ERROR);
-      return 1;
-    case encoder::ENCODE_EMPTY:
-      return 1;
-    case encoder::ENCODE_SAME_FILE:
-      std::fprintf(stderr, "%s: 入力と出力で同じ名前は使えません\n", session::CAPTION);
+    case format::ERR_SAME_FILE:
+      report(code);
       return 2;
     default:
-      return fail("this bit rate, mode and layer do not make a valid stream at the input's sampling rate");
+      report(code);
+      return 1;
   }
-  if (status == 1 && job.end.load() == session::JOB_END_FAILED)
-    std::fprintf(stderr, "%s: '%s'が書き込めない\n", session::CAPTION_ERROR, out);
+  if (status == 1 && job.end.load() == session::JOB_END_FAILED) report(format::ERR_WRITE);
   return status;
 }
 

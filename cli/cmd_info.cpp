@@ -10,6 +10,7 @@
 #include "cli/commands.h"
 #include "cli/console.h"
 #include "library/id3.h"
+#include "session/message_text.h"
 #include "session/messages.h"
 #include "session/session.h"
 #include "session/stream.h"
@@ -95,10 +96,9 @@ bool describe_wave(const char* path, int& failed) {
   const int32_t code = tools::probe_wave_file(path, h);
   const bool pcm_refused = h.problem == tools::WAVE_PROBLEM_CHANNELS || h.problem == tools::WAVE_PROBLEM_BITS ||
                            h.problem == tools::WAVE_PROBLEM_RATE;
-  if (code != tools::WAVE_OK && !pcm_refused) return false;
-  if (code != tools::WAVE_OK) {
-    char text[256];
-    std::fprintf(stderr, "tovra-cli info: '%s': %s\n", path, tools::wave_problem_text(code, h, text, sizeof text));
+  if (code != format::ERR_OK && !pcm_refused) return false;
+  if (code != format::ERR_OK) {
+    std::fprintf(stderr, "tovra-cli info: '%s': %s\n", path, session::wave_problem_message(code, h).c_str());
     ++failed;
     return true;
   }
@@ -129,7 +129,7 @@ int cmd_info(int argc, char** argv) {
     if (describe_wave(path, failed)) continue;
     session::reader.file = std::fopen(path, "rb");
     if (!session::reader.file) {
-      std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, path);
+      report(format::ERR_OPEN_INPUT, path);
       ++failed;
       continue;
     }
@@ -141,7 +141,7 @@ int cmd_info(int argc, char** argv) {
       else if (code != -1)
         std::fprintf(stderr, "tovra-cli info: '%s' is a WAVE file of format tag %d, not MPEG audio\n", path, code);
       else
-        std::fprintf(stderr, "tovra-cli info: no MPEG audio found in '%s'\n", path);
+        report(format::ERR_NOT_MPEG, path);
       std::fclose(session::reader.file);
       session::reader.file = nullptr;
       ++failed;

@@ -9,8 +9,10 @@
 
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "session/message_text.h"
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 #include "tools/resample.h"
 #include "tools/wave.h"
 
@@ -74,7 +76,7 @@ int cmd_resample(int argc, char** argv) {
     return 2;
   }
   if (rate < MIN_RATE || rate > MAX_RATE) {
-    std::fprintf(stderr, "%s: サンプルレートは2000～96000で設定してください\n", session::CAPTION);
+    report(format::ERR_RATE_RANGE);
     return 2;
   }
   if ((bits != 0 && bits != 8 && bits != 16) || (channels != 0 && channels != 1 && channels != 2) || quality < 0 ||
@@ -85,13 +87,12 @@ int cmd_resample(int argc, char** argv) {
   // The input is looked at first, so that a refusal can say what the file is and why.
   tools::WaveHeader header;
   int32_t probed = tools::probe_wave_file(in, header);
-  if (probed == tools::WAVE_READ_ERROR) {
-    std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, in);
+  if (probed == format::ERR_READ) {
+    report(format::ERR_OPEN_INPUT, in);
     return 1;
   }
-  if (probed != tools::WAVE_OK) {
-    char text[256];
-    session::message_box(session::CAPTION_ERROR, tools::wave_problem_text(probed, header, text, sizeof text));
+  if (probed != format::ERR_OK) {
+    report_text(probed, session::wave_problem_message(probed, header));
     return 1;
   }
   // Wider inputs than 16 bits come out in 16, the widest the writer makes.
@@ -102,15 +103,14 @@ int cmd_resample(int argc, char** argv) {
   session::Job job;
   int32_t code = 0;
   int status = run_job(
-      job, [&] { return tools::start_resample(job, in, out, rate, bits, channels, quality); }, code);
-  if (code == tools::RESAMPLE_SAME_FILE) {
-    std::fprintf(stderr, "%s: 入力と出力で同じ名前は使えません\n", session::CAPTION);
+      job, [&] { return session::start_resample(job, in, out, rate, bits, channels, quality); }, code);
+  if (code == format::ERR_SAME_FILE) {
+    report(code);
     return 2;
   }
   if (status == -1 || status == 1) {
     if (status == 1) code = job.code;
-    const char* text = tools::wave_code_text(code);
-    session::message_box(session::CAPTION_ERROR, text ? text : (status == -1 ? "ファイルオープンに失敗" : "error"));
+    report(code != 0 ? code : session::TEXT_OPEN_FAILED, out);
     return 1;
   }
   return status;

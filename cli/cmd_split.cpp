@@ -8,6 +8,7 @@
 #include "cli/console.h"
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 #include "tools/split.h"
 
 namespace cli {
@@ -36,21 +37,17 @@ int cmd_split(int argc, char** argv) {
   session::Job job;
   int32_t code = 0;
   int status = run_job(
-      job, [&] { return tools::start_split(job, in, out); }, code);
-  if (code == session::START_SAME_FILE) {
-    std::fprintf(stderr, "%s: 入力と出力で同じ名前は使えません\n", session::CAPTION);
+      job, [&] { return session::start_split(job, in, out); }, code);
+  if (code == format::ERR_SAME_FILE) {
+    report(code);
     return 2;
   }
   if (status == -1) {
-    if (code == session::START_NO_INPUT || code == session::START_NO_OUTPUT)
-      std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, code == session::START_NO_INPUT ? in : out);
-    else
-      std::fprintf(stderr, "%s: error\n", session::CAPTION);
+    report(code, code == format::ERR_OPEN_INPUT ? in : out);
     return 1;
   }
   if (status == 1) {
-    const char* text = tools::split_result_text(job.code);
-    session::message_box(session::CAPTION_ERROR, text ? text : "error");
+    report(job.code);
   }
   return status;
 }

@@ -10,6 +10,7 @@
 #include "cli/console.h"
 #include "library/id3.h"
 #include "library/settings.h"
+#include "session/message_text.h"
 #include "session/messages.h"
 #include "session/session.h"
 #include "session/stream.h"
@@ -144,7 +145,7 @@ int cmd_tag(int argc, char** argv) {
   install_console(0);
   session::reader.file = std::fopen(path, "rb");
   if (!session::reader.file) {
-    std::fprintf(stderr, "%s: '%s'が開けない\n", session::CAPTION, path);
+    report(format::ERR_OPEN_INPUT, path);
     return 1;
   }
   session::reset_decoding();
@@ -183,8 +184,8 @@ int cmd_tag(int argc, char** argv) {
     if (genre) f.genre = genre_index < 0 ? "" : library::genre_table[genre_index];
     code = library::save_form(path, f, no_genre_value, false);
   }
-  if (code != library::TAG_OK) {
-    std::fprintf(stderr, "tovra-cli tag: '%s': %s\n", path, library::tag_result_text(code));
+  if (code != format::ERR_OK) {
+    std::fprintf(stderr, "tovra-cli tag: '%s': %s\n", path, session::message_text(code).c_str());
     return 1;
   }
   return 0;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <mutex>
 
+#include "session/message_text.h"
 #include "session/messages.h"
 #include "session/session.h"
 
@@ -40,17 +41,23 @@ void on_message(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, boo
   }
 }
 
-int32_t on_box(const char* caption, const char* text, int32_t kind) {
-  std::lock_guard<std::mutex> lock(print_lock);
-  if (bar_shown) std::fputs("\r\033[K", stderr);
-  bar_shown = false;
-  std::fprintf(stderr, "%s: %s\n", caption, text);
+int32_t on_box(int32_t code, const char* arg, int32_t kind) {
+  report(code, arg);
   console.boxes.fetch_add(1);
   // Nobody answers at a console: questions get the cautious answer.
   return kind == session::BOX_YES_NO ? session::ANSWER_NO : session::ANSWER_OK;
 }
 
 }  // namespace
+
+void report_text(int32_t code, const std::string& text) {
+  std::lock_guard<std::mutex> lock(print_lock);
+  if (bar_shown) std::fputs("\r\033[K", stderr);
+  bar_shown = false;
+  std::fprintf(stderr, "%s: %s\n", session::message_caption(code), text.c_str());
+}
+
+void report(int32_t code, const char* arg) { report_text(code, session::message_text(code, arg)); }
 
 void install_console(int64_t total) {
   console.total.store(total);

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <string>
 
 #include "session/job.h"
 
@@ -21,6 +22,11 @@ struct Console {
 };
 
 extern Console console;
+
+// Prints the message of code (format::Error or session::Text) as "CAPTION: text" on stderr, in the
+// user's language; report_text prints code's caption with a text already worded.
+void report(int32_t code, const char* arg = nullptr);
+void report_text(int32_t code, const std::string& text);
 
 // Installs the sink and opens the progress window (the job's messages go there).
 void install_console(int64_t total);

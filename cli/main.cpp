@@ -5,6 +5,7 @@
 #include "cli/commands.h"
 #include "cli/console.h"
 #include "decoder/decoder.h"
+#include "session/message_text.h"
 #include "session/platform.h"
 
 namespace {
@@ -46,6 +47,7 @@ const char* demo_playlist_path() { return TOVRA_DEMO_DIR "/demo.m3u"; }
 }  // namespace cli
 
 int main(int argc, char** argv) {
+  session::init_messages();
   if (argc < 2) {
     usage(stderr);
     return 2;

@@ -10,6 +10,7 @@ configure_file(${CMAKE_CURRENT_SOURCE_DIR}/resources/desktop/org.tovra.tovra.met
                ${TOVRA_GENERATED}/metainfo/org.tovra.tovra.metainfo.xml @ONLY)
 
 install(TARGETS tovra-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${TOVRA_MO} DESTINATION ${CMAKE_INSTALL_LOCALEDIR}/ja/LC_MESSAGES)
 install(FILES ${TOVRA_GENERATED}/man/man1/tovra-cli.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES resources/completion/tovra-cli.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         RENAME tovra-cli)

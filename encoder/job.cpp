@@ -3,7 +3,6 @@
 #include <cstring>
 #include <memory>
 
-#include "session/messages.h"
 #include "tools/wave.h"
 
 namespace encoder {
@@ -81,32 +80,32 @@ int32_t encode_open(EncodeJob& job, const char* input_path, const char* output_p
   int32_t rate = 0, bits = 0, channels = 0;
   uint32_t data_size = 0;
   std::FILE* probe = std::fopen(input_path, "rb");
-  if (!probe) return ENCODE_NO_INPUT;
+  if (!probe) return format::ERR_OPEN_INPUT;
   uint8_t head[12] = {};
   const bool riff_wave = std::fread(head, 1, 12, probe) == 12 && std::memcmp(head, "RIFF", 4) == 0 &&
                          std::memcmp(head + 8, "WAVE", 4) == 0;
   std::fclose(probe);
   int32_t code = tools::open_wave_input(input_path, rate, bits, channels, data_size);
-  if (code == tools::WAVE_READ_ERROR) return ENCODE_NO_INPUT;
+  if (code == format::ERR_READ) return format::ERR_OPEN_INPUT;
   // A RIFF WAVE file the reader can't use (no "data" chunk, chunks that run off) is an invalid
   // WAVE file rather than no WAVE file at all.
-  if (code == tools::WAVE_NO_DATA || (code != tools::WAVE_OK && riff_wave)) return ENCODE_NO_DATA;
-  if (code != tools::WAVE_OK) return ENCODE_NOT_WAVE;
+  if (code == format::ERR_WAVE_NO_DATA || (code != format::ERR_OK && riff_wave)) return format::ERR_BAD_WAVE;
+  if (code != format::ERR_OK) return format::ERR_NOT_WAVE;
   auto fail = [&](int32_t result) {
     tools::close_wave_input();
     return result;
   };
-  if (channels != 1 && channels != 2) return fail(ENCODE_NOT_WAVE);
-  if (!set_sample_rate(params, rate)) return fail(ENCODE_NOT_WAVE);
-  if (data_size == 0) return fail(ENCODE_EMPTY);
+  if (channels != 1 && channels != 2) return fail(format::ERR_NOT_WAVE);
+  if (!set_sample_rate(params, rate)) return fail(format::ERR_NOT_WAVE);
+  if (data_size == 0) return fail(format::ERR_WAVE_EMPTY);
   if (channels == 1) params.mode = 3;
   params.bit_rate_index = bitrate_index(params.mpeg1, params.layer, kbps ? kbps : params.mpeg1 ? 192 : 96);
   job.channels = channels;
   job.downmix = channels == 2 && params.mode == 3;
   std::unique_ptr<EncoderState> state(new EncoderState);
-  if (encoder_init(*state, params) != ENCODER_OK) return fail(ENCODE_BAD_PARAMS);
+  if (encoder_init(*state, params) != ENCODER_OK) return fail(format::ERR_BAD_PARAMS);
   job.out = std::fopen(output_path, "wb");
-  if (!job.out) return fail(ENCODE_NO_OUTPUT);
+  if (!job.out) return fail(format::ERR_OPEN_OUTPUT);
   job.out_path = output_path;
   job.wave_header = wave_header;
   // An odd last byte of the data chunk is no whole sample frame and stays unread.
@@ -120,7 +119,7 @@ int32_t encode_open(EncodeJob& job, const char* input_path, const char* output_p
     std::fwrite(zeros, 1, size_t(wave_header_bytes(params)), job.out);
   }
   job.state = state.release();
-  return ENCODE_OK;
+  return format::ERR_OK;
 }
 
 int32_t read_pcm_frame(EncodeJob& job, int16_t (*pcm)[FRAME_SAMPLES_L2]) {
@@ -139,9 +138,7 @@ int32_t read_pcm_frame(EncodeJob& job, int16_t (*pcm)[FRAME_SAMPLES_L2]) {
   return take;
 }
 
-int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel) {
-  using namespace session;
-  constexpr auto relaxed = std::memory_order_relaxed;
+int32_t run_encode_job(EncodeJob& job, const format::Work& work) {
   bool cancelled = false;
   std::unique_ptr<EncoderState> owned(job.state);  // freed on every path out
   EncoderState& s = *job.state;
@@ -150,13 +147,13 @@ int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel) {
   bool write_failed = false;
   const int64_t bytes_per_frame = job.frames_total ? job.bytes_total / job.frames_total : 1;
   for (int32_t got = read_pcm_frame(job, pcm); got > 0; got = read_pcm_frame(job, pcm)) {
-    if (cancel.load(relaxed)) {
+    if (work.cancelled()) {
       cancelled = true;
       break;
     }
     if (job.frames_written % 4 == 0) {
       int64_t left = (job.frames_total - job.frames_read) * bytes_per_frame;
-      post_message(WINDOW_PROGRESS, MSG_PROGRESS_ENCODE, left, job.bytes_total);
+      work.report(left, job.bytes_total);
     }
     int32_t n = encode_frame(s, pcm, frame);
     if (std::fwrite(frame, 1, size_t(n), job.out) != size_t(n)) {
@@ -173,41 +170,20 @@ int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel) {
     if (std::fwrite(frame, 1, size_t(n), job.out) != size_t(n)) write_failed = true;
     job.stream_bytes += n;
   }
-  int32_t result = cancelled ? JOB_END_CANCELLED : write_failed ? JOB_END_FAILED : JOB_END_DONE;
-  if (result == JOB_END_DONE && job.wave_header) {
+  int32_t result = cancelled ? format::WORK_CANCELLED : write_failed ? format::ERR_WRITE : format::ERR_OK;
+  if (result == format::ERR_OK && job.wave_header) {
     uint8_t header[MPEG_WAVE_HEADER_BYTES];
     const size_t size = size_t(wave_header_bytes(s.params));
     make_mpeg_wave_header(header, s, job.stream_bytes, job.frames_written);
-    if (std::fseek(job.out, 0, SEEK_SET) != 0 || std::fwrite(header, 1, size, job.out) != size) result = JOB_END_FAILED;
+    if (std::fseek(job.out, 0, SEEK_SET) != 0 || std::fwrite(header, 1, size, job.out) != size)
+      result = format::ERR_WRITE;
   }
-  if (std::fclose(job.out) != 0 && result == JOB_END_DONE) result = JOB_END_FAILED;
+  if (std::fclose(job.out) != 0 && result == format::ERR_OK) result = format::ERR_WRITE;
   job.out = nullptr;
   tools::close_wave_input();
   job.state = nullptr;
-  if (result == JOB_END_DONE) {
-    post_message(WINDOW_PROGRESS, MSG_PROGRESS_ENCODE, 0, job.bytes_total);
-    post_message(WINDOW_PROGRESS, MSG_PROGRESS_STATUS, 0, 0);
-    post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
-  }
+  if (result == format::ERR_OK) work.report(0, job.bytes_total);
   return result;
-}
-
-namespace {
-
-int32_t encoder_thread(session::Job& job) { return run_encode_job(*static_cast<EncodeJob*>(job.context), job.cancel); }
-
-}  // namespace
-
-int32_t encoder_start(session::Job& job, EncodeJob& enc, const char* input_path, const char* output_path,
-                      EncoderParams params, int32_t kbps, bool wave_header) {
-  if (job.busy.load(std::memory_order_acquire)) return ENCODE_BUSY;
-  if (session::same_file(input_path, output_path)) return ENCODE_SAME_FILE;
-  session::wait_job(job);  // a finished job's thread still holds the WAVE reader until joined
-  int32_t code = encode_open(enc, input_path, output_path, params, kbps, wave_header);
-  if (code != ENCODE_OK) return code;
-  job.context = &enc;
-  session::start_job(job, encoder_thread, output_path);
-  return ENCODE_OK;
 }
 
 }  // namespace encoder

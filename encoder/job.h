@@ -1,12 +1,10 @@
 // One encode job: a PCM WAVE file in, an MPEG audio file out, optionally inside a RIFF WAVE file
 // (format tag 80 for Layers I and II, 85 for Layer III).
 //
-// Threads: encoder_start runs on the caller's thread, opens both files and starts the job on the
-// job runner (session/job.h); from then on the job's thread owns them. It reads the job's Cancel
-// word once per frame (a Cancel takes effect at the head of the next frame) and posts
-// MSG_PROGRESS_ENCODE (data bytes left, in all) to the progress window every fourth frame and at
-// the end, then MSG_PROGRESS_STATUS (0, 0) and MSG_PROGRESS_END. A cancelled job posts nothing;
-// the runner removes its output unless "Leave" is set, and the output of a failed one.
+// Threads: encode_open runs on the caller's thread and opens both files; run_encode_job then owns
+// them on whatever thread runs it (the session runs it as a job). It reads the Cancel word of its
+// format::Work once per frame (a Cancel takes effect at the head of the next frame) and reports
+// progress (data bytes left, in all) every fourth frame and, after a successful end, (0, in all).
 #pragma once
 
 #include <cstdint>
@@ -14,22 +12,10 @@
 #include <string>
 
 #include "encoder/encoder.h"
-#include "session/job.h"
+#include "format/errors.h"
+#include "format/work.h"
 
 namespace encoder {
-
-// encode_open results; the front end words them.
-enum EncodeOpenCode : int32_t {
-  ENCODE_OK = 0,
-  ENCODE_NO_INPUT = 1,    // input cannot be opened
-  ENCODE_NO_OUTPUT = 2,   // output cannot be created
-  ENCODE_NOT_WAVE = 3,    // not a WAVE file, or a sample format, rate or channel count the encoder can't take
-  ENCODE_NO_DATA = 4,     // RIFF WAVE, but no usable "data" chunk
-  ENCODE_EMPTY = 6,       // "data" chunk of length 0
-  ENCODE_BAD_PARAMS = 7,  // parameters refused by encoder_init (layer, rate, mode pairing)
-  ENCODE_BUSY = 8,        // the job still runs
-  ENCODE_SAME_FILE = 9,   // the output would overwrite the input
-};
 
 // Size of the RIFF WAVE wrapper written ahead of the stream when asked: "RIFF", "fmt " with the
 // 40-byte MPEG-1 wave format (22 bytes beyond the common 18), "fact" and the "data" head.
@@ -60,13 +46,9 @@ struct EncodeJob {
 // creates the output. On failure nothing stays open and no output is left.
 int32_t encode_open(EncodeJob& job, const char* input_path, const char* output_path, EncoderParams params, int32_t kbps,
                     bool wave_header);
-// Opens the job (encode_open) and starts it on the runner with enc as its context; enc must live
-// until the job has ended. Returns an EncodeOpenCode; on anything but ENCODE_OK nothing runs.
-int32_t encoder_start(session::Job& job, EncodeJob& enc, const char* input_path, const char* output_path,
-                      EncoderParams params, int32_t kbps, bool wave_header);
 // The frame loop to the end of input or to cancel, then the closing (the WAVE wrapper when asked).
-// Frees the encoder state and closes both files. Returns a session::JobEnd.
-int32_t run_encode_job(EncodeJob& job, const std::atomic<int32_t>& cancel);
+// Frees the encoder state and closes both files. Returns ERR_OK, ERR_WRITE or WORK_CANCELLED.
+int32_t run_encode_job(EncodeJob& job, const format::Work& work);
 
 // Fills pcm with the next frame of the input (samples per channel of the job's layer), zero beyond
 // the data. Returns the sample frames taken from the input, 0 at its end.

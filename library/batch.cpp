@@ -180,15 +180,6 @@ int32_t batch_remaining_minutes(int64_t elapsed_seconds, int64_t units_total, in
   return int32_t(elapsed_seconds * (units_total - units_done) / units_done / 60 + 1);
 }
 
-std::string batch_remaining_caption(int32_t index, int32_t total, int32_t minutes) {
-  char text[96];
-  if (minutes < 60)
-    std::snprintf(text, sizeof text, "[%d/%d]  残り %d 分", index + 1, total, minutes);
-  else
-    std::snprintf(text, sizeof text, "[%d/%d]  残り %d 時間 %d 分", index + 1, total, minutes / 60, minutes % 60);
-  return text;
-}
-
 int32_t batch_decode_format(const BatchEntry& entry) {
   // From the end of the table down, by the first three letters: "au" matches "au" alone.
   for (int32_t f = 4; f >= 0; --f)
@@ -217,7 +208,7 @@ void batch_resample_params(const BatchEntry& entry, int32_t& rate, int32_t& bits
 
 bool probe_wave(const char* path, int32_t& rate, int32_t& bits, int32_t& channels, uint32_t& data_size) {
   tools::WaveHeader h;
-  if (tools::probe_wave_file(path, h) != tools::WAVE_OK) return false;
+  if (tools::probe_wave_file(path, h) != format::ERR_OK) return false;
   rate = h.rate;
   // The tools work on 8 or 16-bit samples: wider sources come out in 16 bits by default.
   bits = h.bits == 8 ? 8 : 16;

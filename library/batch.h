@@ -79,7 +79,6 @@ std::string batch_running_caption(int32_t mode, int32_t index, int32_t total);
 // (bytes / 256) left in all and done of the current file. Minutes, at least 1; -1 before anything
 // is done.
 int32_t batch_remaining_minutes(int64_t elapsed_seconds, int64_t units_total, int64_t units_done);
-std::string batch_remaining_caption(int32_t index, int32_t total, int32_t minutes);
 
 // Reads a row back for its job. Decode: the format code 0-4 of the "Format" column. Resample: rate,
 // bits and channels behind the arrow, and the quality. Encode: layer, kbps, model, emphasis, the

@@ -174,33 +174,14 @@ std::string from_cp932(const std::string& bytes) {
   return out;
 }
 
-const char* tag_result_text(int32_t result) {
-  switch (result) {
-    case TAG_OK:
-      return "done";
-    case TAG_NONE:
-      return "the file has no tag";
-    case TAG_OPEN_FAILED:
-      return "the file cannot be opened for writing";
-    case TAG_WRAPPED:
-      return "the audio is inside a RIFF file, which cannot carry a tag";
-    case TAG_WRITE_FAILED:
-      return "the tag could not be written; the file is unchanged";
-    case TAG_TOO_SHORT:
-      return "the file has no tag to delete";
-    default:
-      return "unknown error";
-  }
-}
-
 int32_t read_tag(const char* path, Id3Record& r, int32_t no_genre_value) {
   std::FILE* f = std::fopen(path, "rb");
-  if (!f) return TAG_OPEN_FAILED;
+  if (!f) return format::ERR_TAG_OPEN;
   const bool got = std::fseek(f, -TAG_BYTES, SEEK_END) == 0 && std::fread(&r, 1, sizeof r, f) == sizeof r;
   std::fclose(f);
-  if (got && is_tag(r)) return TAG_OK;
+  if (got && is_tag(r)) return format::ERR_OK;
   clear_record(r, no_genre_value);
-  return TAG_NONE;
+  return format::ERR_NO_TAG;
 }
 
 namespace {
@@ -212,10 +193,10 @@ bool read_exact(int fd, void* to, size_t n, off_t at) { return pread(fd, to, n, 
 int32_t open_for_tag(const char* path, int& fd, off_t& size) {
   fd = open(path, O_RDWR | O_CLOEXEC);
   struct stat st;
-  if (fd < 0) return TAG_OPEN_FAILED;
+  if (fd < 0) return format::ERR_TAG_OPEN;
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     close(fd);
-    return TAG_OPEN_FAILED;
+    return format::ERR_TAG_OPEN;
   }
   size = st.st_size;
   char head[4] = {};
@@ -224,9 +205,9 @@ int32_t open_for_tag(const char* path, int& fd, off_t& size) {
   if ((read_exact(fd, head, 4, 0) && std::memcmp(head, "RIFF", 4) == 0) || kind == 1 || kind == 2 ||
       kind == session::STREAM_NO_DATA) {
     close(fd);
-    return TAG_WRAPPED;
+    return format::ERR_TAG_WRAPPED;
   }
-  return TAG_OK;
+  return format::ERR_OK;
 }
 
 bool tag_at_tail(int fd, off_t size, Id3Record& old) {
@@ -238,7 +219,7 @@ bool tag_at_tail(int fd, off_t size, Id3Record& old) {
 int32_t write_tag(const char* path, const Id3Record& r) {
   int fd = -1;
   off_t size = 0;
-  if (const int32_t code = open_for_tag(path, fd, size); code != TAG_OK) return code;
+  if (const int32_t code = open_for_tag(path, fd, size); code != format::ERR_OK) return code;
   Id3Record tag = r;
   std::memcpy(tag.mark, "TAG", 3);
   Id3Record old;
@@ -260,18 +241,18 @@ int32_t write_tag(const char* path, const Id3Record& r) {
     fsync(fd);
   }
   if (close(fd) != 0) ok = false;
-  return ok ? TAG_OK : TAG_WRITE_FAILED;
+  return ok ? format::ERR_OK : format::ERR_TAG_WRITE;
 }
 
 int32_t delete_tag(const char* path) {
   int fd = -1;
   off_t size = 0;
-  if (const int32_t code = open_for_tag(path, fd, size); code != TAG_OK) return code;
+  if (const int32_t code = open_for_tag(path, fd, size); code != format::ERR_OK) return code;
   // The file's own tail decides, not a record read earlier: only a tag is ever cut off.
   Id3Record old;
-  int32_t code = TAG_TOO_SHORT;
+  int32_t code = format::ERR_NO_TAG_TO_DELETE;
   if (tag_at_tail(fd, size, old))
-    code = ftruncate(fd, size - TAG_BYTES) == 0 && fsync(fd) == 0 ? TAG_OK : TAG_WRITE_FAILED;
+    code = ftruncate(fd, size - TAG_BYTES) == 0 && fsync(fd) == 0 ? format::ERR_OK : format::ERR_TAG_WRITE;
   close(fd);
   return code;
 }
@@ -279,20 +260,20 @@ int32_t delete_tag(const char* path) {
 int32_t save_form(const char* path, const TagForm& f, int32_t no_genre_value, bool is_current) {
   const Id3Record r = record_from_form(f, no_genre_value);
   const int32_t code = write_tag(path, r);
-  if (code != TAG_OK) return code;
+  if (code != format::ERR_OK) return code;
   previous_tag = r;
   if (is_current) std::memcpy(session::stream.tag_buffer, &r, TAG_BYTES);
-  return TAG_OK;
+  return format::ERR_OK;
 }
 
 int32_t delete_form(const char* path, int32_t no_genre_value, bool is_current) {
   const int32_t code = delete_tag(path);
-  if (code != TAG_OK) return code;
+  if (code != format::ERR_OK) return code;
   Id3Record r;
   clear_record(r, no_genre_value);
   previous_tag = r;
   if (is_current) std::memcpy(session::stream.tag_buffer, &r, TAG_BYTES);
-  return TAG_OK;
+  return format::ERR_OK;
 }
 
 std::string info_group_title(int32_t n, int32_t count) {
@@ -371,7 +352,7 @@ std::string mpeg_info_text(const session::StreamInfo& s, const session::ProbeInf
 Id3View open_view(const char* path, int32_t n, int32_t count, int32_t j_idtag) {
   Id3View v;
   if (path && *path) {
-    v.can_delete = read_tag(path, v.record, no_genre(j_idtag)) == TAG_OK;
+    v.can_delete = read_tag(path, v.record, no_genre(j_idtag)) == format::ERR_OK;
     session::ProbeInfo probe{};
     const int32_t kind = session::probe_file(path, probe);
     // A stream the probe cannot read at its start (an ID3v2 tag in front, say) is still a bare

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <string>
 
+#include "format/errors.h"
 #include "session/session.h"
 #include "session/stream.h"
 
@@ -68,19 +69,8 @@ size_t to_cp932(const std::string& text, std::string& out);
 // Code page 932 to UTF-8; bytes that are no character come out as U+FFFD.
 std::string from_cp932(const std::string& bytes);
 
-enum TagResult : int32_t {
-  TAG_OK = 0,
-  TAG_NONE = 1,          // read: the file has no tag (the cleared record was given)
-  TAG_OPEN_FAILED = 2,   // cannot be opened (for writing: read-only, missing, a folder)
-  TAG_WRAPPED = 3,       // RIFF-wrapped audio: shown, never tagged
-  TAG_WRITE_FAILED = 4,  // the write or its check failed; the file is as it was
-  TAG_TOO_SHORT = 5,     // delete: the file holds no tag to delete
-};
-// English words for a result, for the command line.
-const char* tag_result_text(int32_t result);
-
-// Reads the last 128 bytes of path. TAG_OK with a tag; TAG_NONE with the cleared record in r;
-// TAG_OPEN_FAILED.
+// Reads the last 128 bytes of path. format::ERR_OK with a tag; format::ERR_NO_TAG with the cleared record in r;
+// format::ERR_TAG_OPEN.
 int32_t read_tag(const char* path, Id3Record& r, int32_t no_genre_value);
 // Puts r at the tail of path: over the present tag, or behind the audio when there is none. Only the
 // last 128 bytes change; the new bytes are read back and synced, and on any failure the old tag is

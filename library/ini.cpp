@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "format/errors.h"
 #include "session/messages.h"
 
 namespace library {
@@ -124,12 +125,7 @@ int32_t read_text_file(const char* path, std::string& text) {
   if (code == TEXT_OK) return TEXT_OK;
   text.clear();
   if (code != TEXT_MISSING) {
-    char message[PATH_MAX + 96];
-    std::snprintf(
-        message, sizeof message,
-        code == TEXT_TOO_LARGE ? "'%s' is larger than 1 MiB: not read" : "'%s' has a line longer than 4 KiB: not read",
-        path);
-    session::message_box(session::CAPTION_ERROR, message);
+    session::message_box(code == TEXT_TOO_LARGE ? format::ERR_TEXT_TOO_LARGE : format::ERR_LINE_TOO_LONG, path);
   }
   return code;
 }

@@ -12,6 +12,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include "library/playlist.h"
@@ -170,6 +171,16 @@ std::string home_folder() {
 void reset_settings() {
   settings = Settings{};
   options = session::OutputOptions{};
+}
+
+std::string executable_folder() {
+  char exe[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (n <= 0) return ".";
+  exe[n] = 0;
+  char* slash = std::strrchr(exe, '/');
+  if (slash) *slash = 0;
+  return exe;
 }
 
 std::string settings_file_path() {

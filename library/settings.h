@@ -100,6 +100,8 @@ struct StartupRecord {
   int32_t y = POSITION_DEFAULT;
 };
 
+// The folder of the running program (without a trailing slash), "." when it cannot be told.
+std::string executable_folder();
 // The settings file of this user and executable, as described above.
 std::string settings_file_path();
 // The default playlist that goes with a settings file: its path with the extension "m3u".

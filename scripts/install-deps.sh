@@ -9,7 +9,7 @@ packages=(
   libgtk-3-dev xvfb xauth xdotool imagemagick fonts-ipafont-gothic python3-pil
   mpg123 lame twolame sox ffmpeg hyperfine
   dbus-daemon playerctl desktop-file-utils appstream man-db
-  clang-format
+  clang-format gettext
 )
 missing=()
 for p in "${packages[@]}"; do

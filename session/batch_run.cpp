@@ -12,6 +12,7 @@
 
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 #include "tools/resample.h"
 
 namespace session {
@@ -89,14 +90,13 @@ int32_t run_in_process(BatchRun& run, int32_t row) {
       int32_t rate, bits, channels, quality;
       library::batch_resample_params(e, rate, bits, channels, quality);
       active_run.store(&run);
-      started = tools::start_resample(run.job, e.source.c_str(), e.target.c_str(), rate, bits, channels, quality);
+      started = session::start_resample(run.job, e.source.c_str(), e.target.c_str(), rate, bits, channels, quality);
     } else {
       int32_t kbps = 0;
       bool wave_header = false;
       encoder::EncoderParams p = batch_encode_params(e, kbps, wave_header);
-      started = encoder::encoder_start(run.job, run.enc, e.source.c_str(), e.target.c_str(), p, kbps, wave_header);
-      if (started == encoder::ENCODE_NOT_WAVE) message_box(CAPTION, "WAVEファイルではない");
-      if (started == encoder::ENCODE_NO_DATA) message_box(CAPTION, "不正なWAVEファイル");
+      started = session::start_encode(run.job, run.enc, e.source.c_str(), e.target.c_str(), p, kbps, wave_header);
+      if (started == format::ERR_NOT_WAVE || started == format::ERR_BAD_WAVE) message_box(started);
       if (started == 0) post_state(JOB_STARTED, row);
     }
   }
@@ -145,12 +145,12 @@ void on_child_interrupt(int) {
   } else if (mode == library::BATCH_RESAMPLE) {
     int32_t rate, bits, channels, quality;
     library::batch_resample_params(e, rate, bits, channels, quality);
-    started = tools::start_resample(job, e.source.c_str(), e.target.c_str(), rate, bits, channels, quality);
+    started = session::start_resample(job, e.source.c_str(), e.target.c_str(), rate, bits, channels, quality);
   } else {
     int32_t kbps = 0;
     bool wave_header = false;
     encoder::EncoderParams p = batch_encode_params(e, kbps, wave_header);
-    started = encoder::encoder_start(job, enc, e.source.c_str(), e.target.c_str(), p, kbps, wave_header);
+    started = session::start_encode(job, enc, e.source.c_str(), e.target.c_str(), p, kbps, wave_header);
   }
   if (started != 0) _exit(1);
   wait_job(job);
@@ -223,7 +223,7 @@ int32_t worker(Job& job) {
 }  // namespace
 
 int32_t start_batch(BatchRun& run) {
-  if (run.worker.busy.load(std::memory_order_acquire)) return JOB_BUSY;
+  if (run.worker.busy.load(std::memory_order_acquire)) return format::ERR_BUSY;
   wait_job(run.worker);
   run.cancel_all.store(0, relaxed);
   run.cancelled_rows.clear();
@@ -293,13 +293,9 @@ int32_t batch_fetch_job(int32_t index, std::string& in_path, std::string& out_pa
   return library::batch_decode_format(e);
 }
 
-}  // namespace session
-
-namespace tools {
-
 int32_t next_resample_job(std::string& in, std::string& out, int32_t& rate, int32_t& bits, int32_t& channels,
                           int32_t& quality, int32_t row) {
-  session::BatchRun* run = session::active_run.load();
+  BatchRun* run = active_run.load();
   if (!run) return 0;
   std::lock_guard<std::mutex> hold(run->lock);
   if (row >= int32_t(run->list->entries.size()) || run->cancel_all.load(std::memory_order_relaxed)) return 0;
@@ -308,8 +304,8 @@ int32_t next_resample_job(std::string& in, std::string& out, int32_t& rate, int3
   in = e.source;
   out = e.target;
   library::batch_resample_params(e, rate, bits, channels, quality);
-  if (!session::row_ready(*run, row)) in.clear();  // passed over: the setup fails and the row is skipped
+  if (!row_ready(*run, row)) in.clear();  // passed over: the setup fails and the row is skipped
   return 1;
 }
 
-}  // namespace tools
+}  // namespace session

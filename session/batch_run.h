@@ -44,7 +44,7 @@ struct BatchRun {
 // emphasis, flags), the bit rate in kbit/s and the WAVE wrapper.
 encoder::EncoderParams batch_encode_params(const library::BatchEntry& e, int32_t& kbps, bool& wave_header);
 
-// Starts the worker over all rows of run.list. Returns 0, or JOB_BUSY while a batch runs.
+// Starts the worker over all rows of run.list. Returns 0, or format::ERR_BUSY while a batch runs.
 int32_t start_batch(BatchRun& run);
 // Cancels one row: the running one stops ("-break-"), the rest go on. A row not yet started is
 // passed over.

@@ -2,8 +2,6 @@
 // end, the code and the settled output.
 #include "session/job.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 
 #include "session/session.h"
@@ -28,7 +26,7 @@ Job::~Job() {
 }
 
 int32_t start_job(Job& job, JobBody body, const char* out_path) {
-  if (job.busy.load(std::memory_order_acquire)) return JOB_BUSY;
+  if (job.busy.load(std::memory_order_acquire)) return format::ERR_BUSY;
   wait_job(job);  // a finished job's thread
   job.cancel.store(0, std::memory_order_relaxed);
   job.end.store(JOB_END_DONE, std::memory_order_relaxed);
@@ -44,13 +42,8 @@ void wait_job(Job& job) {
 }
 
 void settle_output(const Job& job, int32_t end) {
-  if (end == JOB_END_FAILED || (end == JOB_END_CANCELLED && !options.leave)) tools::remove_partial_output(job.out_path.c_str());
-}
-
-bool same_file(const char* in_path, const char* out_path) {
-  struct stat in, out;
-  if (stat(in_path, &in) != 0 || stat(out_path, &out) != 0) return false;
-  return S_ISREG(in.st_mode) && in.st_dev == out.st_dev && in.st_ino == out.st_ino;
+  if (end == JOB_END_FAILED || (end == JOB_END_CANCELLED && !options.leave))
+    tools::remove_partial_output(job.out_path.c_str());
 }
 
 }  // namespace session

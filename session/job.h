@@ -16,6 +16,8 @@
 #include <string>
 #include <thread>
 
+#include "format/errors.h"
+
 namespace session {
 
 // How a job ended; the body returns one.
@@ -30,7 +32,7 @@ struct Job {
   std::atomic<int32_t> busy{0};    // 1 from a successful start until the output is settled
   std::atomic<int32_t> cancel{0};  // Cancel: any thread (a signal handler too) may set it
   std::atomic<int32_t> end{JOB_END_DONE};
-  int32_t code = 0;         // the body's own result (a WaveCode, a SplitResult, ...), read after the end
+  int32_t code = 0;         // the body's own result (a format::Error), read after the end
   std::string out_path;     // what to remove after a failed or cancelled end; the body may change it
   void* context = nullptr;  // the caller's state for the body
 
@@ -40,19 +42,12 @@ struct Job {
   ~Job();  // cancels and waits for a job still running
 };
 
-// start_job results (the tools' start functions pass them on).
-constexpr int32_t JOB_BUSY = 1;
-
-// Starts body on the job's thread with out_path to settle at its end. Returns 0 or JOB_BUSY.
+// Starts body on the job's thread with out_path to settle at its end. Returns 0 or format::ERR_BUSY.
 int32_t start_job(Job& job, JobBody body, const char* out_path);
 // Waits until the job's thread has ended (at once when none runs).
 void wait_job(Job& job);
 // Removes the job's output after an end as the runner does at the end: for batches between
 // entries.
 void settle_output(const Job& job, int32_t end);
-
-// Whether writing out_path would overwrite in_path: the same regular file by device and inode,
-// through any link. A path that does not exist yet is never the same.
-bool same_file(const char* in_path, const char* out_path);
 
 }  // namespace session

@@ -29,8 +29,8 @@ void send_message(int32_t window, int32_t msg, int64_t wparam, int64_t lparam) {
   if (window_open(window) && current_sink.message) current_sink.message(window, msg, wparam, lparam, true);
 }
 
-int32_t message_box(const char* caption, const char* text, int32_t kind) {
-  if (current_sink.box) return current_sink.box(caption, text, kind);
+int32_t message_box(int32_t code, const char* arg, int32_t kind) {
+  if (current_sink.box) return current_sink.box(code, arg, kind);
   return kind == BOX_YES_NO ? ANSWER_NO : ANSWER_OK;
 }
 

@@ -1,4 +1,4 @@
-// Numbered messages from job threads and sessions to the windows, and message boxes.
+// Numbered messages from job threads and sessions to the windows, and message boxes by code.
 //
 // A front end installs one Sink: the GTK program queues messages to its main loop (posted ones in
 // order; a sent one runs on the main thread before the sender goes on), tovra-cli turns them into a
@@ -48,16 +48,12 @@ enum BatchJobState : int32_t {
 enum BoxKind : int32_t { BOX_OK = 0, BOX_OK_CANCEL = 1, BOX_YES_NO = 4 };
 enum BoxAnswer : int32_t { ANSWER_OK = 1, ANSWER_CANCEL = 2, ANSWER_YES = 6, ANSWER_NO = 7 };
 
-// The system's captions.
-inline constexpr const char* CAPTION = "TOVRA";
-inline constexpr const char* CAPTION_ERROR = "TOVRA Error";
-inline constexpr const char* CAPTION_INFORMATION = "TOVRA Information";
-
 struct Sink {
   // Called on the poster's thread; sent is true for send_message.
   void (*message)(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, bool sent) = nullptr;
-  // Shows a message box (caption and text are UTF-8) and returns its BoxAnswer.
-  int32_t (*box)(const char* caption, const char* text, int32_t kind) = nullptr;
+  // Shows the message box of code (a format::Error or a session::Text) with its argument (a path,
+  // or nullptr), worded through session/message_text.h, and returns its BoxAnswer.
+  int32_t (*box)(int32_t code, const char* arg, int32_t kind) = nullptr;
 };
 
 // Installs the front end's sink (main thread, before any job starts).
@@ -69,6 +65,6 @@ bool window_open(int32_t window);
 void post_message(int32_t window, int32_t msg, int64_t wparam = 0, int64_t lparam = 0);
 void send_message(int32_t window, int32_t msg, int64_t wparam = 0, int64_t lparam = 0);
 // Without a sink the box is not shown and the answer is ANSWER_OK (or ANSWER_NO for questions).
-int32_t message_box(const char* caption, const char* text, int32_t kind = BOX_OK);
+int32_t message_box(int32_t code, const char* arg = nullptr, int32_t kind = BOX_OK);
 
 }  // namespace session

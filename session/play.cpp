@@ -107,9 +107,9 @@ void close_input() {
 
 // The device refused to open: the message, and the session stops with the playlist position kept.
 void report_device_error(int32_t error) {
-  char text[64];
-  std::snprintf(text, sizeof text, "WAVEデバイスエラー (%d)", error);
-  message_box("Error", text);
+  char number[16];
+  std::snprintf(number, sizeof number, "%d", error);
+  message_box(format::ERR_DEVICE, number);
   state.decoder_command.store(CMD_STOP, relaxed);
 }
 
@@ -229,7 +229,7 @@ TrackEnd play_frames(const Life& life) {
     }
     if (decoded != decoder::DECODE_OK) {
       if (!life.live()) return TRACK_ABANDONED;
-      message_box("Error", "エラー発生");
+      message_box(format::ERR_DECODE);
       return TRACK_STOPPED;
     }
     ++frame;
@@ -239,17 +239,14 @@ TrackEnd play_frames(const Life& life) {
 // Opens path as the next track. An entry that will not open or holds no MPEG audio is reported
 // (the list goes on without it; it stays in the list, which is the main thread's to edit).
 bool open_entry(const char* path) {
-  char text[library::ENTRY_BYTES + 64];
   reader.file = std::fopen(path, "rb");
   if (!reader.file) {
-    std::snprintf(text, sizeof text, "'%s'が開けない", path);
-    message_box(CAPTION, text);
+    message_box(format::ERR_OPEN_INPUT, path);
     return false;
   }
   if (open_stream() != STREAM_OK) {
     close_input();
-    std::snprintf(text, sizeof text, "'%s' は MPEGｵｰﾃﾞｨｵ ではない", path);
-    message_box(CAPTION, text);
+    message_box(format::ERR_NOT_MPEG, path);
     return false;
   }
   return true;
@@ -276,9 +273,7 @@ bool open_next_entry() {
     const char* path = entry_path(next);
     if (is_url(path)) {
       // A URL in the list ends the session at that entry; it stays in the list.
-      char text[library::ENTRY_BYTES + 32];
-      std::snprintf(text, sizeof text, "URL'%s'は使えない", path);
-      message_box(CAPTION, text);
+      message_box(format::ERR_URL, path);
       return false;
     }
     if (open_entry(path)) {
@@ -422,24 +417,24 @@ int32_t start_play() {
       state.file_job_active.load(relaxed)) {
     if (state.paused.load(relaxed)) {
       output::toggle_pause();
-      return START_OK;
+      return format::ERR_OK;
     }
-    return START_BUSY;
+    return format::ERR_BUSY;
   }
   // A running file job is looked at before the decoder state is cleared, not after: clearing it
   // under a job that is just starting would spoil that job's output.
-  if (state.file_job_idle.load(relaxed) == 0) return START_OK;
+  if (state.file_job_idle.load(relaxed) == 0) return format::ERR_OK;
   // The last session's thread has cleared decoder_running: it is at its end, or already gone.
   if (play_thread_object.joinable()) play_thread_object.join();
   reset_decoding();
 
   const char* path = entry_path(library::playlist.current_entry.load(relaxed));
-  if (is_url(path)) return START_URL;  // nothing is opened: there is no network code
+  if (is_url(path)) return format::ERR_URL;  // nothing is opened: there is no network code
   reader.file = std::fopen(path, "rb");
-  if (!reader.file) return START_NO_INPUT;
+  if (!reader.file) return format::ERR_OPEN_INPUT;
   if (open_stream() != STREAM_OK) {
     close_input();
-    return START_OPEN_FAILED;
+    return format::ERR_STREAM_REFUSED;
   }
   publish_stream();
   if (options.powersave) preread_file(reader.file);
@@ -457,7 +452,7 @@ int32_t start_play() {
   if (!output::session_link.command)
     output::session_link = {&state.decoder_command, &state.paused, play_thread_abandoned};
   play_thread_object = std::thread(play_thread_main, play_generation.load(relaxed));
-  return START_OK;
+  return format::ERR_OK;
 }
 
 void join_finished_play_thread() {

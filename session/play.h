@@ -60,9 +60,9 @@ bool is_url(const char* path);
 // physical memory; the position is kept.
 void preread_file(std::FILE* file);
 
-// Starts playing playlist entry current_entry. Returns START_OK (started, a paused session resumed,
-// or a file job runs and nothing was done), START_BUSY (a session is playing), START_NO_INPUT,
-// START_URL or START_OPEN_FAILED.
+// Starts playing playlist entry current_entry. Returns format::ERR_OK (started, a paused session resumed,
+// or a file job runs and nothing was done), format::ERR_BUSY (a session is playing), format::ERR_OPEN_INPUT,
+// format::ERR_URL or format::ERR_STREAM_REFUSED.
 int32_t start_play();
 
 // Calls from the session to the window; all optional.

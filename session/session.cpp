@@ -17,6 +17,7 @@
 #include "session/platform.h"
 #include "session/stream.h"
 #include "session/writers.h"
+#include "tools/wave.h"
 
 namespace session {
 
@@ -115,14 +116,14 @@ int32_t end_thread(Job& job, int32_t end) {
   state.file_job_active.store(0, relaxed);
   state.decoder_command.store(CMD_STOP, relaxed);
   if (end == JOB_END_DONE && state.write_failed.load(relaxed)) {
-    job.code = FILE_JOB_WRITE_FAILED;
+    job.code = format::ERR_WRITE;
     end = JOB_END_FAILED;
   }
   return end;
 }
 
 void fatal_decode_error(bool in_batch, int32_t job_index) {
-  message_box("Error", "エラー発生 - 中断します");
+  message_box(format::ERR_DECODE_ABORTED);
   post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
   if (in_batch) {
     post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_FAILED, job_index);
@@ -151,12 +152,12 @@ int32_t decode_file_thread(Job& job) {
     sampling_index = state.last_header.sampling_index;
     if (outcome == OUTCOME_FATAL) {
       fatal_decode_error(in_batch, job_index);
-      job.code = FILE_JOB_DECODE_ERROR;
+      job.code = format::ERR_DECODE_ABORTED;
       return end_thread(job, JOB_END_FAILED);
     }
     if (outcome == OUTCOME_DONE && frames == 0) {
       // Headers that looked like a stream and not one frame behind them: no audio, no file.
-      job.code = FILE_JOB_NO_AUDIO;
+      job.code = format::ERR_NOT_MPEG;
       if (!in_batch) {
         post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
         close_files();
@@ -182,7 +183,7 @@ int32_t decode_file_thread(Job& job) {
       int32_t format = batch_fetch_job(job_index, in_path, out_path);
       if (format == -1) continue;
       if (format < 0 || format > 4) break;
-      if (same_file(in_path.c_str(), out_path.c_str())) {
+      if (tools::same_file(in_path.c_str(), out_path.c_str())) {
         post_message(WINDOW_BATCH, MSG_BATCH_JOB_STATE, JOB_NOT_READABLE, job_index);
         continue;
       }
@@ -204,7 +205,7 @@ int32_t decode_file_thread(Job& job) {
       state.out_file = open_output(out_path.c_str());
       if (!state.out_file) {
         close_files();
-        message_box(CAPTION, "出力ファイルを作成できません");
+        message_box(format::ERR_CREATE_OUTPUT);
         more = false;
       }
     }
@@ -276,22 +277,22 @@ int32_t flush_decoding(int16_t* pcm) {
 }
 
 int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
-  if (job.busy.load(std::memory_order_acquire)) return START_BUSY;
-  if (same_file(in_path, out_path)) return START_SAME_FILE;
+  if (job.busy.load(std::memory_order_acquire)) return format::ERR_BUSY;
+  if (tools::same_file(in_path, out_path)) return format::ERR_SAME_FILE;
   wait_job(job);  // a finished job's thread still owns the files until it is joined
   reader.file = open_input(in_path);
-  if (!reader.file) return START_NO_INPUT;
+  if (!reader.file) return format::ERR_OPEN_INPUT;
   reset_decoding();
   // The input is known to be MPEG audio before the output is created: a file already standing at
   // out_path is not emptied for an input that turns out to be something else.
   if (open_stream() != STREAM_OK) {
     close_files();
-    return START_OPEN_FAILED;
+    return format::ERR_STREAM_REFUSED;
   }
   state.out_file = open_output(out_path);
   if (!state.out_file) {
     close_files();
-    return START_NO_OUTPUT;
+    return format::ERR_OPEN_OUTPUT;
   }
   publish_stream();
   decoding.channels = 0;
@@ -304,7 +305,7 @@ int32_t start_decode_file(Job& job, const char* in_path, const char* out_path) {
   // Marked busy before the thread runs, so that a play start is refused at once.
   state.file_job_idle.store(0, relaxed);
   start_job(job, decode_file_thread, out_path);
-  return START_OK;
+  return format::ERR_OK;
 }
 
 }  // namespace session

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "decoder/state.h"
+#include "format/errors.h"
 #include "session/frame_reader.h"
 #include "session/job.h"
 
@@ -80,26 +81,6 @@ struct StreamInfo {
 
 enum DecoderCommand : int32_t { CMD_RUN = 0, CMD_STOP = 1, CMD_JUMP = 2, CMD_FORWARD = 3, CMD_BACK = 4 };
 
-// start_decode_file results.
-enum StartCode : int32_t {
-  START_OK = 0,
-  START_BUSY = 1,
-  START_NO_INPUT = 2,
-  START_NO_OUTPUT = 3,
-  START_NOT_MPEG = 4,
-  START_URL = 5,
-  START_OPEN_FAILED = 6,
-  START_SAME_FILE = 7,  // the output would overwrite the input: nothing was opened
-};
-
-// A file job's job.code when it ends failed.
-enum FileJobCode : int32_t {
-  FILE_JOB_OK = 0,
-  FILE_JOB_NO_AUDIO = 1,
-  FILE_JOB_WRITE_FAILED = 2,
-  FILE_JOB_DECODE_ERROR = 3
-};
-
 // One synthesis variant per track.
 using decoder::SynthFn;
 // One shaper per track: moves a finished block of PCM (decoder::BLOCK_SAMPLES values) onwards.
@@ -158,10 +139,10 @@ int32_t decode_next_frame(const FrameHeader& header);
 int32_t flush_decoding(int16_t* pcm);
 
 // Starts a file job on job converting in_path to out_path in options.ext_filter's format.
-// Returns START_OK, START_BUSY, START_NO_INPUT, START_OPEN_FAILED, START_NO_OUTPUT or
-// START_SAME_FILE (checked in that order after busy and same file); a refused start creates and
-// touches no output file. The job ends failed (and its output is
-// removed) after a decode error, a write error or when no frame at all was decoded.
+// Returns format::ERR_OK, format::ERR_BUSY, format::ERR_OPEN_INPUT, format::ERR_STREAM_REFUSED, format::ERR_OPEN_OUTPUT
+// or format::ERR_SAME_FILE (checked in that order after busy and same file); a refused start creates and touches no
+// output file. The job ends failed (and its output is removed) after a decode error, a write error or when no frame at
+// all was decoded.
 int32_t start_decode_file(Job& job, const char* in_path, const char* out_path);
 
 // Hooks of the batch worker (session/batch_run.cpp). Fetches row index's paths and format; returns

@@ -230,21 +230,21 @@ void walk_rmp3_chunks(std::FILE* f, const Located& at) {
   std::fseek(f, add32(at.data_start, 12), SEEK_SET);
 }
 
-// The words of the first-frame failures that open_stream tells; the rest stay silent.
-const char* frame_failure_text(int32_t code) {
+// The first-frame failures that open_stream tells; the rest stay silent (0).
+int32_t frame_failure_error(int32_t code) {
   switch (code) {
     case FRAME_EOF_AFTER_SYNC:
-      return "読み込みエラー";
+      return format::ERR_STREAM_END;
     case FRAME_MPEG25:
-      return "MPEG 2.5(Fraunhofer format)フォーマットには対応していません";
+      return format::ERR_MPEG25;
     case FRAME_FREE_FORMAT:
-      return "free format stream には対応していません";
+      return format::ERR_FREE_FORMAT;
     case FRAME_SYNC_ERROR:
-      return "SYNCエラー";
+      return format::ERR_SYNC;
     case FRAME_VIDEO:
-      return "ビデオストリームが入っているファイルはサポートしていません";
+      return format::ERR_VIDEO_STREAM;
     default:
-      return nullptr;
+      return 0;
   }
 }
 
@@ -350,7 +350,7 @@ int32_t open_stream() {
   FrameHeader h;
   int32_t code = read_frame(h);
   if (code != FRAME_OK && code != FRAME_LAYER1) {
-    if (const char* text = frame_failure_text(code)) message_box(CAPTION_INFORMATION, text);
+    if (int32_t error = frame_failure_error(code)) message_box(error);
     return -1;
   }
   const int32_t first_at = int32_t(std::ftell(f)) - 4;

@@ -11,6 +11,7 @@
 
 #include "library/playlist.h"
 #include "output/wave.h"
+#include "session/message_text.h"
 #include "session/messages.h"
 #include "session/play.h"
 #include "session/session.h"
@@ -45,7 +46,7 @@ int32_t mul_div(int32_t a, int32_t b, int32_t c) {
 }
 
 void stop_with_message() {
-  if (stop_play() == 0) message_box(CAPTION_ERROR, "タイムアウト");
+  if (stop_play() == 0) message_box(format::ERR_TIMEOUT);
 }
 
 // An entry that can't be played leaves the playlist: through the editor when it is open, so that
@@ -134,31 +135,23 @@ namespace {
 // Says why a start failed; removes the entry where the code asks for it. Returns true if removed.
 bool report_start_failure(int32_t code) {
   const char* path = library::playlist.entries[current()].path;
-  char text[library::ENTRY_BYTES + 64];
   bool remove = false;
   switch (code) {
-    case START_BUSY:
-      std::snprintf(text, sizeof text, "再生中");
+    case format::ERR_BUSY:
+      code = TEXT_PLAYING;
       break;
-    case START_NO_INPUT:
-      std::snprintf(text, sizeof text, "'%s'が開けない", path);
+    case format::ERR_OPEN_INPUT:
+    case format::ERR_NOT_MPEG:  // no start returns it today; the message stays for when one does
+    case format::ERR_URL:
       remove = true;
       break;
-    case START_NOT_MPEG:  // no start returns it today; the message stays for when one does
-      std::snprintf(text, sizeof text, "'%s' は MPEGｵｰﾃﾞｨｵ ではない", path);
-      remove = true;
-      break;
-    case START_URL:
-      std::snprintf(text, sizeof text, "URL'%s'は使えない", path);
-      remove = true;
-      break;
-    case START_OPEN_FAILED:
+    case format::ERR_STREAM_REFUSED:
       return false;  // open_stream has spoken for itself; the entry stays
     default:
-      std::snprintf(text, sizeof text, "error");
+      code = TEXT_ERROR;
       break;
   }
-  message_box(CAPTION, text);
+  message_box(code, remove ? path : nullptr);
   if (remove) remove_current_entry();
   return remove;
 }
@@ -182,14 +175,14 @@ void start_current(int32_t flags) {
   for (int32_t tries = entry_count(); tries > 0; --tries) {
     if (!library::slot_used(current())) break;
     int32_t code = start_play();
-    if (code == START_OK) {
+    if (code == format::ERR_OK) {
       if ((flags & START_NEW_TITLE) && play_hooks.restart_title_scroll) play_hooks.restart_title_scroll();
       return;
     }
     state.play_requested.store(0, relaxed);
     const int32_t index = current();
     const bool removed = report_start_failure(code);
-    if (code != START_NO_INPUT && code != START_NOT_MPEG && code != START_OPEN_FAILED) return;
+    if (code != format::ERR_OPEN_INPUT && code != format::ERR_NOT_MPEG && code != format::ERR_STREAM_REFUSED) return;
     // A removed entry's place is taken by the next one, unless it was the last.
     const int32_t next = removed ? index : index + 1;
     if ((removed && current() != index) || !library::slot_used(next)) return;

@@ -9,6 +9,7 @@
 #include "library/settings.h"
 #include "output/wave.h"
 #include "output/wave_device.h"
+#include "session/message_text.h"
 #include "session/messages.h"
 #include "session/platform.h"
 #include "session/session.h"
@@ -114,8 +115,7 @@ void run_wave_settings_dialog(GtkWindow* parent) {
     o.powersave = checked(ui, "c1062");
     gtk_widget_hide(dialog);
     // The play session took its copies at the track's start.
-    if (session::state.decoder_running.load())
-      show_box(session::CAPTION, "次回の再生から有効になります", session::BOX_OK);
+    if (session::state.decoder_running.load()) show_box(session::TEXT_NEXT_PLAY, nullptr, session::BOX_OK);
   }
   gtk_widget_destroy(dialog);
   g_object_unref(ui);

@@ -19,6 +19,7 @@
 #include "library/batch.h"
 #include "library/settings.h"
 #include "session/batch_run.h"
+#include "session/message_text.h"
 #include "session/messages.h"
 #include "session/session.h"
 #include "shell/convert_dialogs.h"
@@ -120,8 +121,7 @@ void scan_folder(const std::string& dir, const library::BatchChoices& c) {
 
 void load_list_file(const char* path) {
   if (library::read_batch_list(bw->list, path, choices()) < 0) {
-    std::string text = std::string("'") + path + "'が開けない";
-    show_box(session::CAPTION, text.c_str(), session::BOX_OK);
+    show_box(format::ERR_OPEN_INPUT, path, session::BOX_OK);
   }
 }
 
@@ -191,8 +191,7 @@ std::string choose(GtkFileChooserAction action, const char* title, const char* n
 void save_command() {
   std::string path = choose(GTK_FILE_CHOOSER_ACTION_SAVE, "EncodeList", library::BATCH_LIST_DEFAULT_NAME);
   if (!path.empty() && !library::write_batch_list(bw->list, path.c_str())) {
-    std::string text = std::string("'") + path + "'が開けない";
-    show_box(session::CAPTION, text.c_str(), session::BOX_OK);
+    show_box(format::ERR_OPEN_OUTPUT, path.c_str(), session::BOX_OK);
   }
 }
 
@@ -256,7 +255,16 @@ gboolean remaining_tick(gpointer) {
   int64_t elapsed =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - bw->started).count();
   int32_t minutes = library::batch_remaining_minutes(elapsed, bw->units_total, bw->units_done);
-  if (minutes > 0) set_caption(library::batch_remaining_caption(bw->job_index, bw->job_total, minutes));
+  if (minutes > 0) {
+    char text[128];
+    if (minutes < 60)
+      std::snprintf(text, sizeof text, session::message_format(session::TEXT_REMAINING_MINUTES), bw->job_index + 1,
+                    bw->job_total, minutes);
+    else
+      std::snprintf(text, sizeof text, session::message_format(session::TEXT_REMAINING_HOURS), bw->job_index + 1,
+                    bw->job_total, minutes / 60, minutes % 60);
+    set_caption(text);
+  }
   return G_SOURCE_CONTINUE;
 }
 
@@ -276,16 +284,15 @@ void start_command() {
   if (bw->running || bw->list.entries.empty()) return;
   bool again = std::any_of(bw->list.entries.begin(), bw->list.entries.end(),
                            [](const library::BatchEntry& e) { return e.status != library::STATUS_NONE; });
-  if (again && show_box(session::CAPTION, "もう一度処理しようとしています", session::BOX_YES_NO) != session::ANSWER_YES)
-    return;
+  if (again && show_box(session::TEXT_AGAIN, nullptr, session::BOX_YES_NO) != session::ANSWER_YES) return;
   if (session::state.decoder_command.load() == session::CMD_RUN) {
-    show_box(session::CAPTION, "再生中は変換できません", session::BOX_OK);
+    show_box(session::TEXT_NO_CONVERT_WHILE_PLAYING, nullptr, session::BOX_OK);
     return;
   }
   // With "Hold" the progress stays open after each file, so an encoding batch is started only on
   // a second word.
   if (bw->list.mode == library::BATCH_ENCODE && library::settings.hold &&
-      show_box(session::CAPTION, "バッチエンコードを開始します", session::BOX_OK_CANCEL) != session::ANSWER_OK)
+      show_box(session::TEXT_BATCH_ENCODE_START, nullptr, session::BOX_OK_CANCEL) != session::ANSWER_OK)
     return;
   for (library::BatchEntry& e : bw->list.entries) e.status = library::STATUS_NONE;
   refill();
@@ -302,7 +309,7 @@ void start_command() {
   if (session::start_batch(*bw->run) != 0) {
     delete bw->run;
     bw->run = nullptr;
-    show_box(session::CAPTION, "他の処理をしています", session::BOX_OK);
+    show_box(session::TEXT_BUSY_OTHER, nullptr, session::BOX_OK);
     return;
   }
   bw->running = true;
@@ -381,7 +388,7 @@ void on_header(GtkTreeViewColumn*, gpointer column) {
     std::string dir = choose(GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER, "Output folder", nullptr);
     if (!dir.empty()) out_dir(bw->list.mode) = dir;
   } else if (c == 1) {
-    if (show_box(session::CAPTION, "出力パスを初期化しますか？", session::BOX_YES_NO) == session::ANSWER_YES)
+    if (show_box(session::TEXT_RESET_OUTPUT_PATHS, nullptr, session::BOX_YES_NO) == session::ANSWER_YES)
       out_dir(bw->list.mode).clear();
   } else if (c == 2 && bw->list.mode == library::BATCH_DECODE && !bw->list.entries.empty()) {
     int32_t next = (library::batch_decode_format(bw->list.entries[0]) + 1) % 5;
@@ -410,10 +417,7 @@ void cancel_and_hide() {
 // window that is gone.
 void close_batch_window() {
   if (bw->running) {
-    if (show_box(session::CAPTION,
-                 "処理中のファイル及び残っているファイルの処理が\nすべて中止されますがよろしいですか？",
-                 session::BOX_YES_NO) != session::ANSWER_YES)
-      return;
+    if (show_box(session::TEXT_CANCEL_BATCH, nullptr, session::BOX_YES_NO) != session::ANSWER_YES) return;
   }
   if (!bw->running) return destroy_window();  // it may have ended during the question
   cancel_and_hide();
@@ -480,7 +484,7 @@ bool end_batch_window() {
 
 void open_batch_window(int32_t mode) {
   if (bw && bw->closing) {
-    show_box(session::CAPTION, "他の処理をしています", session::BOX_OK);
+    show_box(session::TEXT_BUSY_OTHER, nullptr, session::BOX_OK);
     return;
   }
   if (bw && !bw->running && bw->list.mode != mode) destroy_window();

@@ -11,6 +11,7 @@
 #include "library/settings.h"
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 #include "shell/dialogs.h"
 #include "tools/resample.h"
 #include "tools/split.h"
@@ -20,8 +21,6 @@ namespace shell {
 
 namespace {
 
-constexpr const char* BUSY_OTHER = "他の処理をしています";
-constexpr const char* SAME_NAME = "入力と出力で同じ名前は使えません";
 constexpr const char* ALL_FILES = "すべてのﾌｧｲﾙ (*.*)";
 
 struct Filter {
@@ -131,17 +130,11 @@ bool has_extension(const std::string& path, const char* ext) {
   return path.size() >= n && strcasecmp(path.c_str() + path.size() - n, ext) == 0;
 }
 
-void box(const char* text) { show_box(session::CAPTION, text, session::BOX_OK); }
-
-void box_path(const char* format, const std::string& path) {
-  char text[1200];
-  std::snprintf(text, sizeof text, format, path.c_str());
-  box(text);
-}
+void box(int32_t code, const std::string& arg = "") { show_box(code, arg.c_str(), session::BOX_OK); }
 
 bool busy() {
   if (!session::window_open(session::WINDOW_PROGRESS) && !session::window_open(session::WINDOW_BATCH)) return false;
-  box(BUSY_OTHER);
+  box(session::TEXT_BUSY_OTHER);
   return true;
 }
 
@@ -161,7 +154,7 @@ void progress_response(GtkDialog*, gint, gpointer) {
   if (!progress.cancelled && progress.job && progress.job->busy.load()) {
     progress.cancelled = true;
     progress.job->cancel.store(1);
-    if (hold()) box("変換を中断します");
+    if (hold()) box(session::TEXT_CONVERSION_STOPPED);
     session::wait_job(*progress.job);
   }
   close_progress();
@@ -184,7 +177,7 @@ void finished(const char* button, bool keep) {
 gboolean watch_end(gpointer dialog) {
   if (progress.dialog != dialog) return G_SOURCE_REMOVE;
   if (progress.job && progress.job->busy.load()) return G_SOURCE_CONTINUE;
-  if (!progress.cancelled) finished("変換終了", false);
+  if (!progress.cancelled) finished(session::message_format(session::TEXT_DONE), false);
   return G_SOURCE_REMOVE;
 }
 
@@ -224,7 +217,7 @@ std::string choose_output(GtkWindow* parent, const Filter* filters, int32_t coun
     int32_t index = 1;
     std::string out = choose(parent, true, filters, count, index, proposed);
     if (out.empty() || strcasecmp(in.c_str(), out.c_str()) != 0) return out;
-    box(SAME_NAME);
+    box(format::ERR_SAME_FILE);
   }
 }
 
@@ -252,15 +245,11 @@ void progress_message(int32_t msg, int64_t wparam, int64_t lparam) {
       gtk_label_set_text(GTK_LABEL(progress.text), text);
       break;
     case session::MSG_SPLIT_END: {
-      const char* said = wparam == 1   ? "読み込みエラー"
-                         : wparam == 4 ? "MPEGﾌｧｲﾙではない"
-                         : wparam == 5 ? "ビデオフレームにエラー"
-                         : wparam == 6 ? "オーディオフレームにエラー"
-                         : wparam == 7 ? "ビデオフレーム書込みエラー"
-                         : wparam == 8 ? "オーディオフレーム書込みエラー"
-                                       : "";
-      gtk_label_set_text(GTK_LABEL(progress.text), said);
-      finished("抽出完了", *said != 0);
+      // A split without audio packets (9) says nothing here: the button tells it ended.
+      const int32_t error = tools::split_end_error(int32_t(wparam));
+      const bool said = error != 0 && error != format::ERR_NO_AUDIO_FRAMES;
+      gtk_label_set_text(GTK_LABEL(progress.text), said ? session::message_text(error).c_str() : "");
+      finished(session::message_format(session::TEXT_SPLIT_DONE), said);
       break;
     }
     case session::MSG_RESAMPLE_PROGRESS:
@@ -270,8 +259,9 @@ void progress_message(int32_t msg, int64_t wparam, int64_t lparam) {
       gtk_label_set_text(GTK_LABEL(progress.text), text);
       break;
     case session::MSG_PROGRESS_STATUS: {
-      const char* said = tools::wave_code_text(int32_t(wparam));
-      gtk_label_set_text(GTK_LABEL(progress.text), said ? said : "");
+      // 0 is success and clears the text; the encoder posts it too.
+      const std::string said = wparam != 0 ? session::message_text(int32_t(wparam)) : std::string();
+      gtk_label_set_text(GTK_LABEL(progress.text), said.c_str());
       break;
     }
     case session::MSG_PROGRESS_ENCODE: {
@@ -282,7 +272,8 @@ void progress_message(int32_t msg, int64_t wparam, int64_t lparam) {
       int64_t elapsed =
           std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - progress.opened).count();
       int64_t minutes = done > 0 ? elapsed * wparam / done / 60 + 1 : 1;
-      std::snprintf(text, sizeof text, "encoding... %d%%  残り %d 分", int(done / (lparam / 100)), int(minutes));
+      std::snprintf(text, sizeof text, session::message_format(session::TEXT_ENCODING_PROGRESS),
+                    int(done / (lparam / 100)), int(minutes));
       gtk_label_set_text(GTK_LABEL(progress.text), text);
       break;
     }
@@ -290,7 +281,7 @@ void progress_message(int32_t msg, int64_t wparam, int64_t lparam) {
       gtk_widget_queue_draw(progress.dialog);
       break;
     case session::MSG_PROGRESS_END:
-      if (!progress.cancelled) finished("変換終了", false);
+      if (!progress.cancelled) finished(session::message_format(session::TEXT_DONE), false);
       break;
     default:
       break;
@@ -299,7 +290,7 @@ void progress_message(int32_t msg, int64_t wparam, int64_t lparam) {
 
 void convert_decode_file(session::Job& job, GtkWindow* parent, const char* given) {
   if (session::state.decoder_running.load()) {  // a play session holds the decoder
-    box("再生中は変換できません");
+    box(session::TEXT_NO_CONVERT_WHILE_PLAYING);
     return;
   }
   if (busy()) return;
@@ -314,26 +305,22 @@ void convert_decode_file(session::Job& job, GtkWindow* parent, const char* given
     // Raw is format 0; "all files" keeps the format chosen before.
     if (index <= 5) session::options.ext_filter = index == 5 ? 0 : index;
     if (strcasecmp(in.c_str(), out.c_str()) != 0) break;
-    box(SAME_NAME);
+    box(format::ERR_SAME_FILE);
   }
   int32_t started = session::start_decode_file(job, in.c_str(), out.c_str());
-  if (started == session::START_OK) {
+  if (started == format::ERR_OK) {
     session::StreamInfo info = session::published_stream();
     open_progress(job, parent, in);
     progress.layer = info.layer;
     progress.frames = info.frame_count;
     return;
   }
-  if (started == session::START_NO_INPUT)
-    box_path("'%s'が開けない", in);
-  else if (started == session::START_NO_OUTPUT)
-    box_path("'%s'が開けない", out);
-  else if (started == session::START_NOT_MPEG)
-    box_path("'%s' は MPEGｵｰﾃﾞｨｵ ではない", in);
-  else if (started == session::START_SAME_FILE)
-    box(SAME_NAME);
-  else if (started != session::START_OPEN_FAILED)
-    box("error");
+  if (started == format::ERR_OPEN_INPUT || started == format::ERR_NOT_MPEG)
+    box(started, in);
+  else if (started == format::ERR_OPEN_OUTPUT || started == format::ERR_SAME_FILE)
+    box(started, out);
+  else if (started != format::ERR_STREAM_REFUSED)
+    box(session::TEXT_ERROR);
 }
 
 void convert_split_file(session::Job& job, GtkWindow* parent) {
@@ -342,19 +329,17 @@ void convert_split_file(session::Job& job, GtkWindow* parent) {
   if (in.empty()) return;
   std::string out = choose_output(parent, save_extracted, 2, in, stem(in) + ".mpa");
   if (out.empty()) return;
-  int32_t started = tools::start_split(job, in.c_str(), out.c_str());
-  if (started == 0 || started == 1) {
+  int32_t started = session::start_split(job, in.c_str(), out.c_str());
+  if (started == format::ERR_OK || started == format::ERR_BUSY) {
     open_progress(job, parent, in);
     return;
   }
-  if (started == 2)
-    box_path("'%s'が開けない", in);
-  else if (started == 3)
-    box_path("'%s'が開けない", out);
-  else if (started == 7)
-    box(SAME_NAME);
+  if (started == format::ERR_OPEN_INPUT)
+    box(started, in);
+  else if (started == format::ERR_OPEN_OUTPUT || started == format::ERR_SAME_FILE)
+    box(started, out);
   else
-    box("error");
+    box(session::TEXT_ERROR);
 }
 
 void convert_encode_file(session::Job& job, GtkWindow* parent, const char* given) {
@@ -371,20 +356,16 @@ void convert_encode_file(session::Job& job, GtkWindow* parent, const char* given
   static encoder::EncodeJob enc;  // lives until the job has ended, as the job runner needs
   if (!job.busy.load()) enc = encoder::EncodeJob{};
   int32_t kbps = encoder::bitrate_kbps(p.mpeg1, p.layer, p.bit_rate_index);
-  int32_t started = encoder::encoder_start(job, enc, in.c_str(), out.c_str(), p, kbps, encode_choices.wave_header);
-  if (started == encoder::ENCODE_OK) return open_progress(job, parent, in);
-  if (started == encoder::ENCODE_NO_INPUT)
-    box_path("'%s'が開けない", in);
-  else if (started == encoder::ENCODE_NO_OUTPUT)
-    box_path("'%s'が開けない", out);
-  else if (started == encoder::ENCODE_NOT_WAVE)
-    box("WAVEファイルではない");
-  else if (started == encoder::ENCODE_NO_DATA)
-    box("不正なWAVEファイル");
-  else if (started == encoder::ENCODE_SAME_FILE)
-    box(SAME_NAME);
-  else if (started != encoder::ENCODE_EMPTY)
-    box("error");
+  int32_t started = session::start_encode(job, enc, in.c_str(), out.c_str(), p, kbps, encode_choices.wave_header);
+  if (started == format::ERR_OK) return open_progress(job, parent, in);
+  // An empty WAVE is refused without a word: the encoder had nothing to say about it.
+  if (started == format::ERR_WAVE_EMPTY) return;
+  if (started == format::ERR_OPEN_INPUT || started == format::ERR_OPEN_OUTPUT)
+    box(started, started == format::ERR_OPEN_INPUT ? in : out);
+  else if (started == format::ERR_NOT_WAVE || started == format::ERR_BAD_WAVE || started == format::ERR_SAME_FILE)
+    box(started);
+  else
+    box(session::TEXT_ERROR);
 }
 
 void convert_resample_file(session::Job& job, GtkWindow* parent) {
@@ -395,13 +376,13 @@ void convert_resample_file(session::Job& job, GtkWindow* parent) {
   if (!run_resample_dialog(parent, in.c_str(), c)) return;
   std::string out = choose_output(parent, save_resampled, 2, in, stem(in) + "_rs.wav");
   if (out.empty()) return;
-  int32_t started = tools::start_resample(job, in.c_str(), out.c_str(), c.rate, c.bits, c.channels, c.quality);
-  if (started == 0)
+  int32_t started = session::start_resample(job, in.c_str(), out.c_str(), c.rate, c.bits, c.channels, c.quality);
+  if (started == format::ERR_OK)
     open_progress(job, parent, in);
-  else if (started == tools::RESAMPLE_SAME_FILE)
-    box(SAME_NAME);
+  else if (started == format::ERR_SAME_FILE)
+    box(started);
   else
-    box("ファイルオープンに失敗");
+    box(session::TEXT_OPEN_FAILED);
 }
 
 }  // namespace shell

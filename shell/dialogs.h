@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "session/message_text.h"
+
 namespace shell {
 
 // 40009: opens the tag dialog on the current stream, or closes it when it is open.
@@ -35,7 +37,9 @@ void run_wave_settings_dialog(GtkWindow* parent);
 // What the main window shares with its dialogs: names in UTF-8 (bytes that are not UTF-8 are
 // read as code page 932), message boxes, and list files (".m3u", ".pl*") read from their folder.
 std::string to_utf8(const char* bytes);
-int32_t show_box(const char* caption, const char* text, int32_t kind);
+// Shows the box of code (format::Error or session::Text) with its argument, worded by the message
+// table; returns its session::BoxAnswer.
+int32_t show_box(int32_t code, const char* arg, int32_t kind);
 bool is_list_file(const char* path);
 void load_list(const char* path);
 // Dropped or chosen paths to the end of the playlist until it is full: a folder is scanned (with

@@ -30,7 +30,6 @@ struct Id3Dialog {
 Id3Dialog* dialog = nullptr;
 
 constexpr const char* FIELD_IDS[] = {"c1024", "c1025", "c1026", "c1027", "c1029"};
-constexpr const char* BAD_CHARACTER = "ID3タグに書けない文字があります: ";
 
 GtkWidget* control(const char* id) { return GTK_WIDGET(gtk_builder_get_object(dialog->ui, id)); }
 GtkEntry* genre_entry() { return GTK_ENTRY(gtk_bin_get_child(GTK_BIN(control("c1028")))); }
@@ -58,7 +57,7 @@ bool take_form(library::TagForm& f) {
     if (size_t bad = library::to_cp932(text, *form_field(f, i))) {
       const char* at = text.c_str() + bad - 1;
       std::string shown(at, g_utf8_next_char(at) - at);
-      show_box(session::CAPTION_ERROR, (BAD_CHARACTER + shown).c_str(), session::BOX_OK);
+      show_box(session::TEXT_BAD_ID3_CHARACTER, shown.c_str(), session::BOX_OK);
       gtk_widget_grab_focus(control(FIELD_IDS[i]));
       return false;
     }
@@ -105,14 +104,14 @@ void on_button(GtkButton* button, gpointer) {
   if (std::strcmp(id, "c1") == 0) {
     library::TagForm f;
     if (!take_form(f)) return;
-    if (int32_t r = library::save_form(dialog->path.c_str(), f, no_genre, current); r != library::TAG_OK) {
-      show_box(session::CAPTION_ERROR, library::tag_result_text(r), session::BOX_OK);
+    if (int32_t r = library::save_form(dialog->path.c_str(), f, no_genre, current); r != format::ERR_OK) {
+      show_box(r, nullptr, session::BOX_OK);
       return;  // the dialog stays open with what was typed
     }
     tag_changed(current);
     finish(library::ID3_EXIT_NEXT);
   } else if (std::strcmp(id, "c1030") == 0) {
-    if (library::delete_form(dialog->path.c_str(), no_genre, current) != library::TAG_OK) return;
+    if (library::delete_form(dialog->path.c_str(), no_genre, current) != format::ERR_OK) return;
     tag_changed(current);
     finish(library::ID3_EXIT_NEXT);
   } else if (std::strcmp(id, "c1032") == 0) {

@@ -80,7 +80,7 @@ RowText row_text(const char* path, int32_t mode) {
   if (mode != 1) return r;
   r.time = "----";
   library::Id3Record tag;
-  if (library::read_tag(path, tag, library::no_genre(cfg().j_idtag)) == library::TAG_OK) {
+  if (library::read_tag(path, tag, library::no_genre(cfg().j_idtag)) == format::ERR_OK) {
     library::TagForm f = library::form_from_record(tag);
     if (!f.title.empty()) r.title = library::from_cp932(f.title);
   }
@@ -271,7 +271,7 @@ void play_row(GtkTreeView*, GtkTreePath* path, GtkTreeViewColumn*, gpointer) {
   int32_t row = gtk_tree_path_get_indices(path)[0];
   if (!gtk_tree_selection_path_is_selected(editor->selection, path) || !library::slot_used(row)) return;
   if (session::stop_play() == 0) {
-    show_box(session::CAPTION_ERROR, "タイムアウト", session::BOX_OK);
+    show_box(format::ERR_TIMEOUT, nullptr, session::BOX_OK);
     return;
   }
   if (row == library::playlist.current_entry.load()) {
@@ -326,7 +326,7 @@ void save_command() {
   if (path.empty()) return;
   if (*library::split_path(path.c_str()).ext == 0) path += ".m3u";  // the default extension
   if (!library::write_playlist(path.c_str(), library::WRITE_RELATIVE))
-    show_box(session::CAPTION_ERROR, ("書き込めません: " + path).c_str(), session::BOX_OK);
+    show_box(session::TEXT_CANNOT_WRITE, path.c_str(), session::BOX_OK);
 }
 
 void set_marks() {

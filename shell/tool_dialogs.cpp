@@ -9,6 +9,7 @@
 #include <string>
 
 #include "encoder/encoder.h"
+#include "session/message_text.h"
 #include "session/messages.h"
 #include "shell/convert_dialogs.h"
 #include "shell/dialogs.h"
@@ -97,18 +98,13 @@ void layer_changed(GtkToggleButton* button, gpointer data) {
 }
 
 void refuse_encode(const WaveHead& h, int32_t errors) {
-  std::string text =
-      "変換するファイルは WAVE/PCM 16bit で周波数は\n48000Hz, 44100Hz, 32000Hz, 24000Hz, 22050Hz, "
-      "16000Hz\nのいづれかでなければいけません。\n\nTovra付属の HighQuality Resampling ツールで変換してください";
+  char line[200] = "";
   if ((errors & 7) == 0) {
     // A file that is WAVE at all is told what it is, with '*' at what the encoder can't take.
-    char format[200];
-    std::snprintf(format, sizeof format, "\n\n※このファイルのフォーマット：\nFormatID=%c%02xh/%c%dHz/%s/%c%dbit",
-                  errors & 8 ? '*' : ' ', h.tag, errors & 32 ? '*' : ' ', h.rate, channel_word(h.channels),
-                  errors & 16 ? '*' : ' ', h.bits);
-    text += format;
+    std::snprintf(line, sizeof line, session::message_format(session::TEXT_ENCODE_FORMAT_LINE), errors & 8 ? '*' : ' ',
+                  h.tag, errors & 32 ? '*' : ' ', h.rate, channel_word(h.channels), errors & 16 ? '*' : ' ', h.bits);
   }
-  show_box(session::CAPTION_ERROR, text.c_str(), session::BOX_OK);
+  show_box(session::TEXT_ENCODE_WAVE_ONLY, line, session::BOX_OK);
 }
 
 }  // namespace
@@ -211,14 +207,11 @@ int32_t run_resample_dialog(GtkWindow* parent, const char* path, ResampleChoices
   WaveHead h = read_head(path, size);
   if (!h.riff || !h.wave || !h.fmt) size = 0;
   if (size == 0 || h.tag != 1) {
-    std::string text = "変換するファイルは WAVE/PCM でなければいけません";
-    if (size != 0) {
-      char format[160];
-      std::snprintf(format, sizeof format, "\n\n※このファイルのフォーマット：\nFormatID=%02xh/%dHz/%s/%dbit", h.tag,
-                    h.rate, channel_word(h.channels), h.bits);
-      text += format;
-    }
-    show_box(session::CAPTION_ERROR, text.c_str(), session::BOX_OK);
+    char line[160] = "";
+    if (size != 0)
+      std::snprintf(line, sizeof line, session::message_format(session::TEXT_RESAMPLE_FORMAT_LINE), h.tag, h.rate,
+                    channel_word(h.channels), h.bits);
+    show_box(session::TEXT_RESAMPLE_PCM_ONLY, line, session::BOX_OK);
     return 0;
   }
   GtkBuilder* ui = gtk_builder_new_from_resource("/org/tovra/resample_dialog.ui");
@@ -263,7 +256,7 @@ int32_t run_resample_dialog(GtkWindow* parent, const char* path, ResampleChoices
     int32_t rate = text ? std::atoi(text) : 0;
     g_free(text);
     if (rate < MIN_RATE || rate > MAX_RATE) {
-      show_box(session::CAPTION, "サンプルレートは2000～96000で設定してください", session::BOX_OK);
+      show_box(format::ERR_RATE_RANGE, nullptr, session::BOX_OK);
       continue;
     }
     c.rate = rate;

@@ -52,9 +52,6 @@ constexpr auto relaxed = std::memory_order_relaxed;
 constexpr int32_t MSG_COMMAND = 273;
 constexpr int32_t MSG_TRAY = 1040;
 constexpr int32_t TRAY_MENU = 1041;
-constexpr const char* INIT_FAILED = "初期化に失敗しました";
-constexpr const char* STOP_TIMED_OUT_AT_EXIT = "タイムアウトです。強制終了します。";
-constexpr const char* BUSY_CONVERTING = "変換処理中ですが終了してもよろしいですか？";
 
 struct Main {
   GtkWidget* window = nullptr;
@@ -103,7 +100,8 @@ bool session_playing() { return session::state.decoder_command.load(relaxed) == 
 struct Queued {
   int32_t window, msg;
   int64_t wparam, lparam;
-  std::string box_caption, box_text;  // a box from another thread
+  int32_t box_code = 0;  // a box from another thread, with its argument
+  std::string box_arg;
   bool* done = nullptr;
 };
 std::mutex queue_lock;
@@ -125,8 +123,8 @@ gboolean drain_queue(gpointer) {
       q = std::move(queue.front());
       queue.pop_front();
     }
-    if (!q.box_text.empty())
-      show_box(q.box_caption.c_str(), q.box_text.c_str(), session::BOX_OK);
+    if (q.box_code != 0)
+      show_box(q.box_code, q.box_arg.c_str(), session::BOX_OK);
     else
       dispatch(q.window, q.msg, q.wparam, q.lparam);
     if (q.done) {
@@ -148,7 +146,7 @@ void enqueue(Queued q) {
 
 void sink_message(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, bool sent) {
   if (!sent) {
-    enqueue({window, msg, wparam, lparam, {}, {}, nullptr});
+    enqueue({window, msg, wparam, lparam, 0, {}, nullptr});
     return;
   }
   if (on_main_thread()) {
@@ -156,15 +154,15 @@ void sink_message(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, b
     return;
   }
   bool done = false;
-  enqueue({window, msg, wparam, lparam, {}, {}, &done});
+  enqueue({window, msg, wparam, lparam, 0, {}, &done});
   std::unique_lock<std::mutex> lock(queue_lock);
   queue_done.wait(lock, [&done] { return done; });
 }
 
 // A worker's box is shown by the main loop; the worker goes on (its boxes only inform).
-int32_t sink_box(const char* caption, const char* text, int32_t kind) {
-  if (on_main_thread()) return show_box(caption, text, kind);
-  enqueue({0, 0, 0, 0, caption, text, nullptr});
+int32_t sink_box(int32_t code, const char* arg, int32_t kind) {
+  if (on_main_thread()) return show_box(code, arg, kind);
+  enqueue({0, 0, 0, 0, code, arg ? arg : "", nullptr});
   return session::ANSWER_OK;
 }
 
@@ -561,7 +559,7 @@ void register_hot_key() {
 // ---- Commands --------------------------------------------------------------------------------------
 
 void stop_with_box() {
-  if (session::stop_play() == 0) show_box(session::CAPTION_ERROR, "タイムアウト", session::BOX_OK);
+  if (session::stop_play() == 0) show_box(format::ERR_TIMEOUT, nullptr, session::BOX_OK);
 }
 
 void to_or_from_tray() {
@@ -701,7 +699,7 @@ void load_files_command() {
   g_slist_free_full(files, g_free);
   library::reset_play_counts(0);
   if (session::stop_play() == 0) {
-    show_box(session::CAPTION_ERROR, "タイムアウト", session::BOX_OK);
+    show_box(format::ERR_TIMEOUT, nullptr, session::BOX_OK);
     return;
   }
   library::playlist.current_entry.store(0);
@@ -720,7 +718,8 @@ void close_command() {
   if (app.closing_after_batch) return;
   // A batch has no progress dialog of its own: a running one asks as a running job does.
   bool converting = session::window_open(session::WINDOW_PROGRESS) || batch_window_running();
-  if (converting && show_box(session::CAPTION, BUSY_CONVERTING, session::BOX_YES_NO) != session::ANSWER_YES) return;
+  if (converting && show_box(session::TEXT_BUSY_CONVERTING, nullptr, session::BOX_YES_NO) != session::ANSWER_YES)
+    return;
   // The batch's rows end (their outputs settled, the forked ones too) before the program does.
   if (!end_batch_window()) {
     app.closing_after_batch = true;
@@ -907,16 +906,17 @@ void dispatch(int32_t window, int32_t msg, int64_t wparam, int64_t lparam) {
 
 }  // namespace
 
-int32_t show_box(const char* caption, const char* text, int32_t kind) {
-  GtkMessageType type = std::strcmp(caption, session::CAPTION_ERROR) == 0 ? GTK_MESSAGE_ERROR
-                        : kind == session::BOX_YES_NO                     ? GTK_MESSAGE_WARNING
-                                                                          : GTK_MESSAGE_INFO;
+int32_t show_box(int32_t code, const char* arg, int32_t kind) {
+  GtkMessageType type = session::message_is_error(code) ? GTK_MESSAGE_ERROR
+                        : kind == session::BOX_YES_NO   ? GTK_MESSAGE_WARNING
+                                                        : GTK_MESSAGE_INFO;
+  const std::string text = session::message_text(code, arg);
   GtkButtonsType buttons = kind == session::BOX_YES_NO      ? GTK_BUTTONS_YES_NO
                            : kind == session::BOX_OK_CANCEL ? GTK_BUTTONS_OK_CANCEL
                                                             : GTK_BUTTONS_OK;
   GtkWidget* box = gtk_message_dialog_new(app.window ? GTK_WINDOW(app.window) : nullptr, GTK_DIALOG_MODAL, type,
-                                          buttons, "%s", to_utf8(text).c_str());
-  gtk_window_set_title(GTK_WINDOW(box), caption);
+                                          buttons, "%s", to_utf8(text.c_str()).c_str());
+  gtk_window_set_title(GTK_WINDOW(box), session::message_caption(code));
   gint r = gtk_dialog_run(GTK_DIALOG(box));
   gtk_widget_destroy(box);
   switch (r) {
@@ -1352,7 +1352,7 @@ void on_drop(GtkWidget*, GdkDragContext* context, gint, gint, GtkSelectionData* 
     return;
   }
   if (session::stop_play() == 0) {
-    show_box(session::CAPTION_ERROR, "タイムアウト", session::BOX_OK);
+    show_box(format::ERR_TIMEOUT, nullptr, session::BOX_OK);
     return;
   }
   library::playlist.current_entry.store(0);
@@ -1362,22 +1362,12 @@ void on_drop(GtkWidget*, GdkDragContext* context, gint, gint, GtkSelectionData* 
 
 // ---- Start-up and shut-down ----------------------------------------------------------------------
 
-std::string executable_folder() {
-  char buf[4096];
-  ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-  if (n <= 0) return ".";
-  buf[n] = 0;
-  char* slash = std::strrchr(buf, '/');
-  if (slash) *slash = 0;
-  return buf;
-}
-
 // Plug-ins beside the program (the build folder, a portable copy), else in the installed tree's
 // library folder, found from the program's own place so that any prefix works.
 std::string plugin_folder() {
-  std::string beside = executable_folder() + "/Plugins";
+  std::string beside = library::executable_folder() + "/Plugins";
   if (g_file_test(beside.c_str(), G_FILE_TEST_IS_DIR)) return beside;
-  return executable_folder() + "/../" TOVRA_PLUGIN_SUBDIR;
+  return library::executable_folder() + "/../" TOVRA_PLUGIN_SUBDIR;
 }
 
 void install_engine_hooks() {
@@ -1403,7 +1393,7 @@ void install_engine_hooks() {
 
 void destroy_main_window_state() {
   stop_title_thread();
-  if (session::stop_play() == 0) show_box(session::CAPTION_ERROR, STOP_TIMED_OUT_AT_EXIT, session::BOX_OK);
+  if (session::stop_play() == 0) show_box(session::TEXT_TIMEOUT_EXIT, nullptr, session::BOX_OK);
   if (!session::is_not_win9x()) unload_plugins();
   if (cfg().style & 6) {
     cfg().x = app.restore_x;
@@ -1446,7 +1436,7 @@ void connect_menus() {
 // The window's creation: skin, plug-ins, the entry to play, hot key, then the saved window state.
 int32_t create_main_window_state() {
   if (!load_skin(app.skin)) {
-    show_box(session::CAPTION_ERROR, INIT_FAILED, session::BOX_OK);
+    show_box(session::TEXT_INIT_FAILED, nullptr, session::BOX_OK);
     return -1;
   }
   install_display(app.skin);
@@ -1480,6 +1470,9 @@ int32_t process_entry(int argc, char** argv) {
   // A skinned window places itself, which only X11 allows; on Wayland this runs under XWayland.
   setenv("GDK_BACKEND", "x11", 1);
   g_set_prgname("tovra");
+  // The locale and the messages' language are set up as tovra-cli does it; the toolkit keeps them.
+  session::init_messages();
+  gtk_disable_setlocale();
   if (!gtk_init_check(&argc, &argv)) {
     std::fputs("tovra: no X display\n", stderr);
     return 0;
@@ -1490,7 +1483,7 @@ int32_t process_entry(int argc, char** argv) {
   // WAVE wrapping MPEG audio still plays.
   static std::string to_encode;
   tools::WaveHeader wave;
-  if (argc == 2 && tools::probe_wave_file(argv[1], wave) == tools::WAVE_OK) to_encode = argv[1];
+  if (argc == 2 && tools::probe_wave_file(argv[1], wave) == format::ERR_OK) to_encode = argv[1];
   std::string command_line = to_encode.empty() ? library::join_command_line(argc - 1, argv + 1) : std::string();
 
   // Instance test. The toolkit comes up first here only because Ctrl's state is asked of it.

@@ -24,10 +24,6 @@
 #include <cstring>
 #include <thread>
 
-#include "session/messages.h"
-#include "session/platform.h"
-#include "session/session.h"
-#include "tools/split.h"
 #include "tools/wave.h"
 
 namespace tools {
@@ -35,8 +31,6 @@ namespace tools {
 ResampleState resample;
 
 namespace {
-
-constexpr auto relaxed = std::memory_order_relaxed;
 
 // pi as the nearest double, and the rest of pi behind it; 2 pi by an exact doubling.
 constexpr double PI = 3.141592653589793;
@@ -382,146 +376,6 @@ TOVRA_VECTOR_CLONES void lowpass_lanes(const float* a, const float* b, float pf,
   out_r = total_r;
 }
 
-// --- The job ------------------------------------------------------------------------------------
-
-int32_t setup_job(const char* input_path, const char* output_path, int32_t rate, int32_t bits, int32_t channels,
-                  int32_t quality) {
-  if ((bits != 8 && bits != 16) || (channels != 1 && channels != 2) || rate <= 0) return WAVE_BAD_FORMAT;
-  int32_t in_rate, in_bits, in_channels;
-  uint32_t data_size;
-  int32_t code = open_wave_input(input_path, in_rate, in_bits, in_channels, data_size);
-  if (code != WAVE_OK) return code;
-  resample.limit = wave_in.frames;
-  resample.step = double(in_rate) / double(rate);
-  resample.total = int64_t(rate) * resample.limit / in_rate;
-  // A file without a single frame to write makes no output: the job is refused before one exists.
-  if (resample.total == 0) {
-    close_wave_input();
-    return WAVE_NO_DATA;
-  }
-  // The estimate in the first header is the output's own size, which a reader of a file left by a
-  // crash finds closest to the truth.
-  const int64_t estimate = resample.total * (bits / 8) * channels;
-  code = open_wave_output(output_path, rate, bits, channels, uint32_t(std::min<int64_t>(estimate, 0xFFFFFFD0)));
-  if (code != WAVE_OK) {
-    close_wave_input();
-    return code;
-  }
-  resample.quality = std::clamp(quality, 0, RESAMPLE_QUALITY_MAX);
-  resample.kernel = resample.quality == 0 ? kernel_linear : resample.quality == 1 ? kernel_cubic : kernel_sinc;
-  if (resample.quality >= 2 && resample.step > 1.0) {
-    if (!make_lowpass(resample.step, resample.quality)) {
-      close_wave_output();
-      remove_partial_output(output_path);
-      close_wave_input();
-      return WAVE_NO_MEMORY;
-    }
-    resample.kernel = kernel_lowpass;
-  }
-  return WAVE_OK;
-}
-
-enum LoopEnd { LOOP_DONE, LOOP_FAILED, LOOP_CANCELLED };
-
-// The output frames of one job. frames receives the count written.
-LoopEnd run_loop(const session::Job& job, int32_t& result, int64_t& frames) {
-  constexpr int32_t BLOCK = 64;
-  double positions[BLOCK];
-  int32_t left[BLOCK], right[BLOCK];
-  const double step = resample.step;
-  const int64_t total = resample.total;
-  const int64_t limit = resample.limit;
-  const bool nt_family = session::is_not_win9x();
-  double position = 0.0;
-  int64_t n = 0;
-  frames = 0;
-  while (n < total) {
-    int32_t count = int32_t(std::min<int64_t>(BLOCK, total - n));
-    positions[0] = position;
-    for (int32_t j = 1; j < count; ++j) positions[j] = positions[j - 1] + step;
-    if (resample.kernel == kernel_sinc) {
-      kernel_sinc_block(positions, count, left, right);
-    } else {
-      for (int32_t j = 0; j < count; ++j) resample.kernel(positions[j], left[j], right[j]);
-    }
-    for (int32_t j = 0; j < count; ++j, ++n) {
-      result = write_wave_frame(left[j], right[j]);
-      if (result != WAVE_OK) return LOOP_FAILED;
-      frames = n + 1;
-      position = positions[j] + step;
-      if (int64_t(position) >= limit) return LOOP_DONE;
-      if ((n & RESAMPLE_PROGRESS_MASK) == 0) {
-        session::post_message(session::WINDOW_PROGRESS, session::MSG_RESAMPLE_PROGRESS, n, total);
-        if (job.cancel.load(relaxed)) return LOOP_CANCELLED;
-        // The NT family's converters give the system a moment now and then.
-        if (nt_family) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      }
-    }
-  }
-  return LOOP_DONE;
-}
-
-// Finds the batch list's next entry that can be set up. False when the list is exhausted.
-bool next_batch_entry(session::Job& job) {
-  for (;;) {
-    ++resample.job_index;
-    std::string in, out;
-    int32_t rate = 0, bits = 0, channels = 0, quality = 0;
-    if (next_resample_job(in, out, rate, bits, channels, quality, resample.job_index) == 0) return false;
-    if (!session::same_file(in.c_str(), out.c_str()) &&
-        setup_job(in.c_str(), out.c_str(), rate, bits, channels, quality) == WAVE_OK) {
-      job.out_path = out;
-      return true;
-    }
-    session::post_message(session::WINDOW_BATCH, session::MSG_BATCH_RESAMPLE_STATE, session::JOB_NOT_READABLE,
-                          resample.job_index);
-  }
-}
-
-int32_t resample_thread(session::Job& job) {
-  using namespace session;
-  // The raise is for the 9x family only, as with the other converters; the classic call that
-  // named the main window instead of a thread changed nothing and is left out.
-  if (options.prior_cnv && !is_not_win9x()) set_current_thread_priority(PRIORITY_ABOVE_NORMAL);
-  const bool in_batch = batch_active();
-  int32_t job_end = JOB_END_DONE;
-  for (;;) {
-    if (in_batch) post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_STARTED, resample.job_index);
-    int32_t result = WAVE_OK;
-    int64_t frames = 0;
-    LoopEnd end = run_loop(job, result, frames);
-    if (end == LOOP_CANCELLED) {
-      close_wave_output();
-      close_wave_input();
-      job_end = JOB_END_CANCELLED;
-      if (in_batch) {
-        post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_CANCELLED, resample.job_index);
-        post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_LIST_FINISHED, resample.job_index);
-      }
-      break;
-    }
-    if (end == LOOP_DONE) post_message(WINDOW_PROGRESS, MSG_RESAMPLE_PROGRESS, frames, resample.total);
-    // The output is closed before the result goes out, so that a failure of the last flush is
-    // the result the user sees rather than a success. After a failed write this second close
-    // finds the file closed already.
-    int32_t closed = close_wave_output();
-    if (result == WAVE_OK) result = closed;
-    close_wave_input();
-    post_message(WINDOW_PROGRESS, MSG_PROGRESS_STATUS, result, 0);
-    job.code = result;
-    job_end = result == WAVE_OK ? JOB_END_DONE : JOB_END_FAILED;
-    if (!in_batch) break;
-    post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, result == WAVE_OK ? JOB_DONE : JOB_FAILED, resample.job_index);
-    settle_output(job, job_end);
-    if (!next_batch_entry(job)) {
-      post_message(WINDOW_BATCH, MSG_BATCH_RESAMPLE_STATE, JOB_LIST_FINISHED, resample.job_index);
-      break;
-    }
-  }
-  post_message(WINDOW_PROGRESS, MSG_PROGRESS_END);
-  return job_end;
-}
-
 }  // namespace
 
 double sinc_sine(double x) {
@@ -673,16 +527,76 @@ void kernel_sinc_block(const double* positions, int32_t count, int32_t* left, in
   }
 }
 
-int32_t start_resample(session::Job& job, const char* input_path, const char* output_path, int32_t rate, int32_t bits,
-                       int32_t channels, int32_t quality) {
-  if (job.busy.load(std::memory_order_acquire)) return RESAMPLE_BUSY;
-  if (session::same_file(input_path, output_path)) return RESAMPLE_SAME_FILE;
-  session::wait_job(job);  // a finished job's thread still holds the reader and writer until joined
-  int32_t code = setup_job(input_path, output_path, rate, bits, channels, quality);
-  if (code != WAVE_OK) return code;
-  resample.job_index = session::batch_first_index();
-  session::start_job(job, resample_thread, output_path);
-  return WAVE_OK;
+int32_t resample_setup(const char* input_path, const char* output_path, int32_t rate, int32_t bits, int32_t channels,
+                       int32_t quality) {
+  if ((bits != 8 && bits != 16) || (channels != 1 && channels != 2) || rate <= 0) return format::ERR_WAVE_FORMAT;
+  int32_t in_rate, in_bits, in_channels;
+  uint32_t data_size;
+  int32_t code = open_wave_input(input_path, in_rate, in_bits, in_channels, data_size);
+  if (code != format::ERR_OK) return code;
+  resample.limit = wave_in.frames;
+  resample.step = double(in_rate) / double(rate);
+  resample.total = int64_t(rate) * resample.limit / in_rate;
+  // A file without a single frame to write makes no output: the job is refused before one exists.
+  if (resample.total == 0) {
+    close_wave_input();
+    return format::ERR_WAVE_NO_DATA;
+  }
+  // The estimate in the first header is the output's own size, which a reader of a file left by a
+  // crash finds closest to the truth.
+  const int64_t estimate = resample.total * (bits / 8) * channels;
+  code = open_wave_output(output_path, rate, bits, channels, uint32_t(std::min<int64_t>(estimate, 0xFFFFFFD0)));
+  if (code != format::ERR_OK) {
+    close_wave_input();
+    return code;
+  }
+  resample.quality = std::clamp(quality, 0, RESAMPLE_QUALITY_MAX);
+  resample.kernel = resample.quality == 0 ? kernel_linear : resample.quality == 1 ? kernel_cubic : kernel_sinc;
+  if (resample.quality >= 2 && resample.step > 1.0) {
+    if (!make_lowpass(resample.step, resample.quality)) {
+      close_wave_output();
+      remove_partial_output(output_path);
+      close_wave_input();
+      return format::ERR_NO_MEMORY;
+    }
+    resample.kernel = kernel_lowpass;
+  }
+  return format::ERR_OK;
+}
+
+int32_t resample_run(const format::Work& work, bool pause_now_and_then, int64_t& frames) {
+  constexpr int32_t BLOCK = 64;
+  double positions[BLOCK];
+  int32_t left[BLOCK], right[BLOCK];
+  const double step = resample.step;
+  const int64_t total = resample.total;
+  const int64_t limit = resample.limit;
+  double position = 0.0;
+  int64_t n = 0;
+  frames = 0;
+  while (n < total) {
+    int32_t count = int32_t(std::min<int64_t>(BLOCK, total - n));
+    positions[0] = position;
+    for (int32_t j = 1; j < count; ++j) positions[j] = positions[j - 1] + step;
+    if (resample.kernel == kernel_sinc) {
+      kernel_sinc_block(positions, count, left, right);
+    } else {
+      for (int32_t j = 0; j < count; ++j) resample.kernel(positions[j], left[j], right[j]);
+    }
+    for (int32_t j = 0; j < count; ++j, ++n) {
+      int32_t result = write_wave_frame(left[j], right[j]);
+      if (result != format::ERR_OK) return result;
+      frames = n + 1;
+      position = positions[j] + step;
+      if (int64_t(position) >= limit) return format::ERR_OK;
+      if ((n & RESAMPLE_PROGRESS_MASK) == 0) {
+        work.report(n, total);
+        if (work.cancelled()) return format::WORK_CANCELLED;
+        if (pause_now_and_then) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    }
+  }
+  return format::ERR_OK;
 }
 
 }  // namespace tools

@@ -4,18 +4,17 @@
 // the input samples; when the rate goes down the sinc is a windowed one cut at the output's Nyquist
 // frequency, so that nothing aliases.
 //
-// Threads: start_resample runs on the main thread while its Job is idle, sets the job up and starts
-// it, and the job's thread from then on owns the WAVE reader and writer and everything below. The
-// main thread stops it only through the job's Cancel word, which the job reads every 4096 output
-// frames. A job that fails (job.code holds its WaveCode) or is cancelled leaves no output. The job reports by posting
-// MSG_RESAMPLE_PROGRESS (frames done, frames in all), MSG_PROGRESS_STATUS (result code, 0) and MSG_PROGRESS_END to the
-// progress window, and in a batch MSG_BATCH_RESAMPLE_STATE to the batch window.
+// Threads: resample_setup opens the WAVE reader and writer on the caller's thread; resample_run
+// then owns them on whatever thread runs it (the session runs it as a job) until both are closed.
+// The caller stops it through the Cancel word of its format::Work, read every 4096 output frames,
+// when the progress (frames done, frames in all) is reported too.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-#include "session/job.h"
+#include "format/errors.h"
+#include "format/work.h"
 
 namespace tools {
 
@@ -23,10 +22,6 @@ namespace tools {
 constexpr int32_t RESAMPLE_QUALITY_MAX = 102;
 // Output frames between progress messages (and looks at the cancel flag).
 constexpr int64_t RESAMPLE_PROGRESS_MASK = 0xFFF;
-// start_resample while the job runs (the callers test first; this guards the state).
-constexpr int32_t RESAMPLE_BUSY = -1;
-// The output would overwrite the input: refused before anything is opened.
-constexpr int32_t RESAMPLE_SAME_FILE = -2;
 
 // A kernel: the output frame at an input position, on the 16-bit scale, truncated towards zero.
 using KernelFn = void (*)(double position, int32_t& left, int32_t& right);
@@ -37,17 +32,21 @@ struct ResampleState {
   int64_t total = 0;    // output frames
   int64_t limit = 0;    // input frames
   KernelFn kernel = nullptr;
-  int32_t job_index = 0;  // the batch entry being worked on
 };
 
 extern ResampleState resample;
 
-// Prepares the job on the caller's thread and starts it. Returns 0, RESAMPLE_BUSY,
-// RESAMPLE_SAME_FILE, or a WaveCode: the input's, WAVE_NO_MEMORY, WAVE_READ_ERROR when the output
-// cannot be created, WAVE_WRITE_ERROR when its header cannot be written, WAVE_BAD_FORMAT for an
-// output format other than 8 or 16 bits, 1 or 2 channels and a positive rate.
-int32_t start_resample(session::Job& job, const char* input_path, const char* output_path, int32_t rate, int32_t bits,
-                       int32_t channels, int32_t quality);
+// Opens the input and the output and readies the kernel for rate, bits and channels. Returns
+// ERR_OK, or a format::Error: the input's, ERR_NO_MEMORY, ERR_CREATE_OUTPUT when the output
+// cannot be created, ERR_WRITE when its header cannot be written, ERR_WAVE_FORMAT for an output
+// format other than 8 or 16 bits, 1 or 2 channels and a positive rate; on failure nothing is open.
+int32_t resample_setup(const char* input_path, const char* output_path, int32_t rate, int32_t bits, int32_t channels,
+                       int32_t quality);
+// Writes the output frames after resample_setup. Returns ERR_OK at the end, the writer's error
+// after a failed write, or WORK_CANCELLED; frames receives the count written. Both files stay open
+// for the caller to close. pause_now_and_then sleeps 10 ms at each progress report, which the
+// NT family's converters do to give the system a moment.
+int32_t resample_run(const format::Work& work, bool pause_now_and_then, int64_t& frames);
 
 // The kernels. All read through read_wave_frame; kernel_sinc takes resample.quality taps. A job
 // that lowers the rate with a quality of 2 and up uses kernel_lowpass instead of kernel_sinc: a
@@ -67,10 +66,5 @@ double cubic_weight(double x);
 // The sine used by kernel_sinc, for arguments within (-2 pi, 2 pi): a fixed polynomial, so that
 // outputs are the same on every machine and in the scalar and vector paths.
 double sinc_sine(double x);
-
-// Hook of the batch worker (session/batch_run.cpp): row's paths and choices. Returns 0 when no row
-// is left.
-int32_t next_resample_job(std::string& input_path, std::string& output_path, int32_t& rate, int32_t& bits,
-                          int32_t& channels, int32_t& quality, int32_t row);
 
 }  // namespace tools

@@ -27,25 +27,9 @@
 // file ended, wherever that happens: result 0.
 #include "tools/split.h"
 
-#include <array>
-#include <thread>
-
-#include "session/messages.h"
-#include "session/platform.h"
-#include "session/session.h"
-
 namespace tools {
 
-SplitState split;
-
 namespace {
-
-constexpr auto relaxed = std::memory_order_relaxed;
-
-// The running job's Cancel word; split_stream also runs on its caller's thread without a job.
-std::atomic<int32_t>* cancel_word = nullptr;
-
-bool cancelled() { return cancel_word && cancel_word->load(relaxed) != 0; }
 
 enum ReadEnd { READ_OK, READ_SHORT, READ_FAILED };
 
@@ -57,52 +41,35 @@ ReadEnd read_bytes(std::FILE* in, uint8_t* to, size_t n, int64_t& bytes_read, si
   return std::ferror(in) ? READ_FAILED : READ_SHORT;
 }
 
-void post_progress(int64_t position, int64_t file_size) {
-  session::post_message(session::WINDOW_PROGRESS, session::MSG_SPLIT_PROGRESS, position, file_size);
-}
+}  // namespace
 
-int32_t split_thread(session::Job& job) {
-  using namespace session;
-  if (options.prior_cnv && !is_not_win9x()) set_current_thread_priority(PRIORITY_ABOVE_NORMAL);
-  // The whole of a packet fits, whatever its length field says.
-  std::array<uint8_t, SPLIT_PACKET_BUFFER_BYTES> packet;
-  int32_t result = split_stream(split.in, split.out, split.file_size, split.bytes_read, packet.data());
-  std::fclose(split.in);
-  // An output that can't tell its position (a pipe) is taken to have received audio.
-  if (result == SPLIT_OK && std::ftell(split.out) == 0) result = SPLIT_NO_AUDIO;
-  // Buffered bytes go out at the close: a disk that fills there fails the job like a write.
-  if (std::fclose(split.out) != 0 && result == SPLIT_OK) result = SPLIT_AUDIO_WRITE_ERROR;
-  split.in = split.out = nullptr;
-  job.code = result;
-  if (result == SPLIT_CANCELLED) return JOB_END_CANCELLED;
-  post_message(WINDOW_PROGRESS, MSG_SPLIT_END, result, split.bytes_read);
-  return result == SPLIT_OK ? JOB_END_DONE : JOB_END_FAILED;
-}
+namespace {
+
+constexpr int32_t end_codes[][2] = {
+    {format::ERR_READ, 1},
+    {format::ERR_NOT_SYSTEM, 4},
+    {format::ERR_VIDEO_FRAME, 5},
+    {format::ERR_AUDIO_FRAME, 6},
+    {format::ERR_VIDEO_WRITE, 7},
+    {format::ERR_AUDIO_WRITE, 8},
+    {format::ERR_NO_AUDIO_FRAMES, 9},
+};
 
 }  // namespace
 
-const char* split_result_text(int32_t result) {
-  switch (result) {
-    case SPLIT_READ_ERROR:
-      return "読み込みエラー";
-    case SPLIT_BAD_START_CODE:
-      return "MPEGﾌｧｲﾙではない";
-    case SPLIT_BAD_VIDEO_HEADER:
-      return "ビデオフレームにエラー";
-    case SPLIT_BAD_AUDIO_HEADER:
-      return "オーディオフレームにエラー";
-    case SPLIT_VIDEO_WRITE_ERROR:
-      return "ビデオフレーム書込みエラー";
-    case SPLIT_AUDIO_WRITE_ERROR:
-      return "オーディオフレーム書込みエラー";
-    case SPLIT_NO_AUDIO:
-      return "オーディオフレームがない";
-    default:
-      return nullptr;
-  }
+int32_t split_end_code(int32_t error) {
+  for (const auto& e : end_codes)
+    if (e[0] == error) return e[1];
+  return error;
 }
 
-int32_t packet_header_length(const uint8_t* packet, int32_t length) {
+int32_t split_end_error(int32_t code) {
+  for (const auto& e : end_codes)
+    if (e[1] == code) return e[0];
+  return code;
+}
+
+int32_t packet_header_length(const uint8_t* packet, int32_t length, const format::Work& work) {
   int32_t at = 0;
   for (;;) {
     while (at < length && packet[at] == 0xFF) ++at;
@@ -111,7 +78,7 @@ int32_t packet_header_length(const uint8_t* packet, int32_t length) {
     if (b == 0x0F) return at + 1;
     if ((b & 0xC0) == 0x40) {
       at += 2;
-      if (cancelled()) return SPLIT_HEADER_CANCELLED;
+      if (work.cancelled()) return SPLIT_HEADER_CANCELLED;
       continue;
     }
     int32_t size = (b & 0xF0) == 0x20 ? 5 : (b & 0xF0) == 0x30 ? 10 : 0;
@@ -120,82 +87,58 @@ int32_t packet_header_length(const uint8_t* packet, int32_t length) {
   }
 }
 
-int32_t split_stream(std::FILE* in, std::FILE* out, int64_t file_size, int64_t& bytes_read, uint8_t* packet) {
+int32_t split_stream(std::FILE* in, std::FILE* out, int64_t file_size, int64_t& bytes_read, uint8_t* packet,
+                     const format::Work& work) {
   uint8_t word[8];
   size_t got = 0;
   for (;;) {
-    if (cancelled()) return SPLIT_CANCELLED;
+    if (work.cancelled()) return format::WORK_CANCELLED;
     ReadEnd e = read_bytes(in, word, 2, bytes_read, got);
-    if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
-    if (word[0] != 0 || word[1] != 0) return SPLIT_BAD_START_CODE;
+    if (e != READ_OK) return e == READ_FAILED ? format::ERR_READ : format::ERR_OK;
+    if (word[0] != 0 || word[1] != 0) return format::ERR_NOT_SYSTEM;
     e = read_bytes(in, word, 2, bytes_read, got);
-    if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
+    if (e != READ_OK) return e == READ_FAILED ? format::ERR_READ : format::ERR_OK;
     if (word[0] == 0) continue;
-    if (word[0] != 1) return SPLIT_BAD_START_CODE;
+    if (word[0] != 1) return format::ERR_NOT_SYSTEM;
     const uint8_t code = word[1];
 
     if (code == 0xB9) {
-      post_progress(bytes_read, file_size);
-      return SPLIT_OK;
+      work.report(bytes_read, file_size);
+      return format::ERR_OK;
     }
     if (code == 0xBA) {
       e = read_bytes(in, word, 8, bytes_read, got);
-      if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
+      if (e != READ_OK) return e == READ_FAILED ? format::ERR_READ : format::ERR_OK;
       continue;
     }
 
     // Every other unit has a 16-bit big-endian length and that many bytes.
     e = read_bytes(in, word, 2, bytes_read, got);
-    if (e != READ_OK) return e == READ_FAILED ? SPLIT_READ_ERROR : SPLIT_OK;
+    if (e != READ_OK) return e == READ_FAILED ? format::ERR_READ : format::ERR_OK;
     const int32_t length = word[0] << 8 | word[1];
     e = read_bytes(in, packet, size_t(length), bytes_read, got);
-    if (e == READ_FAILED) return SPLIT_READ_ERROR;
+    if (e == READ_FAILED) return format::ERR_READ;
     const bool truncated = e == READ_SHORT;
 
     const bool video = code >= 0xE0 && code <= 0xEF;
     const bool audio = code >= 0xC0 && code <= 0xCF;
     if (!video && !audio) {
-      if (truncated) return SPLIT_OK;
+      if (truncated) return format::ERR_OK;
       continue;
     }
-    if (audio) post_progress(bytes_read, file_size);
+    if (audio) work.report(bytes_read, file_size);
     // The file may end inside the last packet: its header is judged on what is there, and the
     // audio that is there is kept.
-    int32_t header = packet_header_length(packet, int32_t(got));
-    if (header == SPLIT_HEADER_CANCELLED) return SPLIT_CANCELLED;
-    if (header == SPLIT_HEADER_SHORT && truncated) return SPLIT_OK;
-    if (header < 0) return video ? SPLIT_BAD_VIDEO_HEADER : SPLIT_BAD_AUDIO_HEADER;
+    int32_t header = packet_header_length(packet, int32_t(got), work);
+    if (header == SPLIT_HEADER_CANCELLED) return format::WORK_CANCELLED;
+    if (header == SPLIT_HEADER_SHORT && truncated) return format::ERR_OK;
+    if (header < 0) return video ? format::ERR_VIDEO_FRAME : format::ERR_AUDIO_FRAME;
     if (audio) {
       size_t payload = got - size_t(header);
-      if (std::fwrite(packet + header, 1, payload, out) != payload) return SPLIT_AUDIO_WRITE_ERROR;
+      if (std::fwrite(packet + header, 1, payload, out) != payload) return format::ERR_AUDIO_WRITE;
     }
-    if (truncated) return SPLIT_OK;
+    if (truncated) return format::ERR_OK;
   }
-}
-
-int32_t start_split(session::Job& job, const char* input_path, const char* output_path) {
-  if (job.busy.load(std::memory_order_acquire)) return session::START_BUSY;
-  if (session::same_file(input_path, output_path)) return session::START_SAME_FILE;
-  session::wait_job(job);  // a finished job's thread
-  split.in = std::fopen(input_path, "rb");
-  if (!split.in) return session::START_NO_INPUT;
-  split.out = std::fopen(output_path, "wb");
-  if (!split.out) {
-    std::fclose(split.in);
-    split.in = nullptr;
-    return session::START_NO_OUTPUT;
-  }
-  // The size is for the progress bar only; an input that cannot seek (a pipe) shows none.
-  split.file_size = 0;
-  if (std::fseek(split.in, 0, SEEK_END) == 0) {
-    long size = std::ftell(split.in);
-    split.file_size = size > 0 ? size : 0;
-    if (std::fseek(split.in, 0, SEEK_SET) != 0) split.file_size = 0;
-  }
-  split.bytes_read = 0;
-  cancel_word = &job.cancel;
-  session::start_job(job, split_thread, output_path);
-  return 0;
 }
 
 }  // namespace tools

@@ -3,63 +3,40 @@
 // (stream ids C0 to CF, all of them into one output) and appends their payloads unchanged.
 // MPEG-2 program streams are not understood: their packet header forms are refused.
 //
-// Threads: start_split runs on the main thread while its Job is idle and starts the job, whose
-// thread owns both files until it ends. The main thread stops it only through the job's Cancel
-// word, which the walk reads between units and within a packet header. The thread posts
-// MSG_SPLIT_PROGRESS (position, file size) for each audio packet and MSG_SPLIT_END (result, bytes
-// read) at its end, unless it was cancelled. A failed or cancelled job, or one that finds no audio, leaves no output.
+// Threads: split_stream works on open files on its caller's thread (the session runs it as a job)
+// and reads the Cancel word of its format::Work between units and within a packet header; it
+// reports progress (file position, file size) for each audio packet.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 #include <string>
 
-#include "session/job.h"
+#include "format/errors.h"
+#include "format/work.h"
 
 namespace tools {
 
-enum SplitResult : int32_t {
-  SPLIT_OK = 0,  // success, or the file ended
-  SPLIT_READ_ERROR = 1,
-  SPLIT_BAD_START_CODE = 4,
-  SPLIT_BAD_VIDEO_HEADER = 5,
-  SPLIT_BAD_AUDIO_HEADER = 6,
-  SPLIT_VIDEO_WRITE_ERROR = 7,  // reserved: video is never written
-  SPLIT_AUDIO_WRITE_ERROR = 8,
-  SPLIT_NO_AUDIO = 9,    // the walk ended without a byte of audio: no output is left
-  SPLIT_CANCELLED = -1,  // the walk saw the job's Cancel; no result is posted
-};
-
-// The progress window's text for a result (nullptr for 0 and unknown ones).
-const char* split_result_text(int32_t result);
+// MSG_SPLIT_END carries the result as the progress window numbers it (1 read, 4 not MPEG, 5 and 6
+// a video or audio frame, 7 and 8 their writes, 9 no audio); these map a format::Error to that
+// number and back (0 stays 0, an unknown number comes back as itself).
+int32_t split_end_code(int32_t error);
+int32_t split_end_error(int32_t code);
 
 // A packet's length field is 16 bits, so one buffer of this size holds any packet whole.
 constexpr int32_t SPLIT_PACKET_BUFFER_BYTES = 65536;
 
-struct SplitState {
-  std::FILE* in = nullptr;
-  std::FILE* out = nullptr;
-  int64_t file_size = 0;
-  int64_t bytes_read = 0;
-};
-
-extern SplitState split;
-
-// Opens the input ("rb", else 2) and the output ("wb", else the input is closed again and 3),
-// and starts the job. Returns 0, 1 while the job runs, or 7 (START_SAME_FILE) when the output
-// would overwrite the input.
-int32_t start_split(session::Job& job, const char* input_path, const char* output_path);
-
-// The walk over open files on the calling thread, posting progress as the thread does. packet is
-// SPLIT_PACKET_BUFFER_BYTES long. Returns a SplitResult; bytes_read counts every byte read.
-int32_t split_stream(std::FILE* in, std::FILE* out, int64_t file_size, int64_t& bytes_read, uint8_t* packet);
+// The walk over open files on the calling thread. packet is SPLIT_PACKET_BUFFER_BYTES long. Returns
+// a format::Error or WORK_CANCELLED; bytes_read counts every byte read.
+int32_t split_stream(std::FILE* in, std::FILE* out, int64_t file_size, int64_t& bytes_read, uint8_t* packet,
+                     const format::Work& work);
 
 // The length of a packet's header (stuffing, buffer size field, time stamps) in its first length
 // bytes: SPLIT_HEADER_BAD for a form MPEG-1 does not have, SPLIT_HEADER_SHORT when the header
-// runs past length or the cancel flag was seen.
+// runs past length, SPLIT_HEADER_CANCELLED when work's Cancel was seen.
 constexpr int32_t SPLIT_HEADER_BAD = -1;
 constexpr int32_t SPLIT_HEADER_SHORT = -2;
 constexpr int32_t SPLIT_HEADER_CANCELLED = -3;
-int32_t packet_header_length(const uint8_t* packet, int32_t length);
+int32_t packet_header_length(const uint8_t* packet, int32_t length, const format::Work& work = format::Work{});
 
 }  // namespace tools

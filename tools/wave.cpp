@@ -86,20 +86,20 @@ int32_t read_format(const uint8_t* f, int64_t size, WaveHeader& h) {
 
 // The walk over the chunks, for bytes in memory and for a file alike. get(offset, to, n) copies up
 // to n bytes from the file's start + offset and says how many there were. A short read returns
-// WAVE_CHUNK_ERROR with h.problem telling what was being looked for.
+// format::ERR_WAVE_CHUNK with h.problem telling what was being looked for.
 template <typename Get>
 int32_t walk_chunks(const Get& get, WaveHeader& h) {
   h = WaveHeader{};
   uint8_t head[12];
   if (get(0, head, 12) < 12) {
     h.problem = WAVE_PROBLEM_NOT_RIFF;
-    return WAVE_CHUNK_ERROR;
+    return format::ERR_WAVE_CHUNK;
   }
   // Either of the two magic words will do: files with a damaged "RIFF" or "WAVE" still open, and so
   // do "RF64" files, whose sizes the end of the file stands in for.
   if (!is_id(head, "RIFF") && !is_id(head + 8, "WAVE")) {
     h.problem = WAVE_PROBLEM_NOT_RIFF;
-    return WAVE_BAD_FORMAT;
+    return format::ERR_WAVE_FORMAT;
   }
   // Positions are kept wide so that no chunk size can wrap them.
   int64_t pos = 12;
@@ -108,31 +108,31 @@ int32_t walk_chunks(const Get& get, WaveHeader& h) {
     uint8_t chunk[9];
     if (get(pos, chunk, 8) < 8) {
       h.problem = WAVE_PROBLEM_NO_DATA;
-      return WAVE_CHUNK_ERROR;
+      return format::ERR_WAVE_CHUNK;
     }
     const int64_t size = le32(chunk + 4);
     if (is_id(chunk, "data")) {
       if (!have_format) {
         h.problem = WAVE_PROBLEM_NO_FMT;
-        return WAVE_BAD_FORMAT;
+        return format::ERR_WAVE_FORMAT;
       }
       h.data_size = uint32_t(size);
       h.data_offset = pos + 8;
-      return WAVE_OK;
+      return format::ERR_OK;
     }
     if (is_id(chunk, "fmt ")) {
       uint8_t format[40];
       const int32_t want = int32_t(std::min<int64_t>(size, sizeof format));
       if (size < 16) {
         h.problem = WAVE_PROBLEM_SHORT_FMT;
-        return WAVE_BAD_FORMAT;
+        return format::ERR_WAVE_FORMAT;
       }
       if (get(pos + 8, format, want) < want) {
         h.problem = WAVE_PROBLEM_SHORT_FMT;
-        return WAVE_CHUNK_ERROR;
+        return format::ERR_WAVE_CHUNK;
       }
       h.problem = read_format(format, size, h);
-      if (h.problem != WAVE_PROBLEM_NONE) return WAVE_BAD_FORMAT;
+      if (h.problem != WAVE_PROBLEM_NONE) return format::ERR_WAVE_FORMAT;
       have_format = true;
     }
     // Chunks of odd size are followed by a pad byte. Some writers leave it out: when the byte
@@ -154,16 +154,17 @@ struct FileBytes {
 
 int32_t probe_open_file(std::FILE* file, WaveHeader& h) {
   int32_t code = walk_chunks(FileBytes{file}, h);
-  if (std::ferror(file)) return WAVE_READ_ERROR;
-  if (code == WAVE_CHUNK_ERROR) return h.problem == WAVE_PROBLEM_NO_DATA ? WAVE_NO_DATA : WAVE_BAD_FORMAT;
-  if (code != WAVE_OK) return code;
+  if (std::ferror(file)) return format::ERR_READ;
+  if (code == format::ERR_WAVE_CHUNK)
+    return h.problem == WAVE_PROBLEM_NO_DATA ? format::ERR_WAVE_NO_DATA : format::ERR_WAVE_FORMAT;
+  if (code != format::ERR_OK) return code;
   // A header may claim more data than the file holds (a stream written without patching its sizes
   // says 0xFFFFFFFF): the data is what the file has behind the header, at most the claimed size.
-  if (std::fseek(file, 0, SEEK_END) != 0) return WAVE_READ_ERROR;
+  if (std::fseek(file, 0, SEEK_END) != 0) return format::ERR_READ;
   const int64_t file_size = std::ftell(file);
   const int64_t present = file_size > h.data_offset ? file_size - h.data_offset : 0;
   h.data_size = uint32_t(std::min<int64_t>(h.data_size, present));
-  return WAVE_OK;
+  return format::ERR_OK;
 }
 
 int16_t from_float(float v) {
@@ -261,25 +262,6 @@ int16_t clip16(int32_t v) { return int16_t(v < -32768 ? -32768 : v > 32767 ? 327
 
 }  // namespace
 
-const char* wave_code_text(int32_t code) {
-  switch (code) {
-    case WAVE_READ_ERROR:
-      return "読み込みエラー";
-    case WAVE_WRITE_ERROR:
-      return "書込みエラー";
-    case WAVE_NO_MEMORY:
-      return "メモリが足りない";
-    case WAVE_CHUNK_ERROR:
-      return "チャンクエラー";
-    case WAVE_BAD_FORMAT:
-      return "データにエラー";
-    case WAVE_NO_DATA:
-      return "データがない";
-    default:
-      return nullptr;
-  }
-}
-
 int32_t parse_wave_header(const uint8_t* buffer, int32_t length, WaveHeader& h) {
   auto get = [buffer, length](int64_t offset, uint8_t* to, int32_t n) {
     const int64_t there = std::clamp<int64_t>(length - offset, 0, n);
@@ -304,50 +286,10 @@ int32_t parse_wave_header(const uint8_t* buffer, int32_t length, int32_t& rate, 
 int32_t probe_wave_file(const char* path, WaveHeader& h) {
   h = WaveHeader{};
   std::FILE* file = std::fopen(path, "rb");
-  if (!file) return WAVE_READ_ERROR;
+  if (!file) return format::ERR_READ;
   int32_t code = probe_open_file(file, h);
   std::fclose(file);
   return code;
-}
-
-char* wave_problem_text(int32_t code, const WaveHeader& h, char* text, size_t size) {
-  const char* base = wave_code_text(code);
-  if (!base) base = "エラー";
-  char why[160] = "";
-  switch (h.problem) {
-    case WAVE_PROBLEM_NOT_RIFF:
-      std::snprintf(why, sizeof why, "RIFF WAVEファイルではない");
-      break;
-    case WAVE_PROBLEM_NO_FMT:
-      std::snprintf(why, sizeof why, "\"data\"チャンクが\"fmt \"チャンクより前にある");
-      break;
-    case WAVE_PROBLEM_SHORT_FMT:
-      std::snprintf(why, sizeof why, "\"fmt \"チャンクが短い");
-      break;
-    case WAVE_PROBLEM_FORMAT_TAG:
-      std::snprintf(why, sizeof why, "フォーマットタグ0x%04XのWAVE: PCMと浮動小数点のみ", unsigned(h.format_tag));
-      break;
-    case WAVE_PROBLEM_CHANNELS:
-      std::snprintf(why, sizeof why, "%dチャンネルのWAVE: モノラルかステレオのみ", h.channels);
-      break;
-    case WAVE_PROBLEM_BITS:
-      std::snprintf(why, sizeof why, "%dビット%sのWAVE: 整数は8～32ビット、浮動小数点は32か64ビットのみ", h.bits,
-                    h.is_float ? "浮動小数点" : "整数");
-      break;
-    case WAVE_PROBLEM_RATE:
-      std::snprintf(why, sizeof why, "サンプルレート%dのWAVE", h.rate);
-      break;
-    case WAVE_PROBLEM_NO_DATA:
-      std::snprintf(why, sizeof why, "\"data\"チャンクがない");
-      break;
-    default:
-      break;
-  }
-  if (why[0])
-    std::snprintf(text, size, "%s (%s)", base, why);
-  else
-    std::snprintf(text, size, "%s", base);
-  return text;
 }
 
 int32_t open_wave_input(const char* path, int32_t& rate, int32_t& bits, int32_t& channels, uint32_t& data_size,
@@ -356,12 +298,12 @@ int32_t open_wave_input(const char* path, int32_t& rate, int32_t& bits, int32_t&
   WaveInput& in = wave_in;
   WaveHeader h;
   in.buffer = static_cast<uint8_t*>(std::malloc(WAVE_IN_BUFFER_BYTES));
-  if (!in.buffer) return WAVE_NO_MEMORY;
+  if (!in.buffer) return format::ERR_NO_MEMORY;
   in.file = std::fopen(path, "rb");
-  int32_t code = in.file ? probe_open_file(in.file, h) : WAVE_READ_ERROR;
+  int32_t code = in.file ? probe_open_file(in.file, h) : format::ERR_READ;
   if (header) *header = h;
-  if (code == WAVE_OK && std::fseek(in.file, long(h.data_offset), SEEK_SET) != 0) code = WAVE_READ_ERROR;
-  if (code != WAVE_OK) {
+  if (code == format::ERR_OK && std::fseek(in.file, long(h.data_offset), SEEK_SET) != 0) code = format::ERR_READ;
+  if (code != format::ERR_OK) {
     close_wave_input();
     return code;
   }
@@ -386,7 +328,7 @@ int32_t open_wave_input(const char* path, int32_t& rate, int32_t& bits, int32_t&
   in.half = -1;
   in.limit = 0;
   load_next_half();
-  return WAVE_OK;
+  return format::ERR_OK;
 }
 
 void read_wave_frame(int64_t index, int32_t& left, int32_t& right) {
@@ -418,6 +360,12 @@ void close_wave_input() {
   in = WaveInput{};
 }
 
+bool same_file(const char* in_path, const char* out_path) {
+  struct stat in, out;
+  if (stat(in_path, &in) != 0 || stat(out_path, &out) != 0) return false;
+  return S_ISREG(in.st_mode) && in.st_dev == out.st_dev && in.st_ino == out.st_ino;
+}
+
 void remove_partial_output(const char* path) {
   struct stat st;
   if (path && stat(path, &st) == 0 && S_ISREG(st.st_mode)) std::remove(path);
@@ -443,11 +391,11 @@ int32_t open_wave_output(const char* path, int32_t rate, int32_t bits, int32_t c
   WaveOutput& out = wave_out;
   close_wave_output();
   out.buffer = static_cast<uint8_t*>(std::malloc(WAVE_OUT_BUFFER_BYTES));
-  if (!out.buffer) return WAVE_NO_MEMORY;
+  if (!out.buffer) return format::ERR_NO_MEMORY;
   out.file = std::fopen(path, "wb");
   if (!out.file) {
     close_wave_output();
-    return WAVE_READ_ERROR;
+    return format::ERR_CREATE_OUTPUT;
   }
   out.rate = rate;
   out.bits = bits;
@@ -458,14 +406,14 @@ int32_t open_wave_output(const char* path, int32_t rate, int32_t bits, int32_t c
   if (std::fwrite(header, 1, sizeof header, out.file) != sizeof header) {
     close_wave_output();
     remove_partial_output(path);
-    return WAVE_WRITE_ERROR;
+    return format::ERR_WRITE;
   }
-  return WAVE_OK;
+  return format::ERR_OK;
 }
 
 int32_t write_wave_frame(int32_t left, int32_t right) {
   WaveOutput& out = wave_out;
-  if (!out.file) return WAVE_WRITE_ERROR;
+  if (!out.file) return format::ERR_WRITE;
   int32_t l = clip16(left);
   int32_t r = clip16(right);
   uint8_t* p = out.buffer + size_t(out.fill) * size_t(out.bytes_per_frame);
@@ -484,11 +432,11 @@ int32_t write_wave_frame(int32_t left, int32_t right) {
   }
   ++out.fill;
   if (out.fill * out.bytes_per_frame >= WAVE_OUT_FLUSH_BYTES && !flush_output()) {
-    out.status = WAVE_WRITE_ERROR;
+    out.status = format::ERR_WRITE;
     close_wave_output();
-    return WAVE_WRITE_ERROR;
+    return format::ERR_WRITE;
   }
-  return WAVE_OK;
+  return format::ERR_OK;
 }
 
 int32_t close_wave_output() {
@@ -497,9 +445,9 @@ int32_t close_wave_output() {
     // Nothing open: a close after the close that a failed write made, or before any open.
     std::free(out.buffer);
     out = WaveOutput{};
-    return WAVE_OK;
+    return format::ERR_OK;
   }
-  bool ok = out.status == WAVE_OK && flush_output();
+  bool ok = out.status == format::ERR_OK && flush_output();
   uint8_t header[WAVE_HEADER_BYTES];
   make_wave_header(header, out.rate, out.bits, out.channels, uint32_t(out.frames * out.bytes_per_frame));
   if (std::fseek(out.file, 0, SEEK_SET) != 0 || std::fwrite(header, 1, sizeof header, out.file) != sizeof header)
@@ -507,7 +455,7 @@ int32_t close_wave_output() {
   if (std::fclose(out.file) != 0) ok = false;
   std::free(out.buffer);
   out = WaveOutput{};
-  return ok ? WAVE_OK : WAVE_WRITE_ERROR;
+  return ok ? format::ERR_OK : format::ERR_WRITE;
 }
 
 }  // namespace tools

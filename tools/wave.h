@@ -9,7 +9,7 @@
 //
 // Threads: there is one reader and one writer in the process, for one job at a time. The job's
 // start opens both on the main thread before the job thread exists; from then on only the job
-// thread touches them. parse_wave_header, probe_wave_file and wave_problem_text are free of shared
+// thread touches them. parse_wave_header and probe_wave_file are free of shared
 // state and may be called from anywhere.
 #pragma once
 
@@ -17,22 +17,9 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "format/errors.h"
+
 namespace tools {
-
-// Result codes of the WAVE functions and of the resampler. The texts are what the progress window
-// shows for each (wave_code_text).
-enum WaveCode : int32_t {
-  WAVE_OK = 0,
-  WAVE_READ_ERROR = 1,    // file cannot be opened, sought or read
-  WAVE_WRITE_ERROR = 2,   // write failed
-  WAVE_NO_MEMORY = 7,     // allocation failed
-  WAVE_CHUNK_ERROR = 23,  // the header's chunks run beyond the bytes read
-  WAVE_BAD_FORMAT = 58,   // not a WAVE file, or a format that is not supported
-  WAVE_NO_DATA = 63,      // no data
-};
-
-// The progress window's text for a code, or nullptr for 0 and unknown codes.
-const char* wave_code_text(int32_t code);
 
 // Input is held in halves of half a megabyte of 16-bit stereo frames (131072 frames each), so that
 // a sample frame costs a few compares; the file's bytes pass through a staging area on their way.
@@ -49,7 +36,7 @@ constexpr int32_t WAVE_TAG_PCM = 1;
 constexpr int32_t WAVE_TAG_FLOAT = 3;
 constexpr int32_t WAVE_TAG_EXTENSIBLE = 0xFFFE;
 
-// Why a header was refused, for the message that tells the user (wave_problem_text).
+// Why a header was refused, for the message that tells the user (session::wave_problem_message).
 enum WaveProblem : int32_t {
   WAVE_PROBLEM_NONE = 0,
   WAVE_PROBLEM_NOT_RIFF = 1,    // neither "RIFF" nor "WAVE" where a WAVE file has them
@@ -104,15 +91,15 @@ struct WaveOutput {
   int32_t bytes_per_frame = 0;
   int32_t fill = 0;    // frames in the buffer
   int64_t frames = 0;  // frames written to the file so far
-  int32_t status = 0;  // WAVE_WRITE_ERROR once a write has failed
+  int32_t status = 0;  // format::ERR_WRITE once a write has failed
 };
 
 extern WaveInput wave_in;
 extern WaveOutput wave_out;
 
 // Parses a WAVE header from the first length bytes of a file, walking its chunks in any order up to
-// "data" (odd-sized chunks are followed by a pad byte). Returns WAVE_OK with the header filled;
-// WAVE_CHUNK_ERROR when more bytes are needed; WAVE_BAD_FORMAT, with h.problem saying why, when the
+// "data" (odd-sized chunks are followed by a pad byte). Returns format::ERR_OK with the header filled;
+// format::ERR_WAVE_CHUNK when more bytes are needed; format::ERR_WAVE_FORMAT, with h.problem saying why, when the
 // bytes are not a WAVE header the reader takes.
 int32_t parse_wave_header(const uint8_t* buffer, int32_t length, WaveHeader& h);
 // The same, giving the header's facts one by one.
@@ -120,13 +107,11 @@ int32_t parse_wave_header(const uint8_t* buffer, int32_t length, int32_t& rate, 
                           uint32_t& data_size, int32_t& data_offset);
 // Walks the chunks of the file at path, however far its "data" chunk lies, and cuts the data size
 // to what the file holds (a size beyond the file's end means "to the end of the file"). Returns
-// WAVE_OK, WAVE_READ_ERROR, WAVE_BAD_FORMAT or WAVE_NO_DATA (no "data" chunk); h.problem says why.
+// format::ERR_OK, format::ERR_READ, format::ERR_WAVE_FORMAT or format::ERR_WAVE_NO_DATA (no "data" chunk); h.problem
+// says why.
 int32_t probe_wave_file(const char* path, WaveHeader& h);
-// The message for a refused header: the code's text and what the file is, e.g.
-// "データにエラー (3チャンネルのWAVE: モノラルかステレオのみ)". Returns text.
-char* wave_problem_text(int32_t code, const WaveHeader& h, char* text, size_t size);
 
-// Opens path, finds its header and fills the first half. Returns a WaveCode; on failure nothing
+// Opens path, finds its header and fills the first half. Returns a format::Error; on failure nothing
 // stays open or allocated. bits is the container size as in WaveHeader; header, when given,
 // receives the whole header (with the problem on a refusal).
 int32_t open_wave_input(const char* path, int32_t& rate, int32_t& bits, int32_t& channels, uint32_t& data_size,
@@ -139,17 +124,20 @@ void read_wave_frame(int64_t index, int32_t& left, int32_t& right);
 // Closes the input and frees its buffer; harmless when nothing is open.
 void close_wave_input();
 
-// Allocates the output buffer (else WAVE_NO_MEMORY), creates path (else WAVE_READ_ERROR) and writes
-// the first header with data_size_estimate as the data size (else WAVE_WRITE_ERROR, file removed).
+// Allocates the output buffer (else format::ERR_NO_MEMORY), creates path (else format::ERR_CREATE_OUTPUT) and writes
+// the first header with data_size_estimate as the data size (else format::ERR_WRITE, file removed).
 int32_t open_wave_output(const char* path, int32_t rate, int32_t bits, int32_t channels, uint32_t data_size_estimate);
-// Clips both values to 16 bits and stores the frame in the output's format. Returns WAVE_OK, or
-// WAVE_WRITE_ERROR after a failed flush, which has already closed the output.
+// Clips both values to 16 bits and stores the frame in the output's format. Returns format::ERR_OK, or
+// format::ERR_WRITE after a failed flush, which has already closed the output.
 int32_t write_wave_frame(int32_t left, int32_t right);
 // Flushes, rewrites the header with the true sizes, closes the file and frees the buffer. Returns
-// WAVE_WRITE_ERROR when the flush or the header write failed (the file is closed all the same); a
-// second close does nothing and returns WAVE_OK.
+// format::ERR_WRITE when the flush or the header write failed (the file is closed all the same); a
+// second close does nothing and returns format::ERR_OK.
 int32_t close_wave_output();
 
+// Whether writing out_path would overwrite in_path: the same regular file by device and inode,
+// through any link. A path that does not exist yet is never the same.
+bool same_file(const char* in_path, const char* out_path);
 // Deletes a tool's unfinished output file. Only a regular file goes: an output named by a device
 // (/dev/null, /dev/full) or a pipe stays.
 void remove_partial_output(const char* path);

@@ -25,16 +25,32 @@ TEST(DecodeCli, UsageErrorsExitWithTwo) {
   EXPECT_EQ(test::run(cli() + " --help >/dev/null"), 0);
 }
 
-TEST(DecodeCli, UnwritableOutputIsTheSystemsMessage) {
+// Messages speak the locale's language: Japanese for a Japanese one (generated on the machine or
+// not), English for any other; a failed write is a write error, not a read error.
+TEST(DecodeCli, MessagesFollowTheLocale) {
   REQUIRE_TOOL("sox");
   REQUIRE_TOOL("twolame");
   test::TempDir dir;
-  std::string wav = dir.file("in.wav"), mp2 = dir.file("in.mp2");
+  std::string wav = dir.file("in.wav"), mp2 = dir.file("in.mp2"), junk = dir.file("junk.mp3");
   ASSERT_EQ(test::run("sox -q -n -r 44100 -c 1 -b 16 " + wav + " synth 0.2 sine 440"), 0);
   ASSERT_EQ(test::run("twolame --quiet -m m -b 64 " + wav + " " + mp2), 0);
-  std::string err = test::run_output(cli() + " decode " + mp2 + " " + dir.file("no/dir/out.wav") + " 2>&1");
-  EXPECT_NE(err.find("TOVRA: 出力ファイルを作成できません"), std::string::npos) << err;
-  EXPECT_EQ(test::run(cli() + " decode " + mp2 + " " + dir.file("ok.wav") + " 2>/dev/null"), 0);
+  test::write_file(junk, std::vector<uint8_t>(4096, 0x5A));
+  const std::string missing = dir.file("missing.mp3");
+  auto said = [&](const char* lang, const std::string& args) {
+    return test::run_output("LC_ALL= LANGUAGE= LANG=" + std::string(lang) + " " + cli() + " " + args + " 2>&1");
+  };
+  const std::string runs[] = {"decode " + missing + " " + dir.file("o.wav"), "decode " + junk + " " + dir.file("o.wav"),
+                              "decode " + mp2 + " /dev/full",
+                              "resample " + wav + " " + dir.file("no/o.wav") + " --rate 8000"};
+  const std::string english[] = {"TOVRA: Cannot open '" + missing + "'\n", "TOVRA: '" + junk + "' is not MPEG audio\n",
+                                 "TOVRA Error: Write error\n", "TOVRA: Cannot create the output file\n"};
+  const std::string japanese[] = {"TOVRA: '" + missing + "'が開けない\n",
+                                  "TOVRA: '" + junk + "' は MPEGｵｰﾃﾞｨｵ ではない\n", "TOVRA Error: 書込みエラー\n",
+                                  "TOVRA: 出力ファイルを作成できません\n"};
+  for (size_t i = 0; i < std::size(runs); ++i) {
+    EXPECT_EQ(said("C", runs[i]), english[i]);
+    EXPECT_EQ(said("ja_JP.UTF-8", runs[i]), japanese[i]);
+  }
 }
 
 // Ctrl+C presses Cancel: the job ends, its partial output is removed, and the status says so.

@@ -19,6 +19,9 @@ done
 grep -q "^tovra $version" <<<"$(MANWIDTH=80 man -l "$prefix/share/man/man1/tovra-cli.1" | col -b | tail -1)" ||
   { echo "tovra-cli.1 lacks its version"; exit 1; }
 [ -f "$prefix/share/bash-completion/completions/tovra-cli" ]
+# The installed program finds its catalogue under the prefix.
+said=$(LC_ALL= LANGUAGE= LANG=ja_JP.UTF-8 "$prefix/bin/tovra-cli" decode "$prefix/none.mp3" "$prefix/o.wav" 2>&1 || true)
+[ "$said" = "TOVRA: '$prefix/none.mp3'が開けない" ] || { echo "a Japanese locale got: $said"; exit 1; }
 
 if [ -x "$prefix/bin/tovra" ]; then
   for f in share/applications/tovra.desktop share/metainfo/org.tovra.tovra.metainfo.xml \

@@ -17,6 +17,7 @@
 #include "session/messages.h"
 #include "session/session.h"
 #include "session/stream.h"
+#include "session/tool_jobs.h"
 #include "support/support.h"
 
 namespace {
@@ -260,7 +261,7 @@ TEST(EncodeJob, ShortInputWrapperAndCancel) {
   EncoderParams p;
   session::Job job;
   encoder::EncodeJob enc;
-  ASSERT_EQ(encoder::encoder_start(job, enc, shorter.c_str(), out.c_str(), p, 0, true), encoder::ENCODE_OK);
+  ASSERT_EQ(session::start_encode(job, enc, shorter.c_str(), out.c_str(), p, 0, true), format::ERR_OK);
   session::wait_job(job);
   EXPECT_EQ(job.end.load(), session::JOB_END_DONE);
   std::vector<uint8_t> bytes = test::read_file(out);
@@ -272,7 +273,7 @@ TEST(EncodeJob, ShortInputWrapperAndCancel) {
   // Layer III in its 70-byte wrapper, format tag 85, which our stream opening takes as MPEG audio.
   EncoderParams p3 = p;
   p3.layer = 3;
-  ASSERT_EQ(encoder::encoder_start(job, enc, shorter.c_str(), out.c_str(), p3, 0, true), encoder::ENCODE_OK);
+  ASSERT_EQ(session::start_encode(job, enc, shorter.c_str(), out.c_str(), p3, 0, true), format::ERR_OK);
   session::wait_job(job);
   bytes = test::read_file(out);
   ASSERT_GT(bytes.size(), size_t(encoder::MP3_WAVE_HEADER_BYTES));
@@ -286,7 +287,7 @@ TEST(EncodeJob, ShortInputWrapperAndCancel) {
   cancel_on_progress = &job;
   for (int32_t leave = 0; leave <= 1; ++leave) {
     session::options.leave = leave;
-    ASSERT_EQ(encoder::encoder_start(job, enc, longer.c_str(), out.c_str(), p, 128, false), encoder::ENCODE_OK);
+    ASSERT_EQ(session::start_encode(job, enc, longer.c_str(), out.c_str(), p, 128, false), format::ERR_OK);
     session::wait_job(job);
     EXPECT_EQ(job.end.load(), session::JOB_END_CANCELLED);
     EXPECT_EQ(enc.frames_written, 1);  // the Cancel pressed at frame 0 stops the job at frame 1
@@ -296,10 +297,10 @@ TEST(EncodeJob, ShortInputWrapperAndCancel) {
   }
   cancel_on_progress = nullptr;
   session::options.leave = 0;
-  EXPECT_EQ(encoder::encoder_start(job, enc, dir.file("none.wav").c_str(), out.c_str(), p, 0, false),
-            encoder::ENCODE_NO_INPUT);
-  EXPECT_EQ(encoder::encoder_start(job, enc, longer.c_str(), out.c_str(), p, 999, false), encoder::ENCODE_BAD_PARAMS);
-  EXPECT_EQ(encoder::encoder_start(job, enc, longer.c_str(), longer.c_str(), p, 0, false), encoder::ENCODE_SAME_FILE);
+  EXPECT_EQ(session::start_encode(job, enc, dir.file("none.wav").c_str(), out.c_str(), p, 0, false),
+            format::ERR_OPEN_INPUT);
+  EXPECT_EQ(session::start_encode(job, enc, longer.c_str(), out.c_str(), p, 999, false), format::ERR_BAD_PARAMS);
+  EXPECT_EQ(session::start_encode(job, enc, longer.c_str(), longer.c_str(), p, 0, false), format::ERR_SAME_FILE);
   session::set_window_open(session::WINDOW_PROGRESS, false);
   session::set_sink({});
 }

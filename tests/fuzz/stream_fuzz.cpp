@@ -60,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   // The job opens and closes both files itself.
   session::Job job;
-  if (session::start_decode_file(job, in_path.c_str(), out_path.c_str()) == session::START_OK) session::wait_job(job);
+  if (session::start_decode_file(job, in_path.c_str(), out_path.c_str()) == format::ERR_OK) session::wait_job(job);
 
   session::ProbeInfo info;
   session::probe_file(in_path.c_str(), info);

@@ -151,7 +151,7 @@ TEST(BatchWindow, ThreeModesFillSaveLoadAndConvertLikeTheCli) {
   p.save(dir.file("enc.m3e"));
   p.shot("batch_encode");
   p.keys(p.batch(), "Return");
-  bool remaining = wait_until([&] { return p.title().find("残り") != std::string::npos; });
+  bool remaining = wait_until([&] { return p.title().find(" min left") != std::string::npos; });
   test::run("xdotool mousemove --sync 100 185 click 1");
   p.keys(p.batch(), "Delete");
   p.shot("batch_encode_running");

@@ -73,7 +73,7 @@ TEST_F(LibraryTest, SaveReplacesTheFileWholeAndKeepsItsPermissionsAndLinks) {
 TEST_F(LibraryTest, OversizedTextFilesAreRefusedAndKept) {
   static int boxes = 0;
   boxes = 0;
-  session::set_sink({nullptr, [](const char*, const char*, int32_t) { return ++boxes, int32_t(session::ANSWER_OK); }});
+  session::set_sink({nullptr, [](int32_t, const char*, int32_t) { return ++boxes, int32_t(session::ANSWER_OK); }});
   std::string lines;
   while (lines.size() <= TEXT_FILE_MAX_BYTES) lines += "[Settings]\nVolume=1\n";
   const std::string big = write_text("big.ini", lines);

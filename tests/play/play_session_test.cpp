@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "play_support.h"
+#include "session/message_text.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ TEST_F(PlaySession, PauseHoldsTheDeviceAndPlayResumesTheSameTrack) {
   session::play_command(0);
   ASSERT_TRUE(wait_until([] { return output::test_device_record().played_blocks >= 3; }));
   EXPECT_EQ(state.play_requested.load(), 0);  // cleared once the device was open
-  EXPECT_EQ(session::start_play(), session::START_BUSY);
+  EXPECT_EQ(session::start_play(), format::ERR_BUSY);
 
   session::pause_command();
   EXPECT_EQ(state.paused.load(), 1);
@@ -32,7 +33,7 @@ TEST_F(PlaySession, PauseHoldsTheDeviceAndPlayResumesTheSameTrack) {
   EXPECT_EQ(count_of(output::test_device_record().calls, 'O'), 1);
   // The same goes for start_play itself.
   session::pause_command();
-  EXPECT_EQ(session::start_play(), session::START_OK);
+  EXPECT_EQ(session::start_play(), format::ERR_OK);
   EXPECT_EQ(state.paused.load(), 0);
 
   session::pause_command();
@@ -45,7 +46,7 @@ TEST_F(PlaySession, ForwardNeedsMoreThanTheStepLeft) {
   // 401 frames: with the decoder about 232 frames ahead of the listener it is within the last 320,
   // so a forward changes nothing and the whole track is heard.
   add_track("short.mp2", silent_layer2(401));
-  ASSERT_EQ(session::start_play(), session::START_OK);
+  ASSERT_EQ(session::start_play(), format::ERR_OK);
   ASSERT_TRUE(wait_lead_full());
   int32_t count = output::wave.output_count.load();
   session::seek_forward();
@@ -63,7 +64,7 @@ TEST_F(PlaySession, ForwardNeedsMoreThanTheStepLeft) {
   output::test_device_clear();
   library::reset_playlist();
   add_track("long.mp2", silent_layer2(2000));
-  ASSERT_EQ(session::start_play(), session::START_OK);
+  ASSERT_EQ(session::start_play(), format::ERR_OK);
   ASSERT_TRUE(wait_lead_full());
   session::seek_forward();
   output::test_device_play(1);
@@ -76,7 +77,7 @@ TEST_F(PlaySession, ForwardNeedsMoreThanTheStepLeft) {
 
 TEST_F(PlaySession, BackNeedsTheStepBehind) {
   add_track("long.mp2", silent_layer2(2000));
-  ASSERT_EQ(session::start_play(), session::START_OK);
+  ASSERT_EQ(session::start_play(), format::ERR_OK);
   ASSERT_TRUE(wait_lead_full());
   // About 232 frames decoded: too few to go back 320. Nothing happens, and the word returns.
   session::seek_back();
@@ -102,7 +103,7 @@ TEST_F(PlaySession, BackNeedsTheStepBehind) {
 
 TEST_F(PlaySession, JumpsAtAnyMomentPrimingIncludedLeaveTheSessionWhole) {
   add_track("long.mp2", silent_layer2(3000));
-  ASSERT_EQ(session::start_play(), session::START_OK);
+  ASSERT_EQ(session::start_play(), format::ERR_OK);
   // A jump before the first frame would stop the session; the first block at the device means the
   // frame loop runs.
   ASSERT_TRUE(wait_until([] { return !output::test_device_record().lengths.empty(); }));
@@ -169,7 +170,7 @@ TEST_F(PlaySession, JumpsGiveTheSamplesOfAStraightDecode) {
     library::reset_playlist();
     add_track(layer.name, test::read_file(in));
     output::test_device_clear();
-    ASSERT_EQ(session::start_play(), session::START_OK);
+    ASSERT_EQ(session::start_play(), format::ERR_OK);
     // Targets as fractions of the track; the last lies within the decoder's lead of the end.
     std::vector<int32_t> targets;
     for (int32_t per_mille : {20, 610, 130, 370, 5, 960}) targets.push_back(frames * per_mille / 1000);
@@ -222,7 +223,7 @@ TEST_F(PlaySession, AnEndReachedWhileAJumpIsHandledStillEndsTheTrack) {
     library::reset_playlist();
     add_track("tail" + std::to_string(round) + ".mp2", bytes);
     output::test_device_clear();
-    ASSERT_EQ(session::start_play(), session::START_OK);
+    ASSERT_EQ(session::start_play(), format::ERR_OK);
     ASSERT_TRUE(wait_until([] { return !output::test_device_record().lengths.empty(); }));
     ASSERT_TRUE(wait_lead_full());
     session::seek_frame(298);
@@ -296,9 +297,9 @@ TEST_F(PlaySession, EntriesThatWontPlayAreReportedAndTheListGoesOn) {
   ASSERT_TRUE(wait_session_end());
   EXPECT_EQ(count_of(output::test_device_record().calls, 'O'), 2);  // a and c
   std::vector<std::string> texts;
-  for (const Box& b : boxes_shown()) texts.push_back(b.text);
+  for (const Box& b : boxes_shown()) texts.push_back(session::message_text(b.code, b.arg.c_str()));
   for (const std::string& want :
-       {"'" + missing + "'が開けない", "'" + gone + "'が開けない", "'" + junk + "' は MPEGｵｰﾃﾞｨｵ ではない"})
+       {"Cannot open '" + missing + "'", "Cannot open '" + gone + "'", "'" + junk + "' is not MPEG audio"})
     EXPECT_NE(std::find(texts.begin(), texts.end(), want), texts.end()) << want;
   EXPECT_EQ(library::playlist_length(), 5);
   EXPECT_EQ(library::playlist.entries[0].path, junk);
@@ -333,8 +334,8 @@ TEST_F(PlaySession, AUrlInTheListEndsTheSessionAfterTheDrainAndStays) {
   ASSERT_TRUE(wait_session_end());
   std::vector<Box> b = boxes_shown();
   ASSERT_EQ(b.size(), 1u);
-  EXPECT_EQ(b[0].caption, "TOVRA");
-  EXPECT_EQ(b[0].text, "URL'Mms://radio/stream'は使えない");
+  EXPECT_EQ(b[0].code, format::ERR_URL);
+  EXPECT_EQ(b[0].arg, "Mms://radio/stream");
   EXPECT_EQ(output::test_device_record().played_blocks, 2);  // the track before it drained
   EXPECT_EQ(library::playlist.current_entry.load(), 1);
   EXPECT_STREQ(library::playlist.entries[1].path, "Mms://radio/stream");
@@ -354,8 +355,8 @@ TEST_F(PlaySession, AStartThatFailsRemovesTheEntryOrNotByItsCode) {
   EXPECT_EQ(state.play_requested.load(), 0);
   std::vector<Box> b = boxes_shown();
   ASSERT_EQ(b.size(), 1u);
-  EXPECT_EQ(b[0].caption, "TOVRA");
-  EXPECT_EQ(b[0].text, "URL'HTTP://host/a.mp3'は使えない");
+  EXPECT_EQ(b[0].code, format::ERR_URL);
+  EXPECT_EQ(b[0].arg, "HTTP://host/a.mp3");
   EXPECT_EQ(library::playlist_length(), 3);
   EXPECT_EQ(std::string(library::playlist.entries[1].path), missing);
 

@@ -26,15 +26,16 @@
 namespace play_test {
 
 struct Box {
-  std::string caption, text;
+  int32_t code;
+  std::string arg;
 };
 
 inline std::mutex box_lock;
 inline std::vector<Box> boxes;
 
-inline int32_t record_box(const char* caption, const char* text, int32_t) {
+inline int32_t record_box(int32_t code, const char* arg, int32_t) {
   std::lock_guard<std::mutex> lock(box_lock);
-  boxes.push_back({caption, text});
+  boxes.push_back({code, arg ? arg : ""});
   return session::ANSWER_OK;
 }
 

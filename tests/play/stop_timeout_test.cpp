@@ -20,7 +20,7 @@ int stop_on_a_session_that_hangs(const std::string& track) {
     for (;;) sleep_ms(1000);
   };
   library::append_entry(track.c_str());
-  if (session::start_play() != session::START_OK) return 1;
+  if (session::start_play() != format::ERR_OK) return 1;
   if (!wait_until([] { return hook_entered.load() == 1; })) return 2;
   int32_t generation = session::play_generation.load();
   auto begin = std::chrono::steady_clock::now();
@@ -29,7 +29,7 @@ int stop_on_a_session_that_hangs(const std::string& track) {
   // 200 x 40 ms and 200 ms: the sleeps alone come to 8.2 seconds.
   if (waited.count() < 8200) return 3;
   std::vector<Box> b = boxes_shown();
-  if (b.size() != 1 || b[0].caption != "TOVRA Error" || b[0].text != "タイムアウト") return 4;
+  if (b.size() != 1 || b[0].code != format::ERR_TIMEOUT) return 4;
   if (state.decoder_running.load() != 0 || session::play_thread_handle.load() != 0) return 5;
   if (session::play_generation.load() == generation) return 6;
   if (output::ring.ring_base != nullptr) return 7;  // forgotten, not freed: the old thread may still write

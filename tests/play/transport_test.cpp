@@ -83,7 +83,7 @@ TEST_F(Transport, AJumpLeftStandingDoesNotBlockTheNextStart) {
   add_track("a.mp2", silent_layer2(21));
   session::seek_frame(3);
   output::test_device_set_player(1);
-  EXPECT_EQ(session::start_play(), session::START_OK);
+  EXPECT_EQ(session::start_play(), format::ERR_OK);
   EXPECT_TRUE(wait_session_end());
   EXPECT_EQ(output::test_device_record().played_blocks, 6);  // 21 frames: five blocks and a padded one
 }

@@ -9,6 +9,7 @@
 #include "decoder/decoder.h"
 #include "session/messages.h"
 #include "session/session.h"
+#include "session/tool_jobs.h"
 #include "support/support.h"
 #include "tools/split.h"
 
@@ -40,7 +41,7 @@ void record(int32_t window, int32_t msg, int64_t wparam, int64_t lparam, bool) {
   }
 }
 
-int32_t answer_box(const char*, const char*, int32_t) { return session::ANSWER_OK; }
+int32_t answer_box(int32_t, const char*, int32_t) { return session::ANSWER_OK; }
 
 std::vector<uint8_t> silent_layer2(int frames) { return test::silent_layer2(frames, true); }
 
@@ -71,7 +72,7 @@ TEST_F(FileJob, ReportsEveryTenFramesThenTheTotalAndTheEnd) {
   bytes.insert(bytes.end(), {0xFF, 0xFF, 0xFF, 0x12});
   std::string in = dir.file("in.mp2"), out = dir.file("out.raw");
   test::write_file(in, bytes);
-  ASSERT_EQ(session::start_decode_file(job, in.c_str(), out.c_str()), session::START_OK);
+  ASSERT_EQ(session::start_decode_file(job, in.c_str(), out.c_str()), format::ERR_OK);
   session::wait_job(job);
 
   std::vector<int64_t> seen;  // message, wparam
@@ -110,7 +111,7 @@ TEST_F(FileJob, EachFileAfterAnotherDecodesAsInAFreshProcess) {
   for (const std::string& in : files) {
     SCOPED_TRACE(in);
     const std::string ours = in + ".raw", fresh = in + ".fresh.raw";
-    ASSERT_EQ(session::start_decode_file(job, in.c_str(), ours.c_str()), session::START_OK);
+    ASSERT_EQ(session::start_decode_file(job, in.c_str(), ours.c_str()), format::ERR_OK);
     session::wait_job(job);
     ASSERT_EQ(job.end.load(), session::JOB_END_DONE);
     ASSERT_EQ(test::run(test::cli_path() + " decode " + in + " " + fresh + " --format raw 2>/dev/null"), 0);
@@ -127,9 +128,9 @@ TEST_F(FileJob, CancelEndsTheJobAndRemovesTheOutputUnlessLeave) {
     cancel_at = 10;
     std::string in = dir.file("in.mp2"), out = dir.file("out" + std::to_string(leave) + ".raw");
     test::write_file(in, silent_layer2(40));
-    ASSERT_EQ(session::start_decode_file(job, in.c_str(), out.c_str()), session::START_OK);
+    ASSERT_EQ(session::start_decode_file(job, in.c_str(), out.c_str()), format::ERR_OK);
     session::wait_job(job);
-    EXPECT_EQ(busy_code, session::START_BUSY);
+    EXPECT_EQ(busy_code, format::ERR_BUSY);
     // Cancel is seen before the next frame is decoded: no total, just the end.
     ASSERT_EQ(recorded.size(), 2u);
     EXPECT_EQ(recorded[1].msg, session::MSG_PROGRESS_END);
@@ -147,13 +148,13 @@ TEST_F(FileJob, CancelBelongsToItsJob) {
     for (int i = 0; i < 40; ++i) stream.insert(stream.end(), {0x00, 0x00, 0x01, 0xC0, 0x00, 0x01, 0x0F});
     test::write_file(tmp->file("in.mpg"), stream);
     session::Job other;
-    ASSERT_EQ(tools::start_split(other, tmp->file("in.mpg").c_str(), tmp->file("out.mpa").c_str()), 0);
+    ASSERT_EQ(session::start_split(other, tmp->file("in.mpg").c_str(), tmp->file("out.mpa").c_str()), 0);
     other.cancel.store(1);
     session::wait_job(other);
   };
   std::string in = dir.file("in.mp2"), out = dir.file("out.raw");
   test::write_file(in, silent_layer2(40));
-  ASSERT_EQ(session::start_decode_file(job, in.c_str(), out.c_str()), session::START_OK);
+  ASSERT_EQ(session::start_decode_file(job, in.c_str(), out.c_str()), format::ERR_OK);
   session::wait_job(job);
   EXPECT_EQ(job.end.load(), session::JOB_END_DONE);
   EXPECT_EQ(test::read_file(out).size(), 40u * 2 * 1152);
@@ -164,18 +165,18 @@ TEST_F(FileJob, RefusedStartsLeaveNoFileAndNeverTouchTheInput) {
   test::write_file(good, silent_layer2(3));
   test::write_file(junk, std::vector<uint8_t>(5000, 0x55));
 
-  EXPECT_EQ(session::start_decode_file(job, dir.file("missing.mp2").c_str(), out.c_str()), session::START_NO_INPUT);
+  EXPECT_EQ(session::start_decode_file(job, dir.file("missing.mp2").c_str(), out.c_str()), format::ERR_OPEN_INPUT);
   EXPECT_EQ(session::start_decode_file(job, good.c_str(), dir.file("no/such/folder.raw").c_str()),
-            session::START_NO_OUTPUT);
+            format::ERR_OPEN_OUTPUT);
   // No frame anywhere: refused before the output is made; a file standing there stays as it was.
   test::write_file(out, {1, 2, 3});
-  EXPECT_EQ(session::start_decode_file(job, junk.c_str(), out.c_str()), session::START_OPEN_FAILED);
+  EXPECT_EQ(session::start_decode_file(job, junk.c_str(), out.c_str()), format::ERR_STREAM_REFUSED);
   EXPECT_EQ(test::read_file(out), (std::vector<uint8_t>{1, 2, 3}));
   EXPECT_EQ(session::reader.file, nullptr) << "a refused start closes the input";
   // The output is the input, by name, by a symbolic link or by a hard link.
   ASSERT_EQ(test::run("ln -s good.mp2 " + dir.file("soft.mp2") + " && ln " + good + " " + dir.file("hard.mp2")), 0);
   for (const char* name : {"good.mp2", "soft.mp2", "hard.mp2"})
-    EXPECT_EQ(session::start_decode_file(job, good.c_str(), dir.file(name).c_str()), session::START_SAME_FILE);
+    EXPECT_EQ(session::start_decode_file(job, good.c_str(), dir.file(name).c_str()), format::ERR_SAME_FILE);
   EXPECT_EQ(test::read_file(good), silent_layer2(3));
   EXPECT_EQ(job.busy.load(), 0);
   EXPECT_TRUE(recorded.empty());

@@ -90,6 +90,14 @@ std::string iso_dir() {
 
 std::string cli_path() { return TOVRA_CLI; }
 
+// The programs the tests run speak English whatever the developer's locale; a test that wants
+// another language sets it on the command it runs.
+const int english_messages = [] {
+  setenv("LC_ALL", "C.UTF-8", 1);
+  unsetenv("LANGUAGE");
+  return 0;
+}();
+
 Bytes silent_layer2(int frames, bool mono) {
   Bytes bytes(size_t(frames) * 417, 0);
   for (size_t at = 0; at < bytes.size(); at += 417) {

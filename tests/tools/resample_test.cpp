@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "session/tool_jobs.h"
 #include "tools/wave.h"
 #include "tools_support.h"
 
@@ -21,8 +22,8 @@ class Resample : public ToolsTest {
   int32_t run(const std::string& in, const std::string& out, int32_t rate, int32_t bits, int32_t channels,
               int32_t quality) {
     install_recorder();
-    int32_t code = tools::start_resample(tool_job, in.c_str(), dir.file(out).c_str(), rate, bits, channels, quality);
-    if (code != tools::WAVE_OK) return code;
+    int32_t code = session::start_resample(tool_job, in.c_str(), dir.file(out).c_str(), rate, bits, channels, quality);
+    if (code != format::ERR_OK) return code;
     session::wait_job(tool_job);
     std::vector<Message> status = recorded(session::MSG_PROGRESS_STATUS);
     EXPECT_EQ(status.size(), 1u);
@@ -133,7 +134,7 @@ TEST_F(Resample, OutputsFollowTheWritersRulesAndTheRates) {
   EXPECT_EQ(progress.back().lparam, 48000);
   // No audio, no output: the job is refused before a file exists.
   write_wave(dir.file("empty.wav"), 44100, 16, 2, {});
-  EXPECT_EQ(run(dir.file("empty.wav"), "e.wav", 22050, 16, 2, 21), tools::WAVE_NO_DATA);
+  EXPECT_EQ(run(dir.file("empty.wav"), "e.wav", 22050, 16, 2, 21), format::ERR_WAVE_NO_DATA);
   EXPECT_NE(access(dir.file("e.wav").c_str(), F_OK), 0);
 }
 
@@ -170,7 +171,7 @@ TEST_F(Resample, CancelFailuresAndBusy) {
     const std::string out = dir.file("out" + std::to_string(leave) + ".wav");
     install_recorder();
     recorder.cancel_on.store(session::MSG_RESAMPLE_PROGRESS);  // Cancel pressed as the first progress shows
-    ASSERT_EQ(tools::start_resample(tool_job, dir.file("in.wav").c_str(), out.c_str(), 48000, 16, 2, 21), 0);
+    ASSERT_EQ(session::start_resample(tool_job, dir.file("in.wav").c_str(), out.c_str(), 48000, 16, 2, 21), 0);
     session::wait_job(tool_job);
     EXPECT_EQ(recorded(session::MSG_PROGRESS_STATUS).size(), 0u);
     EXPECT_EQ(recorded(session::MSG_PROGRESS_END).size(), 1u);
@@ -180,22 +181,22 @@ TEST_F(Resample, CancelFailuresAndBusy) {
       EXPECT_NE(access(out.c_str(), F_OK), 0);
   }
 
-  EXPECT_EQ(run(dir.file("missing.wav"), "o.wav", 22050, 16, 2, 0), tools::WAVE_READ_ERROR);
-  EXPECT_EQ(run(dir.file("in.wav"), "no/such/dir.wav", 22050, 16, 2, 0), tools::WAVE_READ_ERROR);
+  EXPECT_EQ(run(dir.file("missing.wav"), "o.wav", 22050, 16, 2, 0), format::ERR_READ);
+  EXPECT_EQ(run(dir.file("in.wav"), "no/such/dir.wav", 22050, 16, 2, 0), format::ERR_CREATE_OUTPUT);
   test::write_file(dir.file("text.wav"), Bytes(200, 'a'));
-  EXPECT_EQ(run(dir.file("text.wav"), "o.wav", 22050, 16, 2, 0), tools::WAVE_BAD_FORMAT);
-  EXPECT_EQ(run(dir.file("in.wav"), "o.wav", 22050, 24, 2, 0), tools::WAVE_BAD_FORMAT);
+  EXPECT_EQ(run(dir.file("text.wav"), "o.wav", 22050, 16, 2, 0), format::ERR_WAVE_FORMAT);
+  EXPECT_EQ(run(dir.file("in.wav"), "o.wav", 22050, 24, 2, 0), format::ERR_WAVE_FORMAT);
   tool_job.busy.store(1);  // the job at work
-  EXPECT_EQ(run(dir.file("in.wav"), "o.wav", 22050, 16, 2, 0), tools::RESAMPLE_BUSY);
+  EXPECT_EQ(run(dir.file("in.wav"), "o.wav", 22050, 16, 2, 0), format::ERR_BUSY);
   tool_job.busy.store(0);
   if (std::FILE* probe = std::fopen("/dev/full", "wb")) {  // a disk that fills: the job ends with 2
     std::fclose(probe);
     write_wave(dir.file("long.wav"), 44100, 16, 2, noise(2 * 300000, 9));
     install_recorder();
-    ASSERT_EQ(tools::start_resample(tool_job, dir.file("long.wav").c_str(), "/dev/full", 44100, 16, 2, 0), 0);
+    ASSERT_EQ(session::start_resample(tool_job, dir.file("long.wav").c_str(), "/dev/full", 44100, 16, 2, 0), 0);
     session::wait_job(tool_job);
     ASSERT_EQ(recorded(session::MSG_PROGRESS_STATUS).size(), 1u);
-    EXPECT_EQ(recorded(session::MSG_PROGRESS_STATUS)[0].wparam, tools::WAVE_WRITE_ERROR);
+    EXPECT_EQ(recorded(session::MSG_PROGRESS_STATUS)[0].wparam, format::ERR_WRITE);
   }
 }
 
@@ -221,9 +222,9 @@ TEST_F(Resample, CommandLineRunsTheJobAndSpeaksTheSystemsTexts) {
     int status;
     const char* text;
   };
-  for (const Case& c : {Case{"text.wav", "o.wav", "8000", 1, "TOVRA Error: データにエラー"},
-                        Case{"in.wav", "o.wav", "1000", 2, "サンプルレートは2000～96000で設定してください"},
-                        Case{"in.wav", "in.wav", "8000", 2, "入力と出力で同じ名前は使えません"}}) {
+  for (const Case& c : {Case{"text.wav", "o.wav", "8000", 1, "TOVRA Error: Error in the data"},
+                        Case{"in.wav", "o.wav", "1000", 2, "Set a sampling rate from 2000 to 96000"},
+                        Case{"in.wav", "in.wav", "8000", 2, "The input and the output cannot have the same name"}}) {
     const std::string said = test::run_output(
         test::cli_path() + " resample " + dir.file(c.in) + " " + dir.file(c.out) + " --rate " + c.rate + " 2>&1",
         &status);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "session/tool_jobs.h"
 #include "tools_support.h"
 
 namespace {
@@ -49,13 +50,13 @@ class Split : public ToolsTest {
   }
   int32_t split_file(const std::string& path, Bytes* out = nullptr) {
     install_recorder();
-    int32_t started = tools::start_split(tool_job, path.c_str(), dir.file("out.mpa").c_str());
+    int32_t started = session::start_split(tool_job, path.c_str(), dir.file("out.mpa").c_str());
     EXPECT_EQ(started, 0);
     if (started != 0) return -200;
     session::wait_job(tool_job);
     if (out) *out = test::read_file(dir.file("out.mpa"));
     std::vector<Message> ends = recorded(session::MSG_SPLIT_END);
-    return ends.size() == 1 ? int32_t(ends[0].wparam) : -100;
+    return ends.size() == 1 ? tools::split_end_error(int32_t(ends[0].wparam)) : -100;
   }
   void TearDown() override { session::wait_job(tool_job); }
 };
@@ -71,7 +72,7 @@ TEST_F(Split, WritesTheAudioPayloadsAndSkipsEverythingElse) {
                  unit(0xBD, Bytes(33, 0x01)) + unit(0xC0, NO_STAMP + a5) + Bytes(8, 0) + unit(0xC0, PTS_DTS + a6) +
                  end_code();
   Bytes out;
-  EXPECT_EQ(split(stream, &out), tools::SPLIT_OK);
+  EXPECT_EQ(split(stream, &out), format::ERR_OK);
   EXPECT_EQ(out, a1 + a2 + a3 + a4 + a5 + a6);
 
   // Progress with each audio packet, at the position behind it; the end with the bytes read.
@@ -97,31 +98,31 @@ TEST_F(Split, EndsWhereTheFileOrTheStreamEnds) {
                           Bytes(whole.begin(), whole.begin() + 17),
                           pack() + unit(0xD0, PTS + Bytes(400, 5)) + unit(0xE0, PTS + Bytes(40, 6)) + end_code()};
   for (const Bytes& in : silent) {
-    EXPECT_EQ(split(in), tools::SPLIT_NO_AUDIO) << in.size();
+    EXPECT_EQ(split(in), format::ERR_NO_AUDIO_FRAMES) << in.size();
     EXPECT_NE(access(dir.file("out.mpa").c_str(), F_OK), 0) << in.size();
   }
 }
 
 TEST_F(Split, RefusesWhatIsNotAnMpeg1SystemStream) {
   // An MPEG audio file: refused at its first two bytes.
-  EXPECT_EQ(split(Bytes{0xFF, 0xFB, 0x90, 0x64, 0, 0, 0, 0}), tools::SPLIT_BAD_START_CODE);
+  EXPECT_EQ(split(Bytes{0xFF, 0xFB, 0x90, 0x64, 0, 0, 0, 0}), format::ERR_NOT_SYSTEM);
   // Zeros are stepped over four at a time: six zeros in front of a code put it out of step.
   Bytes zeros4 = Bytes(4, 0) + pack() + unit(0xC0, PTS + Bytes(3, 9));
   Bytes out;
-  EXPECT_EQ(split(zeros4, &out), tools::SPLIT_OK);
+  EXPECT_EQ(split(zeros4, &out), format::ERR_OK);
   EXPECT_EQ(out, Bytes(3, 9));
-  EXPECT_EQ(split(Bytes(6, 0) + pack()), tools::SPLIT_BAD_START_CODE);
+  EXPECT_EQ(split(Bytes(6, 0) + pack()), format::ERR_NOT_SYSTEM);
 
   // The MPEG-2 packet header is the error of its packet's kind.
-  EXPECT_EQ(split(pack() + unit(0xE0, MPEG2_HEADER + Bytes(20, 0))), tools::SPLIT_BAD_VIDEO_HEADER);
+  EXPECT_EQ(split(pack() + unit(0xE0, MPEG2_HEADER + Bytes(20, 0))), format::ERR_VIDEO_FRAME);
   // A refused stream leaves no output, even behind audio already written.
   EXPECT_EQ(split(pack() + unit(0xC0, PTS + Bytes(10, 1)) + unit(0xC0, MPEG2_HEADER + Bytes(20, 0))),
-            tools::SPLIT_BAD_AUDIO_HEADER);
+            format::ERR_AUDIO_FRAME);
   EXPECT_NE(access(dir.file("out.mpa").c_str(), F_OK), 0);
   // A header that doesn't fit its packet, and one of stuffing alone, are bad headers too.
-  EXPECT_EQ(split(pack() + unit(0xC0, Bytes{0x21, 0x00})), tools::SPLIT_BAD_AUDIO_HEADER);
-  EXPECT_EQ(split(pack() + unit(0xE0, Bytes(30, 0xFF))), tools::SPLIT_BAD_VIDEO_HEADER);
-  EXPECT_EQ(split(pack() + unit(0xC0, Bytes{})), tools::SPLIT_BAD_AUDIO_HEADER);
+  EXPECT_EQ(split(pack() + unit(0xC0, Bytes{0x21, 0x00})), format::ERR_AUDIO_FRAME);
+  EXPECT_EQ(split(pack() + unit(0xE0, Bytes(30, 0xFF))), format::ERR_VIDEO_FRAME);
+  EXPECT_EQ(split(pack() + unit(0xC0, Bytes{})), format::ERR_AUDIO_FRAME);
 }
 
 TEST_F(Split, CancelAndRefusedStarts) {
@@ -132,7 +133,7 @@ TEST_F(Split, CancelAndRefusedStarts) {
     session::options.leave = leave;
     install_recorder();
     recorder.cancel_on.store(session::MSG_SPLIT_PROGRESS);  // Cancel as the first progress shows
-    ASSERT_EQ(tools::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("out.mpa").c_str()), 0);
+    ASSERT_EQ(session::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("out.mpa").c_str()), 0);
     session::wait_job(tool_job);
     EXPECT_EQ(recorded(session::MSG_SPLIT_END).size(), 0u);
     if (leave)
@@ -140,11 +141,13 @@ TEST_F(Split, CancelAndRefusedStarts) {
     else
       EXPECT_NE(access(dir.file("out.mpa").c_str(), F_OK), 0);
   }
-  // The start refuses a missing input (2), an output it can't make (3), a running job (1).
-  EXPECT_EQ(tools::start_split(tool_job, dir.file("missing.mpg").c_str(), dir.file("o.mpa").c_str()), 2);
-  EXPECT_EQ(tools::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("no/dir/o.mpa").c_str()), 3);
+  // The start refuses a missing input, an output it can't make, a running job.
+  EXPECT_EQ(session::start_split(tool_job, dir.file("missing.mpg").c_str(), dir.file("o.mpa").c_str()),
+            format::ERR_OPEN_INPUT);
+  EXPECT_EQ(session::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("no/dir/o.mpa").c_str()),
+            format::ERR_OPEN_OUTPUT);
   tool_job.busy.store(1);
-  EXPECT_EQ(tools::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("o.mpa").c_str()), 1);
+  EXPECT_EQ(session::start_split(tool_job, dir.file("in.mpg").c_str(), dir.file("o.mpa").c_str()), format::ERR_BUSY);
   tool_job.busy.store(0);
 }
 
@@ -158,7 +161,7 @@ TEST_F(Split, FfmpegsStreamGivesFfmpegsCopyOfItsAudio) {
             0);
   ASSERT_EQ(test::run("ffmpeg -v error -y -i " + in + " -map 0:a:0 -c:a copy -f mp2 " + copy + " </dev/null"), 0);
   Bytes out, want = test::read_file(copy);
-  EXPECT_EQ(split_file(in, &out), tools::SPLIT_OK);
+  EXPECT_EQ(split_file(in, &out), format::ERR_OK);
   ASSERT_GT(want.size(), 40000u);
   EXPECT_TRUE(out == want) << out.size() << " bytes, ffmpeg " << want.size();
 }
@@ -167,7 +170,7 @@ TEST_F(Split, CommandLineSpeaksTheSystemsTexts) {
   test::write_file(dir.file("in.mpg"), pack() + unit(0xC0, PTS + Bytes(10, 1)) + end_code());
   test::write_file(dir.file("bad.mpg"), Bytes{0xFF, 0xFB, 0x90, 0x64});
   const std::tuple<const char*, int, const char*> cases[] = {
-      {"in.mpg", 0, ""}, {"bad.mpg", 1, "TOVRA Error: MPEGﾌｧｲﾙではない"}, {"missing.mpg", 1, "が開けない"}};
+      {"in.mpg", 0, ""}, {"bad.mpg", 1, "TOVRA Error: Not an MPEG file"}, {"missing.mpg", 1, "Cannot open"}};
   for (const auto& [in, want_status, text] : cases) {
     int status = -1;
     const std::string said = test::run_output(

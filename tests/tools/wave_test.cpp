@@ -5,6 +5,7 @@
 
 #include <cmath>
 
+#include "session/message_text.h"
 #include "tools_support.h"
 
 namespace {
@@ -36,11 +37,11 @@ Bytes fmt_tagged(int32_t tag, int32_t rate, int32_t bits, int32_t channels, int3
 
 TEST(WaveHeader, WalksChunksAsOtherProgramsWriteThem) {
   Bytes good = wave_bytes(22050, 16, 2, std::vector<int16_t>(20, 7));
-  EXPECT_EQ(parse(good, 40), tools::WAVE_CHUNK_ERROR);  // more bytes needed
+  EXPECT_EQ(parse(good, 40), format::ERR_WAVE_CHUNK);  // more bytes needed
   // One of "RIFF" and "WAVE" is enough ("RF64" files open so); neither is refused.
-  EXPECT_EQ(parse(riff("RF64", "WAVE", {fmt_chunk(8000, 8, 1), chunk("data", 4, 4)})), tools::WAVE_OK);
-  EXPECT_EQ(parse(riff("RIFF", "AVI ", {fmt_chunk(8000, 8, 1), chunk("data", 4, 4)})), tools::WAVE_OK);
-  EXPECT_EQ(parse(riff("JUNK", "AVI ", {fmt_chunk(8000, 8, 1), chunk("data", 4, 4)})), tools::WAVE_BAD_FORMAT);
+  EXPECT_EQ(parse(riff("RF64", "WAVE", {fmt_chunk(8000, 8, 1), chunk("data", 4, 4)})), format::ERR_OK);
+  EXPECT_EQ(parse(riff("RIFF", "AVI ", {fmt_chunk(8000, 8, 1), chunk("data", 4, 4)})), format::ERR_OK);
+  EXPECT_EQ(parse(riff("JUNK", "AVI ", {fmt_chunk(8000, 8, 1), chunk("data", 4, 4)})), format::ERR_WAVE_FORMAT);
 
   // Chunks in any order before "data", odd ones followed by their pad byte, or (from writers that
   // leave it out) not; a chunk far larger than the bytes at hand asks for more.
@@ -48,14 +49,14 @@ TEST(WaveHeader, WalksChunksAsOtherProgramsWriteThem) {
   uint32_t size = 0;
   Bytes padded = chunk("LIST", 5, 6);
   Bytes b = riff("RIFF", "WAVE", {chunk("JUNK", 28, 28), fmt_chunk(8000, 8, 1), padded, chunk("data", 100, 10)});
-  ASSERT_EQ(parse(b, b.size(), &offset, &size), tools::WAVE_OK);
+  ASSERT_EQ(parse(b, b.size(), &offset, &size), format::ERR_OK);
   EXPECT_EQ(offset, 12 + 36 + 24 + 14 + 8);
   EXPECT_EQ(size, 100u);
   b = riff("RIFF", "WAVE", {fmt_chunk(8000, 8, 1), chunk("bext", 5, 5), chunk("data", 4, 4)});
-  ASSERT_EQ(parse(b, b.size(), &offset), tools::WAVE_OK);
+  ASSERT_EQ(parse(b, b.size(), &offset), format::ERR_OK);
   EXPECT_EQ(offset, 12 + 24 + 13 + 8);
   b = riff("RIFF", "WAVE", {fmt_chunk(8000, 8, 1), chunk("bext", 4000, 40)});
-  EXPECT_EQ(parse(b), tools::WAVE_CHUNK_ERROR);
+  EXPECT_EQ(parse(b), format::ERR_WAVE_CHUNK);
 }
 
 class WaveFile : public ToolsTest {
@@ -75,37 +76,37 @@ class WaveFile : public ToolsTest {
 
 TEST_F(WaveFile, RefusalsSayWhatTheFileIs) {
   int32_t r, b, c;
-  EXPECT_EQ(tools::open_wave_input(dir.file("missing.wav").c_str(), r, b, c, data_size), tools::WAVE_READ_ERROR);
+  EXPECT_EQ(tools::open_wave_input(dir.file("missing.wav").c_str(), r, b, c, data_size), format::ERR_READ);
   struct Case {
     Bytes file;
     int32_t code;
     const char* text;
   };
   const Case cases[] = {
-      {Bytes(40, 0), tools::WAVE_BAD_FORMAT, "データにエラー (RIFF WAVEファイルではない)"},
-      {riff("RIFF", "WAVE", {chunk("data", 4, 4), fmt_chunk(8000, 8, 1)}), tools::WAVE_BAD_FORMAT,
-       "データにエラー (\"data\"チャンクが\"fmt \"チャンクより前にある)"},
-      {riff("RIFF", "WAVE", {fmt_tagged(0x55, 44100, 0, 2), chunk("data", 4, 4)}), tools::WAVE_BAD_FORMAT,
-       "データにエラー (フォーマットタグ0x0055のWAVE: PCMと浮動小数点のみ)"},
-      {riff("RIFF", "WAVE", {fmt_chunk(44100, 16, 6), chunk("data", 12, 12)}), tools::WAVE_BAD_FORMAT,
-       "データにエラー (6チャンネルのWAVE: モノラルかステレオのみ)"},
-      {riff("RIFF", "WAVE", {fmt_tagged(3, 44100, 16, 1), chunk("data", 4, 4)}), tools::WAVE_BAD_FORMAT,
-       "データにエラー (16ビット浮動小数点のWAVE: 整数は8～32ビット、浮動小数点は32か64ビットのみ)"},
-      {riff("RIFF", "WAVE", {fmt_chunk(0, 16, 2), chunk("data", 4, 4)}), tools::WAVE_BAD_FORMAT,
-       "データにエラー (サンプルレート0のWAVE)"},
-      {riff("RIFF", "WAVE", {fmt_chunk(8000, 8, 1), chunk("LIST", 4, 4)}), tools::WAVE_NO_DATA,
-       "データがない (\"data\"チャンクがない)"},
+      {Bytes(40, 0), format::ERR_WAVE_FORMAT, "Error in the data (not a RIFF WAVE file)"},
+      {riff("RIFF", "WAVE", {chunk("data", 4, 4), fmt_chunk(8000, 8, 1)}), format::ERR_WAVE_FORMAT,
+       "Error in the data (the \"data\" chunk comes before the \"fmt \" chunk)"},
+      {riff("RIFF", "WAVE", {fmt_tagged(0x55, 44100, 0, 2), chunk("data", 4, 4)}), format::ERR_WAVE_FORMAT,
+       "Error in the data (WAVE of format tag 0x0055: PCM and floating point only)"},
+      {riff("RIFF", "WAVE", {fmt_chunk(44100, 16, 6), chunk("data", 12, 12)}), format::ERR_WAVE_FORMAT,
+       "Error in the data (WAVE of 6 channels: mono or stereo only)"},
+      {riff("RIFF", "WAVE", {fmt_tagged(3, 44100, 16, 1), chunk("data", 4, 4)}), format::ERR_WAVE_FORMAT,
+       "Error in the data (16-bit floating-point WAVE: integers of 8 to 32 bits and floating point of 32 or 64 bits "
+       "only)"},
+      {riff("RIFF", "WAVE", {fmt_chunk(0, 16, 2), chunk("data", 4, 4)}), format::ERR_WAVE_FORMAT,
+       "Error in the data (WAVE at a sampling rate of 0)"},
+      {riff("RIFF", "WAVE", {fmt_chunk(8000, 8, 1), chunk("LIST", 4, 4)}), format::ERR_WAVE_NO_DATA,
+       "No data (no \"data\" chunk)"},
   };
   for (const Case& k : cases) {
     EXPECT_EQ(open(k.file), k.code) << k.text;
-    char text[256];
-    EXPECT_STREQ(tools::wave_problem_text(k.code, header, text, sizeof text), k.text);
+    EXPECT_EQ(session::wave_problem_message(k.code, header), k.text);
   }
   // A "data" chunk behind kilobytes of other chunks opens; a claimed size beyond the file's end
   // is cut to what is there.
   EXPECT_EQ(open(riff("RIFF", "WAVE", {fmt_chunk(8000, 8, 1), chunk("bext", 5000, 5000), chunk("data", 4, 4)})),
-            tools::WAVE_OK);
-  EXPECT_EQ(open(riff("RIFF", "WAVE", {fmt_chunk(8000, 8, 1), chunk("data", 0xFFFFFFFF, 30)})), tools::WAVE_OK);
+            format::ERR_OK);
+  EXPECT_EQ(open(riff("RIFF", "WAVE", {fmt_chunk(8000, 8, 1), chunk("data", 0xFFFFFFFF, 30)})), format::ERR_OK);
   EXPECT_EQ(data_size, 30u);
 }
 
@@ -145,7 +146,7 @@ TEST_F(WaveFile, SampleFormatsComeOutAs16Bits) {
     SCOPED_TRACE(k.name);
     Bytes file = riff("RIFF", "WAVE", {k.fmt, chunk("data", uint32_t(k.data.size()), 0)});
     file.insert(file.end(), k.data.begin(), k.data.end());
-    ASSERT_EQ(open(file), tools::WAVE_OK);
+    ASSERT_EQ(open(file), format::ERR_OK);
     EXPECT_EQ(tools::wave_in.frames, int64_t(k.want.size() / 2));
     for (size_t i = 0; i < k.want.size(); i += 2) {
       int32_t l, r;
@@ -166,7 +167,7 @@ TEST_F(WaveFile, ReaderWalksHalvesLooksBackAndGivesSilencePastTheData) {
   }
   Bytes bytes = wave_bytes(44100, 16, 2, v), trailer = chunk("LIST", 16, 16);
   bytes.insert(bytes.end(), trailer.begin(), trailer.end());  // a chunk behind the data is no sample
-  ASSERT_EQ(open(bytes), tools::WAVE_OK);
+  ASSERT_EQ(open(bytes), format::ERR_OK);
   int32_t l, r;
   int64_t bad = 0;
   for (int64_t i = -1; i < frames + 10; ++i) {
