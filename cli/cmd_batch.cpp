@@ -122,7 +122,7 @@ int cmd_batch(int argc, char** argv) {
     } else if (is("--quality")) {
       c.quality = number;
     } else if (is("--layer")) {
-      if (number != 1 && number != 2) return fail("--layer is 1 or 2", nullptr);
+      if (number < 1 || number > 3) return fail("--layer is 1, 2 or 3", nullptr);
       c.layer = number;
     } else if (is("--bitrate")) {
       c.kbps = number;

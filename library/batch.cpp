@@ -58,9 +58,9 @@ std::string target_for(int32_t mode, const std::string& source, const BatchChoic
     return folder + name + "." + format_names[f];
   }
   if (mode == BATCH_RESAMPLE) return folder + name + (ext_is(ext, ".wav") ? "_rs" : ext) + ".wav";
-  // The encoder writes Layers I and II: the extension names the layer the row asks for.
+  // The extension names the layer the row asks for.
   if (!ext_is(ext, ".wav")) name += ext;
-  return folder + name + ".mp" + std::to_string(c.layer == 1 ? 1 : 2);
+  return folder + name + ".mp" + std::to_string(c.layer >= 1 && c.layer <= 3 ? c.layer : 3);
 }
 
 std::string stereo_text(int32_t rate, int32_t channels, int32_t bits) {
