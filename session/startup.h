@@ -20,9 +20,9 @@ struct StartPlacement {
 };
 
 // Detects the processor, loads the settings from file (settings_file_path() when empty) with the
-// default playlist, places the window against the work area, clamps the settings and derives the
-// gains, and takes the command line (shift_held appends). The window's place is also left in
-// settings.x and settings.y. Returns the settings file's "Build".
+// default playlist, hands the "Emphasis" choice to the session, places the window against the work
+// area, clamps the settings and derives the gains, and takes the command line (shift_held appends).
+// The window's place is also left in settings.x and settings.y. Returns the settings file's "Build".
 int32_t start_up_settings(const char* command_line, bool shift_held, const library::WorkArea& area, StartPlacement& out,
                           const std::string& file = {});
 
