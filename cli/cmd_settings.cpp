@@ -28,7 +28,7 @@ int cmd_settings(int argc, char** argv) {
   if (file.empty()) file = library::settings_file_path();
   session::detect_cpu();
   library::StartupRecord record;
-  library::load_settings(file, record);
+  library::load_settings(file, record, session::cpu_family);
   if (console.boxes.load() != 0) return 1;  // a file refused as it was read: the box said why
   // The window's place is left as read: without a screen there is nothing to centre it on.
   int32_t x = library::settings.x, y = library::settings.y;

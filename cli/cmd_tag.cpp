@@ -14,6 +14,7 @@
 #include "session/messages.h"
 #include "session/session.h"
 #include "session/stream.h"
+#include "session/tag_view.h"
 
 namespace cli {
 
@@ -43,7 +44,7 @@ constexpr Field fields[] = {
 
 // The tag's fields and the information text, as the tag dialog shows them for the stream just opened.
 void show(int32_t j_idtag) {
-  const library::Id3View v = library::open_view(nullptr, 0, 0, j_idtag);
+  const session::Id3View v = session::open_view(nullptr, 0, 0, j_idtag);
   const library::TagForm& f = v.form;
   const bool tagged = library::is_tag(v.record);
   std::printf("tag: %s\n", !tagged ? "none" : f.v11 ? "ID3v1.1" : "ID3v1");
@@ -163,7 +164,7 @@ int cmd_tag(int argc, char** argv) {
 
   int32_t code;
   if (remove) {
-    code = library::delete_form(path, no_genre_value, false);
+    code = session::delete_form(path, no_genre_value, false);
   } else {
     library::Id3Record r;
     library::read_tag(path, r, no_genre_value);
@@ -182,7 +183,7 @@ int cmd_tag(int argc, char** argv) {
       f.*field.member = cut;
     }
     if (genre) f.genre = genre_index < 0 ? "" : library::genre_table[genre_index];
-    code = library::save_form(path, f, no_genre_value, false);
+    code = session::save_form(path, f, no_genre_value, false);
   }
   if (code != format::ERR_OK) {
     std::fprintf(stderr, "tovra-cli tag: '%s': %s\n", path, session::message_text(code).c_str());

@@ -8,8 +8,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "session/stream.h"
-
 namespace library {
 
 const char* const genre_table[GENRE_SLOTS] = {
@@ -190,7 +188,7 @@ bool read_exact(int fd, void* to, size_t n, off_t at) { return pread(fd, to, n, 
 
 // Opens a regular file for writing a tag and refuses RIFF wrappers: their chunk sizes would not
 // cover bytes appended behind them, so other programs would read a damaged file.
-int32_t open_for_tag(const char* path, int& fd, off_t& size) {
+int32_t open_for_tag(const char* path, WrapperTest wrapped, int& fd, off_t& size) {
   fd = open(path, O_RDWR | O_CLOEXEC);
   struct stat st;
   if (fd < 0) return format::ERR_TAG_OPEN;
@@ -200,10 +198,7 @@ int32_t open_for_tag(const char* path, int& fd, off_t& size) {
   }
   size = st.st_size;
   char head[4] = {};
-  session::ProbeInfo info{};
-  const int32_t kind = session::probe_file(path, info);
-  if ((read_exact(fd, head, 4, 0) && std::memcmp(head, "RIFF", 4) == 0) || kind == 1 || kind == 2 ||
-      kind == session::STREAM_NO_DATA) {
+  if ((read_exact(fd, head, 4, 0) && std::memcmp(head, "RIFF", 4) == 0) || (wrapped && wrapped(path))) {
     close(fd);
     return format::ERR_TAG_WRAPPED;
   }
@@ -216,10 +211,10 @@ bool tag_at_tail(int fd, off_t size, Id3Record& old) {
 
 }  // namespace
 
-int32_t write_tag(const char* path, const Id3Record& r) {
+int32_t write_tag(const char* path, const Id3Record& r, WrapperTest wrapped) {
   int fd = -1;
   off_t size = 0;
-  if (const int32_t code = open_for_tag(path, fd, size); code != format::ERR_OK) return code;
+  if (const int32_t code = open_for_tag(path, wrapped, fd, size); code != format::ERR_OK) return code;
   Id3Record tag = r;
   std::memcpy(tag.mark, "TAG", 3);
   Id3Record old;
@@ -244,10 +239,10 @@ int32_t write_tag(const char* path, const Id3Record& r) {
   return ok ? format::ERR_OK : format::ERR_TAG_WRITE;
 }
 
-int32_t delete_tag(const char* path) {
+int32_t delete_tag(const char* path, WrapperTest wrapped) {
   int fd = -1;
   off_t size = 0;
-  if (const int32_t code = open_for_tag(path, fd, size); code != format::ERR_OK) return code;
+  if (const int32_t code = open_for_tag(path, wrapped, fd, size); code != format::ERR_OK) return code;
   // The file's own tail decides, not a record read earlier: only a tag is ever cut off.
   Id3Record old;
   int32_t code = format::ERR_NO_TAG_TO_DELETE;
@@ -257,118 +252,11 @@ int32_t delete_tag(const char* path) {
   return code;
 }
 
-int32_t save_form(const char* path, const TagForm& f, int32_t no_genre_value, bool is_current) {
-  const Id3Record r = record_from_form(f, no_genre_value);
-  const int32_t code = write_tag(path, r);
-  if (code != format::ERR_OK) return code;
-  previous_tag = r;
-  if (is_current) std::memcpy(session::stream.tag_buffer, &r, TAG_BYTES);
-  return format::ERR_OK;
-}
-
-int32_t delete_form(const char* path, int32_t no_genre_value, bool is_current) {
-  const int32_t code = delete_tag(path);
-  if (code != format::ERR_OK) return code;
-  Id3Record r;
-  clear_record(r, no_genre_value);
-  previous_tag = r;
-  if (is_current) std::memcpy(session::stream.tag_buffer, &r, TAG_BYTES);
-  return format::ERR_OK;
-}
-
 std::string info_group_title(int32_t n, int32_t count) {
   if (count <= 0) return "MPEG info";
   char text[48];
   std::snprintf(text, sizeof text, "MPEG info (%d/%d)", n, count);
   return text;
-}
-
-namespace {
-
-// The emphasis names, and behind them the output formats' names: without a path an emphasis of
-// 4-7 (Hi-Fi added) is looked up on into them, and shown so.
-constexpr const char* emphasis_names[8] = {"None", "50/15ms", "Reserved", "CCITT j.17", "raw", "wav", "aif", "au"};
-constexpr const char* stereo_words[4] = {"Joint ", "Intensity ", "MS ", "Combined "};
-
-// The wrapper kind by the mark open_stream leaves in tag_buffer: "RIF" WAVE, "RMP" an RMP3 file with
-// LIST INFO items, in any case.
-int32_t marked_wrapper(const session::StreamInfo& s) {
-  auto lower = [](uint8_t c) { return c >= 'A' && c <= 'Z' ? char(c + 32) : char(c); };
-  const std::string mark = {lower(s.tag_buffer[0]), lower(s.tag_buffer[1]), lower(s.tag_buffer[2])};
-  return mark == "rif" ? 1 : mark == "rmp" ? 2 : 0;
-}
-
-}  // namespace
-
-std::string mpeg_info_text(const session::StreamInfo& s, const session::ProbeInfo* probe, int32_t probe_kind) {
-  if (probe ? probe->id == 0 || probe->play_seconds == 0 : s.mpeg_id == -1 || s.play_seconds == 0) return "";
-  const int32_t kind = probe ? probe_kind : marked_wrapper(s);
-  char buf[512];
-  std::snprintf(buf, sizeof buf,
-                "filesize = %d (%d:%02d)\r\nframes = %d\r\nMPEG-%d, layer %d\r\nbitrate = %dkbit/sec\r\n"
-                "sample_rate = %dHz\r\nmode = ",
-                s.file_size, s.play_seconds / 60, s.play_seconds % 60, s.frame_count, s.mpeg_id == 1 ? 1 : 2, s.layer,
-                s.bitrate_kbps, s.sample_rate);
-  std::string text = buf;
-  switch (s.mode & 3) {
-    case 0:
-      text += "Stereo";
-      break;
-    case 1:
-      if (s.layer == 3) {
-        text += stereo_words[s.mode_ext & 3];
-        text += "stereo";
-      } else {
-        std::snprintf(buf, sizeof buf, "Joint stereo (%d-31)", 4 + 4 * (s.mode_ext & 3));
-        text += buf;
-      }
-      break;
-    case 2:
-      text += "Dual channel";
-      break;
-    default:
-      text += "Mono";
-      break;
-  }
-  auto yes = [](bool b) { return b ? "Yes" : "No"; };
-  const int32_t emphasis = probe ? s.emphasis_mode & 3 : s.emphasis_mode & 7;
-  std::snprintf(
-      buf, sizeof buf, "\r\nprotection = %s\r\nprivate = %s\r\ncopyright = %s\r\noriginal = %s\r\nemphasis = %s",
-      yes(s.protection == 0), yes(s.private_bit), yes(s.copyright), yes(s.original), emphasis_names[emphasis]);
-  text += buf;
-  // The Mac heads are guessed from where the data begin.
-  if (s.data_start == 128) {
-    text += "\r\n(+ Mac Header)";
-  } else if (s.data_start == 324) {
-    text += "\r\n(+ Macromedia Header)";
-  } else if (kind == 1) {
-    text += "\r\n(+ Wave Header)";
-  } else if (kind == 2) {
-    text += "\r\n(+ Rmp Header)";
-  }
-  return text;
-}
-
-Id3View open_view(const char* path, int32_t n, int32_t count, int32_t j_idtag) {
-  Id3View v;
-  if (path && *path) {
-    v.can_delete = read_tag(path, v.record, no_genre(j_idtag)) == format::ERR_OK;
-    session::ProbeInfo probe{};
-    const int32_t kind = session::probe_file(path, probe);
-    // A stream the probe cannot read at its start (an ID3v2 tag in front, say) is still a bare
-    // file that takes a tag; only the RIFF wrappers cannot.
-    v.wrapper_kind = kind == 1 || kind == 2 ? kind : kind == session::STREAM_NO_DATA ? 1 : 0;
-    v.info = kind == 0 || kind == 1 || kind == 2 ? mpeg_info_text(session::stream, &probe, kind) : "";
-  } else {
-    std::memcpy(&v.record, session::stream.tag_buffer, TAG_BYTES);
-    v.can_delete = is_tag(v.record);
-    v.info = mpeg_info_text(session::stream, nullptr, 0);
-    v.wrapper_kind = marked_wrapper(session::stream);
-  }
-  if (v.wrapper_kind != 0) v.can_save = v.can_delete = false;
-  v.form = form_from_record(v.record);
-  v.group_title = info_group_title(n, count);
-  return v;
 }
 
 }  // namespace library

@@ -1,7 +1,8 @@
 // The 128-byte tag at the tail of an MPEG audio file (ID3v1 and its v1.1 form with a track number),
-// the genre table with its Japanese extension, and what the tag dialog shows and does: the fields
-// as the dialog holds them, the stream information text, the series exit values. All of it is plain
-// data and functions so that a window only shows the texts and passes the fields back.
+// the genre table with its Japanese extension, and the tag dialog's plain side: the fields as the
+// dialog holds them, its captions and the series exit values. All of it is plain data and functions
+// so that a window only shows the texts and passes the fields back; what needs the stream is
+// session/tag_view.h.
 //
 // Text in a tag is code page 932 bytes; front ends speak UTF-8 and convert with to_cp932/from_cp932.
 // Writing never touches the bytes before the tag: see write_tag.
@@ -11,8 +12,6 @@
 #include <string>
 
 #include "format/errors.h"
-#include "session/session.h"
-#include "session/stream.h"
 
 namespace library {
 
@@ -72,21 +71,20 @@ std::string from_cp932(const std::string& bytes);
 // Reads the last 128 bytes of path. format::ERR_OK with a tag; format::ERR_NO_TAG with the cleared record in r;
 // format::ERR_TAG_OPEN.
 int32_t read_tag(const char* path, Id3Record& r, int32_t no_genre_value);
+// Tells a stream inside a wrapper that a tag behind it would damage; called on a regular file that
+// opened for writing and doesn't start with "RIFF" (which is refused anyway).
+using WrapperTest = bool (*)(const char* path);
 // Puts r at the tail of path: over the present tag, or behind the audio when there is none. Only the
 // last 128 bytes change; the new bytes are read back and synced, and on any failure the old tag is
 // put back or the file cut back to its old length, so a full disk or a failing device leaves the
-// file as it was.
-int32_t write_tag(const char* path, const Id3Record& r);
-// Takes the tag off path's tail (the file gets 128 bytes shorter).
-int32_t delete_tag(const char* path);
+// file as it was. A wrapped file (wrapped, when given, says so) is refused with format::ERR_TAG_WRAPPED.
+int32_t write_tag(const char* path, const Id3Record& r, WrapperTest wrapped = nullptr);
+// Takes the tag off path's tail (the file gets 128 bytes shorter); wrapped as for write_tag.
+int32_t delete_tag(const char* path, WrapperTest wrapped = nullptr);
 
 // The tag dialog's state that outlives one use of it (start-up clears it with clear_record for the
-// "J-IDtag" in force), and its saving and deleting. With is_current
-// (the path is the playlist's current entry) the stream's tag_buffer takes the new record too; the
-// title refresh is the caller's.
+// "J-IDtag" in force); a save or a delete leaves its record here (session/tag_view.h).
 extern Id3Record previous_tag;
-int32_t save_form(const char* path, const TagForm& f, int32_t no_genre_value, bool is_current);
-int32_t delete_form(const char* path, int32_t no_genre_value, bool is_current);
 // The fields of previous_tag, as the "copy the previous tag" button brings them back.
 inline TagForm previous_form() { return form_from_record(previous_tag); }
 
@@ -109,25 +107,5 @@ constexpr Id3Control id3_controls[] = {
 };
 // "MPEG info", or "MPEG info (n/count)" in a series (count > 0).
 std::string info_group_title(int32_t n, int32_t count);
-// The stream information text (lines end in "\r\n"): always the facts of s, the stream last opened.
-// With a path, probe (probe_stream's record of that file and its result, the wrapper kind) decides
-// whether there is a text, and the emphasis is shown by its low two bits; without a path (probe
-// null) the wrapper kind comes from the mark in s.tag_buffer and an emphasis of 4-7 (Hi-Fi added)
-// reads as an output format name. Empty when there is no text.
-std::string mpeg_info_text(const session::StreamInfo& s, const session::ProbeInfo* probe, int32_t probe_kind);
-
-// What the tag dialog shows when it opens on path (or, with path null or empty, on the current
-// stream's tag_buffer): the working record and its fields, which buttons work, the group's title
-// and the information text. n and count number the file in a series (count 0: no series).
-struct Id3View {
-  Id3Record record;
-  TagForm form;
-  int32_t wrapper_kind = 0;  // 0 bare, 1 WAVE, 2 RMP3
-  bool can_save = true;
-  bool can_delete = true;
-  std::string group_title;
-  std::string info;
-};
-Id3View open_view(const char* path, int32_t n, int32_t count, int32_t j_idtag);
 
 }  // namespace library

@@ -15,7 +15,6 @@
 #include <cstdlib>
 
 #include "format/errors.h"
-#include "session/messages.h"
 
 namespace library {
 
@@ -103,6 +102,8 @@ void ini_parse(IniFile& ini, std::string_view text) {
   }
 }
 
+void (*text_refused)(int32_t code, const char* path) = nullptr;
+
 int32_t read_text_file(const char* path, std::string& text) {
   text.clear();
   std::FILE* f = std::fopen(path, "rb");
@@ -124,8 +125,8 @@ int32_t read_text_file(const char* path, std::string& text) {
   std::fclose(f);
   if (code == TEXT_OK) return TEXT_OK;
   text.clear();
-  if (code != TEXT_MISSING) {
-    session::message_box(code == TEXT_TOO_LARGE ? format::ERR_TEXT_TOO_LARGE : format::ERR_LINE_TOO_LONG, path);
+  if (code != TEXT_MISSING && text_refused) {
+    text_refused(code == TEXT_TOO_LARGE ? format::ERR_TEXT_TOO_LARGE : format::ERR_LINE_TOO_LONG, path);
   }
   return code;
 }

@@ -29,8 +29,11 @@ constexpr size_t TEXT_LINE_MAX_BYTES = 4096;
 enum TextRead : int32_t { TEXT_OK = 0, TEXT_MISSING = 1, TEXT_TOO_LARGE = 2, TEXT_LONG_LINE = 3 };
 
 // Reads a whole text file of any kind (a pipe or a device too) within the limits above. A file
-// beyond them is refused with a message box naming it, and text is left empty.
+// beyond them is refused through text_refused, and text is left empty.
 int32_t read_text_file(const char* path, std::string& text);
+// Told of a refused file with format::ERR_TEXT_TOO_LARGE or format::ERR_LINE_TOO_LONG and its
+// path; the session points it at its message box (set_sink). Null: the refusal goes untold.
+extern void (*text_refused)(int32_t code, const char* path);
 
 // Reads a file through read_text_file; anything but TEXT_OK gives an empty document.
 int32_t ini_load(IniFile& ini, const std::string& path);

@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "library/ini.h"
-#include "session/messages.h"
 
 namespace library {
 
@@ -353,9 +352,11 @@ int32_t scan_folder(const char* path) {
   return 1;
 }
 
+void (*playlist_scanned)() = nullptr;
+
 int32_t scan_folder_dialog(const char* path) {
   int32_t result = scan_folder(path);
-  session::send_message(session::WINDOW_PLAYLIST, MSG_PLAYLIST_REFRESH, 1, 0);
+  if (playlist_scanned) playlist_scanned();
   return result;
 }
 

@@ -87,10 +87,12 @@ void take_command_line(const char* text, bool shift_held);
 // subfolders in name order. Returns 1, or 0 when the folder (or any folder below it) couldn't be
 // read, which ends the scan there.
 int32_t scan_folder(const char* path);
-// The playlist editor's folder intake: the same scan, after which the editor is sent
-// MSG_PLAYLIST_REFRESH (first argument 1) once, when the outermost folder is done.
+// The playlist editor's folder intake: the same scan, after which the editor is told through
+// playlist_scanned once, when the outermost folder is done. The session points the hook at a sent
+// MSG_PLAYLIST_REFRESH (first argument 1) to the editor (set_sink); null, nobody is told.
 constexpr int32_t MSG_PLAYLIST_REFRESH = 1042;
 int32_t scan_folder_dialog(const char* path);
+extern void (*playlist_scanned)();
 
 // The next entry of the random mode: an entry not played since the last reset, found from a start
 // index taken from the clock; when all are played, the counts are cleared and a new cycle starts,

@@ -16,16 +16,13 @@
 #include <filesystem>
 
 #include "library/playlist.h"
-#include "session/platform.h"
-#include "session/session.h"
 
 namespace library {
 
 Settings settings;
+OutputOptions options;
 
 namespace {
-
-using session::options;
 
 enum Kind : int32_t {
   KIND_INT,
@@ -170,7 +167,7 @@ std::string home_folder() {
 
 void reset_settings() {
   settings = Settings{};
-  options = session::OutputOptions{};
+  options = OutputOptions{};
 }
 
 std::string executable_folder() {
@@ -205,7 +202,7 @@ std::string default_playlist_path(const std::string& settings_file) {
   return settings_file.substr(0, stem) + ".m3u";
 }
 
-int32_t load_settings(const std::string& file, StartupRecord& out) {
+int32_t load_settings(const std::string& file, StartupRecord& out, int32_t cpu_family) {
   reset_settings();
   // Made absolute before "CurrentDir" moves the process elsewhere.
   settings.file = absolute(file);
@@ -239,11 +236,10 @@ int32_t load_settings(const std::string& file, StartupRecord& out) {
         break;
       case KIND_PENTIUM:
         // Only for processors below a Pentium, which have a choice to make; never saved.
-        if (session::cpu_family < 5) options.pentium_synth = v;
+        if (cpu_family < 5) options.pentium_synth = v;
         break;
     }
   }
-  session::state.session_emphasis = options.emphasis;
   out = StartupRecord{settings.build, settings.x, settings.y};
 
   settings.default_playlist =

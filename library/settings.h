@@ -2,7 +2,7 @@
 // file and written once at exit, and the start-up derivations that turn the raw values into what
 // the rest of the program uses (clamps, gains, the window's place).
 //
-// The output choices land in session::options; the rest lands in library::settings, and "PlayNum"
+// The output choices land in library::options; the rest lands in library::settings, and "PlayNum"
 // in playlist.current_entry. All of it is loaded and saved on the main thread while no session runs;
 // afterwards the values are plain fields that other threads only read.
 //
@@ -53,7 +53,7 @@ struct Settings {
   std::string batch_enc_dir, batch_dec_dir, batch_res_dir;
   int32_t batch_jobs = 1;  // "BatchJobs": entries the batch window converts at once (1 keeps one job at a time)
 
-  // "Settings" (the output choices are in session::options, "PlayNum" is playlist.current_entry)
+  // "Settings" (the output choices are in options, "PlayNum" is playlist.current_entry)
   std::string playlist_file;  // "PlayList"; empty: the default playlist beside the settings file
   int32_t pl_disp = 0;
   int32_t pl_top = 0;
@@ -90,7 +90,30 @@ struct Settings {
 
 extern Settings settings;
 
-// Defaults everywhere, session::options included (tests, and the start of load_settings).
+// The user's output choices. A session copies what it needs at the start of each track, so edits take effect with the
+// next track.
+struct OutputOptions {
+  uint32_t rate_setting = 4;      // bits 0-1 "Rate" (0 full, 1 half, 2 quarter, 3 the 1/8 position), bit 2 "Overdrive"
+  int32_t mpeg2_relief = 0;       // "Mpeg2R"
+  int32_t pentium_synth = 0;      // "Pentium"
+  int32_t stereo = 1;             // "Stereo"
+  int32_t sixteen_bit = 1;        // "16bit"
+  int32_t alias = 1;              // "Alias": kept and saved, read by nothing
+  int32_t emphasis = 1;           // "Emphasis"
+  int32_t hi_fi = 0;              // "Hi-Fi"
+  int32_t force_de_emphasis = 0;  // "ForceDeEmphasis": 1 and 3 override the stream's field
+  int32_t powersave = 0;          // "Powersave"
+  int32_t prior_dec = 0;          // "Prior_dec"
+  int32_t prior_cnv = 0;          // "Prior_cnv"
+  int32_t leave = 0;              // "Leave": keep a cancelled output file
+  int32_t ext_filter = 1;         // "ExtFilter": 0 raw, 1 wav, 2 aif, 3 au, 4 voc
+  int32_t repeat = 0;             // "Repeat": 0 stop at the end, 1 wrap, 2 random
+  // Not a setting: file jobs take off the encoder delay and padding that an Info frame records.
+  int32_t gapless = 1;
+};
+extern OutputOptions options;
+
+// Defaults everywhere, options included (tests, and the start of load_settings).
 void reset_settings();
 
 // What the start-up keeps of the load: the file's build and the main window's saved place.
@@ -109,9 +132,9 @@ std::string default_playlist_path(const std::string& settings_file);
 
 // Reads every key in file order (missing keys and a missing file give the defaults), restores
 // "CurrentDir" as the current folder, then reads the default playlist. "Pentium" is read only when
-// session::cpu_family is below 5, so detect_cpu comes first. Returns 1 when the file was read, 0
-// when the defaults stand in.
-int32_t load_settings(const std::string& file, StartupRecord& out);
+// cpu_family (the processor's, as detected) is below 5. Returns 1 when the file was read, 0 when
+// the defaults stand in.
+int32_t load_settings(const std::string& file, StartupRecord& out, int32_t cpu_family);
 
 // Saves one key with up to 16 attempts; 1 on success. The document is updated in memory and the
 // file replaced on disk.

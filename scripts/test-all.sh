@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# Builds and tests the whole matrix: release (all tests), ASan+UBSan (all tests), a short bounded
-# run of every fuzz target, and ThreadSanitizer over the threaded subsystems.
+# Checks the include graph, then builds and tests the whole matrix: release (all tests), ASan+UBSan
+# (all tests), a short bounded run of every fuzz target, and ThreadSanitizer over the threaded
+# subsystems.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
 fuzz_seconds=${TOVRA_FUZZ_SECONDS:-20}
+
+# Dependencies point one way between the source folders; a cycle fails the run before any build.
+python3 scripts/check-includes.py
 
 cmake --preset release >/dev/null
 cmake --build --preset release -j "$jobs"

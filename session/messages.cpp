@@ -1,5 +1,8 @@
 #include "session/messages.h"
 
+#include "library/ini.h"
+#include "library/playlist.h"
+
 namespace session {
 
 namespace {
@@ -9,9 +12,18 @@ namespace {
 Sink current_sink;
 std::atomic<int32_t> open_flags[WINDOW_COUNT];
 
+void show_text_refused(int32_t code, const char* path) { message_box(code, path); }
+void tell_playlist_editor() { send_message(WINDOW_PLAYLIST, library::MSG_PLAYLIST_REFRESH, 1, 0); }
+
 }  // namespace
 
-void set_sink(const Sink& sink) { current_sink = sink; }
+// The settings and playlist code below the session reports through hooks; they are pointed here
+// with the sink, before anything can be refused or scanned.
+void set_sink(const Sink& sink) {
+  current_sink = sink;
+  library::text_refused = show_text_refused;
+  library::playlist_scanned = tell_playlist_editor;
+}
 
 void set_window_open(int32_t window, bool open) {
   if (window >= 0 && window < WINDOW_COUNT) open_flags[window].store(open ? 1 : 0, std::memory_order_relaxed);

@@ -56,7 +56,8 @@ struct Sink {
   int32_t (*box)(int32_t code, const char* arg, int32_t kind) = nullptr;
 };
 
-// Installs the front end's sink (main thread, before any job starts).
+// Installs the front end's sink (main thread, before any job starts), and points the library's
+// report hooks (a refused text file, a finished folder scan) at it.
 void set_sink(const Sink& sink);
 // Marks a window open or closed; messages to a closed window are dropped.
 void set_window_open(int32_t window, bool open);

@@ -21,7 +21,6 @@
 
 namespace session {
 
-OutputOptions options;
 StreamInfo stream;
 SessionState state;
 decoder::DecoderState decoding;

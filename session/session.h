@@ -13,32 +13,14 @@
 
 #include "decoder/state.h"
 #include "format/errors.h"
+#include "library/settings.h"
 #include "session/frame_reader.h"
 #include "session/job.h"
 
 namespace session {
 
-// The user's output choices. Loaded and saved by the settings store; a session copies what it needs
-// at the start of each track, so edits take effect with the next track.
-struct OutputOptions {
-  uint32_t rate_setting = 4;      // bits 0-1 "Rate" (0 full, 1 half, 2 quarter, 3 the 1/8 position), bit 2 "Overdrive"
-  int32_t mpeg2_relief = 0;       // "Mpeg2R"
-  int32_t pentium_synth = 0;      // "Pentium"
-  int32_t stereo = 1;             // "Stereo"
-  int32_t sixteen_bit = 1;        // "16bit"
-  int32_t alias = 1;              // "Alias": kept and saved, read by nothing
-  int32_t emphasis = 1;           // "Emphasis"
-  int32_t hi_fi = 0;              // "Hi-Fi"
-  int32_t force_de_emphasis = 0;  // "ForceDeEmphasis": 1 and 3 override the stream's field
-  int32_t powersave = 0;          // "Powersave"
-  int32_t prior_dec = 0;          // "Prior_dec"
-  int32_t prior_cnv = 0;          // "Prior_cnv"
-  int32_t leave = 0;              // "Leave": keep a cancelled output file
-  int32_t ext_filter = 1;         // "ExtFilter": 0 raw, 1 wav, 2 aif, 3 au, 4 voc
-  int32_t repeat = 0;             // "Repeat": 0 stop at the end, 1 wrap, 2 random
-  // Not a setting: file jobs take off the encoder delay and padding that an Info frame records.
-  int32_t gapless = 1;
-};
+// The user's output choices live with the settings that load and save them (library/settings.h).
+using library::OutputOptions;
 
 // The RIFF LIST INFO items that open_stream records, by slot.
 constexpr int32_t LIST_INFO_SLOTS = 9;
@@ -116,7 +98,7 @@ struct SessionState {
   FrameHeader last_header{};
 };
 
-extern OutputOptions options;
+using library::options;
 extern StreamInfo stream;  // the session thread's own; other threads read published_stream()
 extern SessionState state;
 // The session's decoder: its synthesis variant is chosen per track, its channels are those of the

@@ -13,6 +13,7 @@
 #include "library/playlist.h"
 #include "library/settings.h"
 #include "session/messages.h"
+#include "session/tag_view.h"
 #include "shell/dialogs.h"
 #include "shell/window.h"
 
@@ -104,14 +105,14 @@ void on_button(GtkButton* button, gpointer) {
   if (std::strcmp(id, "c1") == 0) {
     library::TagForm f;
     if (!take_form(f)) return;
-    if (int32_t r = library::save_form(dialog->path.c_str(), f, no_genre, current); r != format::ERR_OK) {
+    if (int32_t r = session::save_form(dialog->path.c_str(), f, no_genre, current); r != format::ERR_OK) {
       show_box(r, nullptr, session::BOX_OK);
       return;  // the dialog stays open with what was typed
     }
     tag_changed(current);
     finish(library::ID3_EXIT_NEXT);
   } else if (std::strcmp(id, "c1030") == 0) {
-    if (library::delete_form(dialog->path.c_str(), no_genre, current) != format::ERR_OK) return;
+    if (session::delete_form(dialog->path.c_str(), no_genre, current) != format::ERR_OK) return;
     tag_changed(current);
     finish(library::ID3_EXIT_NEXT);
   } else if (std::strcmp(id, "c1032") == 0) {
@@ -135,7 +136,7 @@ void create(const char* path, int32_t n, int32_t count) {
   dialog->ui = gtk_builder_new_from_resource("/org/tovra/id3_dialog.ui");
   dialog->window = control("tvrid3tagdlg");
   const library::Settings& s = library::settings;
-  library::Id3View view = library::open_view(path, n, count, s.j_idtag);
+  session::Id3View view = session::open_view(path, n, count, s.j_idtag);
   if (path && *path) {
     dialog->path = path;
   } else {

@@ -24,13 +24,13 @@
 #include "library/instance.h"
 #include "library/playlist.h"
 #include "library/settings.h"
-#include "library/startup.h"
 #include "output/wave.h"
 #include "output/wave_device.h"
 #include "session/messages.h"
 #include "session/platform.h"
 #include "session/play.h"
 #include "session/session.h"
+#include "session/startup.h"
 #include "session/transport.h"
 #include "shell/batch_window.h"
 #include "shell/convert_dialogs.h"
@@ -1442,7 +1442,7 @@ int32_t create_main_window_state() {
   install_display(app.skin);
   install_title(app.skin);
   if (!session::is_not_win9x()) load_plugins(plugin_folder().c_str());
-  library::validate_start_entry();
+  session::validate_start_entry();
   connect_menus();
   register_hot_key();
   if (cfg().style & 1) resize_window(FACE_W * scale(), SHADE_H * scale());
@@ -1484,7 +1484,7 @@ int32_t process_entry(int argc, char** argv) {
   static std::string to_encode;
   tools::WaveHeader wave;
   if (argc == 2 && tools::probe_wave_file(argv[1], wave) == format::ERR_OK) to_encode = argv[1];
-  std::string command_line = to_encode.empty() ? library::join_command_line(argc - 1, argv + 1) : std::string();
+  std::string command_line = to_encode.empty() ? session::join_command_line(argc - 1, argv + 1) : std::string();
 
   // Instance test. The toolkit comes up first here only because Ctrl's state is asked of it.
   GdkKeymap* keymap = gdk_keymap_get_for_display(gdk_display_get_default());
@@ -1495,8 +1495,8 @@ int32_t process_entry(int argc, char** argv) {
   if (library::claim_instance(command_line.c_str(), ctrl_held || !to_encode.empty(), app.lock, app.folder) != 0)
     return -1;
 
-  library::StartPlacement place;
-  library::start_up_settings(command_line.c_str(), shift_held, work_area(), place);
+  session::StartPlacement place;
+  session::start_up_settings(command_line.c_str(), shift_held, work_area(), place);
   decoder::init_decoder_tables();  // after the processor is known: it picks the synthesis variant
 
   app.window = gtk_window_new(GTK_WINDOW_TOPLEVEL);

@@ -4,6 +4,7 @@
 
 #include "fixture.h"
 #include "session/messages.h"
+#include "session/platform.h"
 
 namespace {
 
@@ -86,7 +87,7 @@ TEST_F(LibraryTest, OversizedTextFilesAreRefusedAndKept) {
   EXPECT_TRUE(text.empty());
 
   library::StartupRecord record;
-  EXPECT_EQ(library::load_settings(big, record), 0);
+  EXPECT_EQ(library::load_settings(big, record, session::cpu_family), 0);
   EXPECT_EQ(library::save_settings(), 0);
   EXPECT_EQ(read_text(big), lines);
   library::read_playlist(wide.c_str(), 0);

@@ -27,7 +27,7 @@ TEST_F(LibraryTest, FirstStartWritesEveryKeyInOrderWithItsDefault) {
 
   // Loaded again, a saved file gives itself back.
   StartupRecord rec;
-  EXPECT_EQ(load_settings(dir.file("tovra.ini"), rec), 1);
+  EXPECT_EQ(load_settings(dir.file("tovra.ini"), rec, session::cpu_family), 1);
   EXPECT_EQ(rec.x, POSITION_DEFAULT);
   ASSERT_EQ(save_settings(), 1);
   EXPECT_EQ(read_text(dir.file("tovra.ini")), first);
@@ -61,7 +61,7 @@ TEST_F(LibraryTest, GainsFollowTheSliders) {
   // Loading sets the levels; a double-size window's place is made even.
   std::string ini = write_text("g.ini", "[Settings]\nVolume=153\nPan=30\nDouble=3\n");
   StartupRecord rec;
-  load_settings(ini, rec);
+  load_settings(ini, rec, session::cpu_family);
   int32_t x = 101, y = -41;
   clamp_settings(x, y);
   EXPECT_EQ(settings.volume_level, 0);
@@ -78,15 +78,11 @@ TEST_F(LibraryTest, HandEditsAndGarbageLoadAndSurviveTheSave) {
       "[Mine]\nKeep=me\n";
   bytes[bytes.find("Style=1") + 7] = 0;
   std::string ini = write_text("h.ini", bytes);
-  const int32_t saved_family = session::cpu_family;
-  session::cpu_family = 6;  // Pentium is read only below family 5
   StartupRecord rec;
-  EXPECT_EQ(load_settings(ini, rec), 1);
-  EXPECT_EQ(session::options.pentium_synth, 0);
-  session::cpu_family = 4;
-  load_settings(ini, rec);
-  EXPECT_EQ(session::options.pentium_synth, 1);
-  session::cpu_family = saved_family;
+  EXPECT_EQ(load_settings(ini, rec, 6), 1);  // Pentium is read only below family 5
+  EXPECT_EQ(options.pentium_synth, 0);
+  load_settings(ini, rec, 4);
+  EXPECT_EQ(options.pentium_synth, 1);
   EXPECT_EQ(settings.volume, 100);
   EXPECT_EQ(settings.style, 1);
   EXPECT_EQ(settings.font.charset, uint8_t(300 & 255));  // a byte field
@@ -105,7 +101,7 @@ TEST_F(LibraryTest, HandEditsAndGarbageLoadAndSurviveTheSave) {
 TEST_F(LibraryTest, AnUnwritablePlaceLosesOnlyTheSave) {
   std::string ini = write_text("blocker", "") + "/tovra.ini";  // beneath a file: no one can write there
   StartupRecord rec;
-  EXPECT_EQ(load_settings(ini, rec), 0);
+  EXPECT_EQ(load_settings(ini, rec, session::cpu_family), 0);
   EXPECT_EQ(settings.volume, 80);
   EXPECT_EQ(save_settings(), 0);
   int status = 0;
@@ -117,7 +113,7 @@ TEST_F(LibraryTest, AnUnwritablePlaceLosesOnlyTheSave) {
   ASSERT_EQ(mkdir(ro.c_str(), 0700), 0);
   write_text("ro/tovra.ini", "[Settings]\nVolume=100\n");
   ASSERT_EQ(chmod(ro.c_str(), 0500), 0);
-  load_settings(file, rec);
+  load_settings(file, rec, session::cpu_family);
   EXPECT_EQ(settings.volume, 100);
   EXPECT_EQ(save_settings(), 0);
   ASSERT_EQ(chmod(ro.c_str(), 0700), 0);
@@ -132,7 +128,7 @@ TEST_F(LibraryTest, DefaultPlaylistAndCurrentFolderComeBack) {
   write_text("music/my.m3u", "a.mp3\n\nb.mp3\nlost.mp3");
   std::string ini = write_text("d.ini", "[Position]\nCurrentDir=" + sub + "\n[Settings]\nPlayList=my.m3u\nPlayNum=1\n");
   StartupRecord rec;
-  load_settings(ini, rec);
+  load_settings(ini, rec, session::cpu_family);
   EXPECT_EQ(cwd(), sub);
   int32_t x = 0, y = 0;
   clamp_settings(x, y);
@@ -155,7 +151,7 @@ TEST_F(LibraryTest, SettingsFileLivesInTheConfigurationFolder) {
   EXPECT_EQ(default_playlist_path("/x/y.z/tovra.ini"), "/x/y.z/tovra.m3u");
   EXPECT_EQ(default_playlist_path("/x/y.z/settings"), "/x/y.z/settings.m3u");
   StartupRecord rec;  // the first save makes the folders
-  load_settings(settings_file_path(), rec);
+  load_settings(settings_file_path(), rec, session::cpu_family);
   ASSERT_EQ(save_settings(), 1);
   EXPECT_FALSE(read_text(dir.path + "/.config/tovra/tovra.ini").empty());
   setenv("HOME", saved_home.c_str(), 1);

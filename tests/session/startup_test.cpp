@@ -1,11 +1,12 @@
-#include "library/startup.h"
+#include "session/startup.h"
 
-#include "fixture.h"
+#include "library/fixture.h"
 #include "session/session.h"
 
 namespace {
 
 using namespace library;
+using namespace session;
 using test::LibraryTest;
 
 bool passes_unless_bad(const char* path, void* context) {

@@ -1,6 +1,6 @@
 // The window-free half of the program's start: the settings with their placement and clamps, the
 // command line, and the check of the entry to play. The shell calls these in the start-up order:
-// claim_instance (instance.h), then start_up_settings, then its window, then validate_start_entry
+// claim_instance (library/instance.h), then start_up_settings, then its window, then validate_start_entry
 // at the window's creation; with the window it opens the instance socket (open_instance_server),
 // and at exit it calls save_settings and release_instance_lock.
 //
@@ -12,7 +12,7 @@
 
 #include "library/settings.h"
 
-namespace library {
+namespace session {
 
 struct StartPlacement {
   int32_t x = 0, y = 0;  // the main window's top-left corner, in unscaled pixels
@@ -20,10 +20,10 @@ struct StartPlacement {
 };
 
 // Detects the processor, loads the settings from file (settings_file_path() when empty) with the
-// default playlist, places the window against the work area, clamps the settings and derives the
-// gains, and takes the command line (shift_held appends). The window's place is also left in
-// settings.x and settings.y. Returns the settings file's "Build".
-int32_t start_up_settings(const char* command_line, bool shift_held, const WorkArea& area, StartPlacement& out,
+// default playlist, hands the "Emphasis" choice to the session, places the window against the work
+// area, clamps the settings and derives the gains, and takes the command line (shift_held appends).
+// The window's place is also left in settings.x and settings.y. Returns the settings file's "Build".
+int32_t start_up_settings(const char* command_line, bool shift_held, const library::WorkArea& area, StartPlacement& out,
                           const std::string& file = {});
 
 // Joins a process's arguments into one command line of the classic form: blank-separated, an
@@ -42,4 +42,4 @@ bool entry_playable(const char* path, EntryPassed on_pass = nullptr, void* conte
 using EntryTest = bool (*)(const char* path, void* context);
 int32_t validate_start_entry(EntryTest test = nullptr, void* context = nullptr);
 
-}  // namespace library
+}  // namespace session

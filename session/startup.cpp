@@ -1,6 +1,6 @@
 // Start-up steps in their order; see startup.h. The entry test opens the file with the session's
 // own stream opening, on the main thread, while no session exists.
-#include "library/startup.h"
+#include "session/startup.h"
 
 #include <strings.h>
 
@@ -12,13 +12,15 @@
 #include "session/session.h"
 #include "session/stream.h"
 
-namespace library {
+namespace session {
 
-int32_t start_up_settings(const char* command_line, bool shift_held, const WorkArea& area, StartPlacement& out,
+int32_t start_up_settings(const char* command_line, bool shift_held, const library::WorkArea& area, StartPlacement& out,
                           const std::string& file) {
-  session::detect_cpu();
+  using namespace library;
+  detect_cpu();
   StartupRecord record;
-  load_settings(file.empty() ? settings_file_path() : file, record);
+  load_settings(file.empty() ? settings_file_path() : file, record, cpu_family);
+  state.session_emphasis = options.emphasis;
   int32_t x = record.x, y = record.y;
   place_main_window(x, y, settings.style, area);
   clamp_settings(x, y);
@@ -45,18 +47,17 @@ std::string join_command_line(int argc, const char* const* argv) {
 }
 
 bool entry_playable(const char* path, EntryPassed on_pass, void* context) {
-  if (session::state.decoder_running.load(std::memory_order_relaxed) ||
-      session::state.file_job_active.load(std::memory_order_relaxed))
+  if (state.decoder_running.load(std::memory_order_relaxed) || state.file_job_active.load(std::memory_order_relaxed))
     return false;
   if (strncasecmp(path, "http://", 7) == 0 || strncasecmp(path, "mms://", 6) == 0) return false;
   std::FILE* file = std::fopen(path, "rb");
   if (!file) return false;
-  std::FILE* saved = session::reader.file;
-  session::reader.file = file;
-  session::reset_frame_reader();
-  bool ok = session::open_stream() == session::STREAM_OK;
+  std::FILE* saved = reader.file;
+  reader.file = file;
+  reset_frame_reader();
+  bool ok = open_stream() == STREAM_OK;
   if (ok && on_pass) on_pass(context);
-  session::reader.file = saved;
+  reader.file = saved;
   std::fclose(file);
   return ok;
 }
@@ -68,6 +69,7 @@ bool default_test(const char* path, void*) { return entry_playable(path); }
 }  // namespace
 
 int32_t validate_start_entry(EntryTest test, void* context) {
+  using namespace library;
   if (!test) test = default_test;
   int32_t i = playlist.current_entry.load(std::memory_order_relaxed);
   if (i < 0 || i >= PLAYLIST_SLOTS) i = 0;
@@ -84,4 +86,4 @@ int32_t validate_start_entry(EntryTest test, void* context) {
   return i;
 }
 
-}  // namespace library
+}  // namespace session
