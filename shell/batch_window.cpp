@@ -61,6 +61,13 @@ library::BatchChoices choices() {
   library::BatchChoices c;
   c.out_dir = out_dir(bw->list.mode);
   c.rate = DEFAULT_RESAMPLE_RATE;
+  // The window's new encode rows are Layer III, model 2, marked original; the command line's batch
+  // keeps the single encode command's defaults, so that its rows match that command's output.
+  if (bw->list.mode == library::BATCH_ENCODE) {
+    c.layer = 3;
+    c.psy_model = 2;
+    c.flags = "---o-";
+  }
   if (!bw->list.entries.empty() && bw->list.mode == library::BATCH_DECODE) {
     c.ext_filter = library::batch_decode_format(bw->list.entries[0]);
   }

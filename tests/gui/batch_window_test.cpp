@@ -107,7 +107,7 @@ TEST(BatchWindow, ThreeModesFillSaveLoadAndConvertLikeTheCli) {
     std::string name = dir.file("wav/w" + std::to_string(i));
     test::run("sox -q -n -r 44100 -c 2 -b 16 '" + name + ".wav' synth 60 sine " + std::to_string(300 + 50 * i) +
               " vol 0.3");
-    encoded.push_back(name + ".mp2");
+    encoded.push_back(name + ".mp3");
   }
   for (int i = 0; i < 2; ++i) {
     std::string name = dir.file("mp3/m" + std::to_string(i));
@@ -164,7 +164,7 @@ TEST(BatchWindow, ThreeModesFillSaveLoadAndConvertLikeTheCli) {
   EXPECT_EQ(test::read_file(dir.file("enc_after.m3e")), test::read_file(dir.file("enc.m3e")));
   std::vector<std::string> kept = encoded;
   kept.erase(kept.begin() + 5);
-  expect_same_as_cli(dir, dir.file("enc.m3e"), "--mode encode", kept);
+  expect_same_as_cli(dir, dir.file("enc.m3e"), "--mode encode --layer 3 --model 2 --original", kept);
 }
 
 }  // namespace
