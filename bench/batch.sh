@@ -5,15 +5,8 @@
 # processor-count run's wall time over each of the other two and each run's processor time, and
 # checks that both batch runs wrote the same bytes.
 set -euo pipefail
-cd "$(dirname "$0")/.."
-cli=$(realpath "${TOVRA_CLI:-build/release/tovra-cli}")
-for tool in sox lame mpg123 hyperfine; do
-  command -v "$tool" >/dev/null || { echo "batch: $tool is not installed, skipped"; exit 0; }
-done
-[ -x "$cli" ] || { echo "batch: build $cli first (cmake --build --preset release)"; exit 1; }
-
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/common.sh"
+bench_start batch "${1:-}" sox lame mpg123 hyperfine
 mkdir "$work/in" "$work/one" "$work/many" "$work/mpg123"
 sox -R -q -n -r 44100 -c 2 -b 16 "$work/src.wav" synth 30 sine 110-880 sine 165-1320 synth pinknoise mix vol 0.2
 lame --quiet -m j -b 128 "$work/src.wav" "$work/in/00.mp3"

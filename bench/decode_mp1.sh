@@ -8,18 +8,10 @@
 #
 # Usage: bench/decode_mp1.sh [path/to/tovra-cli]   (default: build/release/tovra-cli)
 set -euo pipefail
-
-here="$(cd "$(dirname "$0")/.." && pwd)"
-cli="${1:-$here/build/release/tovra-cli}"
+source "$(dirname "$0")/common.sh"
+bench_start decode_mp1 "${1:-}" mpg123 hyperfine python3
 vector="$here/../shared/vectors/l1-fl6.bit"
-for tool in mpg123 hyperfine python3; do
-  command -v "$tool" >/dev/null || { echo "decode_mp1: $tool is not installed" >&2; exit 2; }
-done
-[ -x "$cli" ] || { echo "decode_mp1: no tovra-cli at $cli (build the release preset first)" >&2; exit 2; }
-[ -r "$vector" ] || { echo "decode_mp1: no conformance stream at $vector" >&2; exit 2; }
-
-work="$(mktemp -d)"
-trap 'rm -rf "$work"' EXIT
+[ -r "$vector" ] || { echo "decode_mp1: no conformance stream at $vector, skipped"; exit 0; }
 
 for _ in $(seq 700); do cat "$vector"; done > "$work/in.mp1"
 

@@ -7,16 +7,8 @@
 #
 # Usage: bench/decode_mp2.sh [path/to/tovra-cli]   (default: build/release/tovra-cli)
 set -euo pipefail
-
-here="$(cd "$(dirname "$0")/.." && pwd)"
-cli="${1:-$here/build/release/tovra-cli}"
-for tool in sox twolame mpg123 hyperfine python3; do
-  command -v "$tool" >/dev/null || { echo "decode_mp2: $tool is not installed" >&2; exit 2; }
-done
-[ -x "$cli" ] || { echo "decode_mp2: no tovra-cli at $cli (build the release preset first)" >&2; exit 2; }
-
-work="$(mktemp -d)"
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/common.sh"
+bench_start decode_mp2 "${1:-}" sox twolame mpg123 hyperfine python3
 
 sox -q -n -r 44100 -c 2 -b 16 "$work/in.wav" synth 300 pinknoise sine 440 sine 3000 vol 0.4
 twolame --quiet -b 192 "$work/in.wav" "$work/in.mp2"

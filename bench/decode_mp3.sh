@@ -5,15 +5,8 @@
 # wall clock and processor time (user + system, steadier on a busy machine), and the checksum of
 # TOVRA's output, which must not change when the decoder is made faster.
 set -euo pipefail
-cd "$(dirname "$0")/.."
-cli=${TOVRA_CLI:-build/release/tovra-cli}
-for tool in sox lame mpg123 hyperfine; do
-  command -v "$tool" >/dev/null || { echo "decode_mp3: $tool is not installed, skipped"; exit 0; }
-done
-[ -x "$cli" ] || { echo "decode_mp3: build $cli first (cmake --build --preset release)"; exit 1; }
-
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/common.sh"
+bench_start decode_mp3 "${1:-}" sox lame mpg123 hyperfine
 # Music-like input: a slow chord sweep over pink noise, different in the two channels.
 sox -R -q -n -r 44100 -c 2 -b 16 "$work/src.wav" synth 300 sine 110-880 sine 165-1320 synth pinknoise mix vol 0.2
 lame --quiet -m j -b 128 "$work/src.wav" "$work/in.mp3"

@@ -10,16 +10,8 @@
 #
 # Usage: bench/encode_quality.sh [path/to/tovra-cli]   (default: build/release/tovra-cli)
 set -euo pipefail
-
-here="$(cd "$(dirname "$0")/.." && pwd)"
-cli="${1:-$here/build/release/tovra-cli}"
-for tool in sox twolame lame mpg123 python3; do
-  command -v "$tool" >/dev/null || { echo "encode_quality: $tool is not installed" >&2; exit 2; }
-done
-[ -x "$cli" ] || { echo "encode_quality: no tovra-cli at $cli (build the release preset first)" >&2; exit 2; }
-
-work="$(mktemp -d)"
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/common.sh"
+bench_start encode_quality "${1:-}" sox twolame lame mpg123 python3
 
 make() { sox -q -n -r 44100 -c 2 -b 16 "$work/$1.wav" synth 10 "${@:2}"; }
 make sine sine 1000 vol 0.5

@@ -9,16 +9,9 @@
 # BENCH_SECONDS (60) seconds and is then stopped as a user would stop it; BENCH_SECONDS=300 plays
 # the whole file. Prints TOVRA's share of a core over ffplay's.
 set -euo pipefail
-cd "$(dirname "$0")/.."
-cli=${TOVRA_CLI:-build/release/tovra-cli}
+source "$(dirname "$0")/common.sh"
 seconds=${BENCH_SECONDS:-60}
-for tool in sox lame python3; do
-  command -v "$tool" >/dev/null || { echo "play_cpu: $tool is not installed, skipped"; exit 0; }
-done
-[ -x "$cli" ] || { echo "play_cpu: build $cli first (cmake --build --preset release)"; exit 1; }
-
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+bench_start play_cpu "${1:-}" sox lame python3
 # Music-like input: a slow chord sweep over pink noise, different in the two channels.
 sox -R -q -n -r 44100 -c 2 -b 16 "$work/src.wav" synth 300 sine 110-880 sine 165-1320 synth pinknoise mix vol 0.2
 lame --quiet -m j -b 128 "$work/src.wav" "$work/in.mp3"

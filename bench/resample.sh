@@ -3,14 +3,8 @@
 # sinc taps) and with quality 0 (linear), against sox's default rate conversion, in one hyperfine
 # run. Prints each time's ratio to sox's (below 1 means faster than sox).
 set -euo pipefail
-cd "$(dirname "$0")/.."
-cli=${TOVRA_CLI:-build/release/tovra-cli}
-[ -x "$cli" ] || { echo "build tovra-cli first (cmake --build --preset release)" >&2; exit 1; }
-for tool in sox hyperfine python3; do
-  command -v "$tool" >/dev/null || { echo "$tool is not installed" >&2; exit 1; }
-done
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/common.sh"
+bench_start resample "${1:-}" sox hyperfine python3
 
 # Music-like input: a sweep, a tone and some noise, 300 s, 16-bit stereo (-R: the same every run).
 sox -R -q -n -r 44100 -c 2 -b 16 "$work/in.wav" synth 300 sine 220-880 sine 1000 whitenoise \
