@@ -5,11 +5,13 @@
 
 #include <X11/Xlib.h>
 #include <gdk/gdkx.h>
+#include <glib-unix.h>
 #include <gtk/gtk.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -714,11 +716,14 @@ gboolean close_after_batch(gpointer) {
   return G_SOURCE_REMOVE;
 }
 
-void close_command() {
+// quiet: the system asked the program to end (SIGTERM, SIGINT, SIGHUP), and nobody is there to answer a
+// question; a running job is cancelled and its output removed as a cancel does.
+void close_command(bool quiet) {
   if (app.closing_after_batch) return;
   // A batch has no progress dialog of its own: a running one asks as a running job does.
   bool converting = session::window_open(session::WINDOW_PROGRESS) || batch_window_running();
-  if (converting && show_box(session::TEXT_BUSY_CONVERTING, nullptr, session::BOX_YES_NO) != session::ANSWER_YES)
+  if (converting && !quiet &&
+      show_box(session::TEXT_BUSY_CONVERTING, nullptr, session::BOX_YES_NO) != session::ANSWER_YES)
     return;
   // The batch's rows end (their outputs settled, the forked ones too) before the program does.
   if (!end_batch_window()) {
@@ -737,7 +742,7 @@ void command(int32_t id, int32_t tag) {
   library::Settings& s = cfg();
   switch (id) {
     case CMD_CLOSE:
-      close_command();
+      close_command(tag == 1);
       break;
     case CMD_ABOUT:
       run_about_dialog(GTK_WINDOW(app.window));
@@ -1522,6 +1527,16 @@ int32_t process_entry(int argc, char** argv) {
   g_signal_connect(app.window, "window-state-event", G_CALLBACK(on_window_state), nullptr);
   g_signal_connect(app.window, "delete-event", G_CALLBACK(on_delete), nullptr);
   g_signal_connect(app.window, "destroy", G_CALLBACK(on_destroy), nullptr);
+  // A logout or `kill` ends the program the way its close button does, settings saved, without
+  // the question a running conversion would ask.
+  for (int signal_number : {SIGTERM, SIGINT, SIGHUP})
+    g_unix_signal_add(
+        signal_number,
+        +[](gpointer) -> gboolean {
+          post_command(CMD_CLOSE, 1);
+          return G_SOURCE_CONTINUE;
+        },
+        nullptr);
   static const GtkTargetEntry uri_target = {const_cast<gchar*>("text/uri-list"), 0, 0};
   gtk_drag_dest_set(app.window, GTK_DEST_DEFAULT_ALL, &uri_target, 1, GDK_ACTION_COPY);
   g_signal_connect(app.window, "drag-data-received", G_CALLBACK(on_drop), nullptr);
